@@ -1,0 +1,190 @@
+#include "platform/dispatch/DispatchQueue.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <semaphore>
+#include <thread>
+
+namespace tandor {
+namespace {
+
+class FreeQueue final : public DispatchQueue {
+ public:
+  explicit FreeQueue(std::string_view label) noexcept : DispatchQueue(label, nullptr) {}
+
+  void async(Block block) override {
+    const std::scoped_lock lock(mutex_);
+    blocks_.push_back(std::move(block));
+    if (std::exchange(isRunning_, true)) return;
+    scheduleDrain();
+  }
+
+ private:
+  void runSync(SyncBlock block) override {
+    if (isCurrent()) {
+      block();
+      return;
+    }
+    {
+      std::unique_lock lock(mutex_);
+      if (isRunning_) {
+        std::promise<void> done;
+        blocks_.emplace_back([&] {
+          block();
+          done.set_value();
+        });
+        lock.unlock();
+        done.get_future().wait();
+        return;
+      }
+      isRunning_ = true;
+    }
+    runAsCurrent(block);
+    const std::scoped_lock lock(mutex_);
+    if (blocks_.empty()) {
+      isRunning_ = false;
+    } else {
+      scheduleDrain();
+    }
+  }
+
+  template <typename Function>
+  void runAsCurrent(Function& function) const {
+    const DispatchQueue* outer = std::exchange(current_, this);
+    function();
+    current_ = outer;
+  }
+
+  void scheduleDrain() {
+    GlobalQueue::shared().async(
+        [self = std::static_pointer_cast<FreeQueue>(shared_from_this())] { self->drain(); });
+  }
+
+  void drain() {
+    std::unique_lock lock(mutex_);
+    while (!blocks_.empty()) {
+      {
+        Block block = std::move(blocks_.front());
+        blocks_.pop_front();
+        lock.unlock();
+        runAsCurrent(block);
+      }  // what the block captured goes before the next one runs, and outside the lock
+      lock.lock();
+    }
+    isRunning_ = false;
+  }
+
+  std::mutex mutex_;
+  std::deque<Block> blocks_;  // guarded by mutex_
+  bool isRunning_ = false;    // guarded by mutex_: a block runs, or a drain is on its way
+};
+
+class PinnedQueue final : public DispatchQueue {
+ public:
+  PinnedQueue(std::string_view label, std::shared_ptr<LoopAffinity> affinity) noexcept
+      : DispatchQueue(label, std::move(affinity)) {}
+
+  void async(Block block) override {
+    waiting_.fetch_add(1, std::memory_order_relaxed);
+    affinity()->loop().post(
+        [self = std::static_pointer_cast<PinnedQueue>(shared_from_this()),
+         run = std::move(block)]() mutable {
+          self->waiting_.fetch_sub(1, std::memory_order_relaxed);
+          run();
+        },
+        this);
+  }
+
+ private:
+  void runSync(SyncBlock block) override {
+    EventLoop& loop = affinity()->loop();
+    if (loop.isCurrent()) {
+      if (waiting_.load(std::memory_order_relaxed) != 0) loop.runPosted(*this);
+      block();
+      return;
+    }
+    std::promise<void> done;
+    loop.post(
+        [&] {
+          block();
+          done.set_value();
+        },
+        this);
+    done.get_future().wait();
+  }
+
+  std::atomic<std::uint32_t> waiting_{0};
+};
+
+}  // namespace
+
+std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string_view label) {
+  return std::make_shared<FreeQueue>(label);
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string_view label,
+                                                     std::shared_ptr<LoopAffinity> affinity) {
+  if (affinity == nullptr) return serial(label);
+  return std::make_shared<PinnedQueue>(label, std::move(affinity));
+}
+
+/// Threads are added while every one is busy, so that blocks which wait do not starve the others.
+struct GlobalQueue::Pool {
+  static constexpr std::size_t maximumThreads = 64;
+
+  void run() {
+    std::unique_lock lock(mutex);
+    for (;;) {
+      ++idle;
+      wake.wait(lock, [this] { return !blocks.empty(); });
+      --idle;
+      {
+        DispatchQueue::Block block = std::move(blocks.front());
+        blocks.pop_front();
+        lock.unlock();
+        block();
+      }
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<DispatchQueue::Block> blocks;
+  std::size_t idle = 0;
+  std::size_t threads = 0;
+};
+
+GlobalQueue::GlobalQueue() : pool_(std::make_unique<Pool>()) {}
+GlobalQueue::~GlobalQueue() = default;
+
+GlobalQueue& GlobalQueue::shared() {
+  // Never destroyed: its threads run until the process ends.
+  static GlobalQueue& queue = *new GlobalQueue;  // NOLINT(cppcoreguidelines-owning-memory)
+  return queue;
+}
+
+void GlobalQueue::async(DispatchQueue::Block block) {
+  Pool& pool = *pool_;
+  const std::scoped_lock lock(pool.mutex);
+  pool.blocks.push_back(std::move(block));
+  if (pool.idle < pool.blocks.size() && pool.threads < Pool::maximumThreads) {
+    ++pool.threads;
+    std::thread([&pool] { pool.run(); }).detach();
+  } else {
+    pool.wake.notify_one();
+  }
+}
+
+void dispatch_main() {
+  for (;;) {
+    static std::binary_semaphore never(0);
+    never.acquire();
+  }
+}
+
+}  // namespace tandor

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <utility>
+
+namespace tandor {
+
+/// Memory that Data values share. The last Data to let go disposes of it, on whichever thread that
+/// happens; a pool can therefore take its buffers back by overriding dispose().
+class DataStorage {
+ public:
+  DataStorage() = default;
+  DataStorage(const DataStorage&) = delete;
+  DataStorage& operator=(const DataStorage&) = delete;
+
+  void retain() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }
+  void release() noexcept {
+    // A sole owner needs no read-modify-write: nobody else can gain a reference meanwhile.
+    if (references_.load(std::memory_order_acquire) == 1 ||
+        references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+      references_.store(0, std::memory_order_relaxed);
+      dispose();
+    }
+  }
+
+ protected:
+  virtual ~DataStorage() = default;
+  /// Called once, when the last reference went; frees the storage or returns it to its pool.
+  virtual void dispose() noexcept = 0;
+
+ private:
+  std::atomic<std::uint32_t> references_{0};
+};
+
+/// A contiguous byte range, held by value: immutable, possibly empty, cheap to copy and to slice
+/// because copies share their storage. Safe to hand between threads. Absence is
+/// std::optional<Data>.
+class Data {
+ public:
+  Data() noexcept = default;
+
+  /// A range inside `storage`, which it keeps alive.
+  Data(DataStorage& storage, const std::uint8_t* first, std::size_t count) noexcept
+      : storage_(&storage), first_(first), count_(count) {
+    storage.retain();
+  }
+
+  Data(const Data& other) noexcept
+      : storage_(other.storage_), first_(other.first_), count_(other.count_) {
+    if (storage_ != nullptr) storage_->retain();
+  }
+  Data(Data&& other) noexcept
+      : storage_(std::exchange(other.storage_, nullptr)),
+        first_(std::exchange(other.first_, nullptr)),
+        count_(std::exchange(other.count_, 0)) {}
+  Data& operator=(Data other) noexcept {
+    std::swap(storage_, other.storage_);
+    std::swap(first_, other.first_);
+    std::swap(count_, other.count_);
+    return *this;
+  }
+  ~Data() {
+    if (storage_ != nullptr) storage_->release();
+  }
+
+  [[nodiscard]] static Data copying(std::span<const std::uint8_t> bytes);
+  [[nodiscard]] static Data copying(std::string_view text);
+
+  [[nodiscard]] std::size_t count() const noexcept { return count_; }
+  [[nodiscard]] bool isEmpty() const noexcept { return count_ == 0; }
+
+  /// The bytes, valid while this value or a copy of it lives.
+  [[nodiscard]] std::span<const std::uint8_t> bytes() const noexcept { return {first_, count_}; }
+  /// The same bytes as characters, of whatever encoding they are.
+  [[nodiscard]] std::string_view characters() const noexcept;
+
+  /// `count` bytes from `offset` on, sharing the storage; the range must lie inside this one.
+  [[nodiscard]] Data slice(std::size_t offset, std::size_t count) const noexcept;
+
+  /// Extends this range by `next` when `next` begins where it ends in the same storage.
+  /// Returns false, and changes nothing, when it does not.
+  [[nodiscard]] bool absorb(const Data& next) noexcept {
+    if (storage_ == nullptr || storage_ != next.storage_ || first_ + count_ != next.first_)
+      return false;
+    count_ += next.count_;
+    return true;
+  }
+  /// Drops the first `count` bytes, at most all of them.
+  void removeFirst(std::size_t count) noexcept {
+    first_ += count;
+    count_ -= count;
+  }
+
+  friend bool operator==(const Data& left, const Data& right) noexcept;
+
+ private:
+  DataStorage* storage_ = nullptr;
+  const std::uint8_t* first_ = nullptr;
+  std::size_t count_ = 0;
+};
+
+}  // namespace tandor

@@ -1,0 +1,72 @@
+#include "platform/foundation/NSLog.h"
+
+#include <atomic>
+#include <chrono>
+#include <errno.h>
+#include <iterator>
+#include <mutex>
+#include <unistd.h>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+namespace tandor {
+namespace {
+
+std::atomic<NSLogSink> installedSink{nullptr};
+
+/// A small number for the calling thread, in the order in which threads first logged.
+unsigned threadNumber() {
+  static std::atomic<unsigned> last{0};
+  thread_local const unsigned number = ++last;
+  return number;
+}
+
+/// The local date and time down to the second; formatting it is the dear part of a line.
+std::string_view localTime(std::chrono::sys_seconds second) {
+  thread_local std::chrono::sys_seconds cachedSecond{};
+  thread_local fmt::memory_buffer cached;
+  if (cached.size() == 0 || second != cachedSecond) {
+    cached.clear();
+    fmt::format_to(std::back_inserter(cached), "{:%Y-%m-%d %H:%M:%S}",
+                   fmt::localtime(std::chrono::system_clock::to_time_t(second)));
+    cachedSecond = second;
+  }
+  return {cached.data(), cached.size()};
+}
+
+void writeWhole(std::string_view line) {
+  // One call writes a line whole in practice; the mutex keeps the rest of an interrupted line with
+  // its beginning.
+  static std::mutex mutex;
+  const std::scoped_lock lock(mutex);
+  while (!line.empty()) {
+    const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    line.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+}  // namespace
+
+void NSLog(std::string_view message) {
+  if (const NSLogSink sink = installedSink.load(std::memory_order_acquire); sink != nullptr) {
+    sink(message);
+    return;
+  }
+  const auto now = std::chrono::system_clock::now();
+  const auto second = std::chrono::floor<std::chrono::seconds>(now);
+  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now - second).count();
+  static const pid_t pid = ::getpid();
+  fmt::memory_buffer line;
+  fmt::format_to(std::back_inserter(line), "{}.{:06} tandor-provider[{}:{}] {}\n",
+                 localTime(second), micros, pid, threadNumber(), message);
+  writeWhole({line.data(), line.size()});
+}
+
+void setNSLogSink(NSLogSink sink) noexcept {
+  installedSink.store(sink, std::memory_order_release);
+}
+
+}  // namespace tandor
