@@ -1,0 +1,147 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "connection/ConnectionTypes.h"
+#include "connection/TandorProxyError.h"
+#include "platform/dispatch/DispatchQueue.h"
+#include "platform/foundation/Data.h"
+#include "platform/foundation/NSError.h"
+#include "platform/foundation/UUID.h"
+#include "platform/network/NWConnection.h"
+
+namespace tandor {
+
+class TandorProxyConnection;
+
+/// The party that is told when a proxy connection closes.
+class TandorProxyConnectionDelegate {
+ public:
+  TandorProxyConnectionDelegate() = default;
+  TandorProxyConnectionDelegate(const TandorProxyConnectionDelegate&) = delete;
+  TandorProxyConnectionDelegate& operator=(const TandorProxyConnectionDelegate&) = delete;
+  virtual ~TandorProxyConnectionDelegate() = default;
+
+  /// Called at every close, possibly several times, on the thread that closes; the last call may
+  /// come from the connection's destructor, so `connection` counts only as an identity, and only
+  /// during the call.
+  virtual void proxyConnectionDidClose(const TandorProxyConnection& connection) = 0;
+};
+
+/// The relay of one flow: opens the outbound connection, in proxy mode inspects the first bytes and
+/// decides the route, moves bytes both ways, and closes the flow when either side ends or fails.
+///
+/// All of its state lives on its own queue, nwQueue: outbound handlers run there anyway, flow
+/// completions are carried there, start() and closeAllConnWithError() enter it synchronously. The
+/// provider's registry owns it until proxyConnectionDidClose; pending flow operations and sends own
+/// it until they have completed. Objects are equal only to themselves.
+class TandorProxyConnection final : public std::enable_shared_from_this<TandorProxyConnection> {
+  struct MakeOnly {};
+
+ public:
+  /// A connection in the state ready; nothing is opened or read yet.
+  [[nodiscard]] static std::shared_ptr<TandorProxyConnection> make(ConnectionMode mode,
+                                                                   ConnectionNetwork network) {
+    return std::make_shared<TandorProxyConnection>(MakeOnly{}, std::move(mode), std::move(network));
+  }
+  TandorProxyConnection(MakeOnly, ConnectionMode mode, ConnectionNetwork network);
+  TandorProxyConnection(const TandorProxyConnection&) = delete;
+  TandorProxyConnection& operator=(const TandorProxyConnection&) = delete;
+  /// Closes the flow, whatever happened before, and tells the delegate.
+  ~TandorProxyConnection();
+
+  /// Before start().
+  void setIsDebug(bool isDebug) noexcept { isDebug_ = isDebug; }
+  void setDelegate(std::weak_ptr<TandorProxyConnectionDelegate> delegate) noexcept {
+    delegate_ = std::move(delegate);
+  }
+
+  /// Begins the relay. Called once, by any thread but another connection's loop.
+  void start();
+  /// Ends the outbound connection and closes the flow, with the error if there is one; both have
+  /// happened when it returns. Any thread but another connection's loop.
+  void closeAllConnWithError(const std::optional<NSError>& error);
+
+  // To be read on nwQueue, or while nothing runs.
+  [[nodiscard]] bool isDebug() const noexcept { return isDebug_; }
+  [[nodiscard]] const ConnectionNetwork& network() const noexcept { return network_; }
+  [[nodiscard]] const std::shared_ptr<NWConnection>& connection() const noexcept {
+    return connection_;
+  }
+  [[nodiscard]] ConnectionState state() const noexcept { return state_; }
+  [[nodiscard]] const ConnectionMode& mode() const noexcept { return mode_; }
+  [[nodiscard]] const UUID& identifier() const noexcept { return identifier_; }
+  [[nodiscard]] bool flowHandled() const noexcept { return flowHandled_; }
+  [[nodiscard]] DispatchQueue& nwQueue() const noexcept { return *nwQueue_; }
+
+  /// Host names that always go direct; a name that contains one of them does, too.
+  static constexpr std::array<std::string_view, 2> whiteListHostNames = {"accounts.tandor.cloud",
+                                                                         "gnome.org"};
+
+ private:
+  using StartResult = std::expected<void, TandorProxyError>;
+
+  /// The most that one receive brings from the outbound connection, in bytes.
+  static constexpr std::size_t maximumReceiveLength = 2048;
+
+  // Lifecycle.cpp
+  void cancelNWConnection();
+  void closeFlowWithError(const std::optional<NSError>& error);
+  /// The cancel step, then the close of the flow: how every connection ends.
+  void endWithError(const std::optional<NSError>& error);
+  /// Whether a completion still matters: those of a cancelled or replaced connection do nothing.
+  [[nodiscard]] bool isCurrent(const NWConnection* connection) const noexcept {
+    return connection_.get() == connection;
+  }
+
+  // Route.cpp
+  void startHttpProxy(const NWEndpoint& endPoint);
+  void handleClientHello();
+  void decideRoute(NEAppProxyTCPFlow& flow, Data firstData);
+  void requestTunnel(const std::string& hostname, const std::string& port, Data firstData);
+  [[nodiscard]] static bool checkShouldFallbackToDirectMode(std::string_view hostname);
+  void toDirectMode(std::string_view reason, std::optional<Data> firstData);
+  [[nodiscard]] static std::optional<std::string> parseTlsHeader(const Data& data);
+
+  // Direct.cpp
+  [[nodiscard]] StartResult startDirectly(std::optional<NWInterface> interface,
+                                          std::optional<Data> firstData);
+  [[nodiscard]] static std::shared_ptr<NWConnection> newNWConnection(const NWNetwork& network);
+  using TunnelCompletion = std::move_only_function<void(bool isEstablished)>;
+  /// Receives the proxy's reply once. The completion is dropped with this connection's interest.
+  void handleConnectRequestServerResponseCompletion(TunnelCompletion completion);
+
+  // Relay.cpp
+  void startRelay(std::optional<Data> firstData);
+  void copyFlowDataToNWConnection(std::optional<Data> firstData);
+  void copyNWConnectionDataToFlow();
+  void readFlowData();
+  void sendChunk(Data chunk);
+  void flowReadCompleted(std::optional<Data> data, const std::optional<NSError>& error);
+  void sendCompleted(const std::optional<NSError>& error);
+  void received(std::optional<Data> data, bool isComplete, const std::optional<NSError>& error);
+  void writeFlowData(Data data, bool isComplete);
+  void flowWriteCompleted(bool isComplete, const std::optional<NSError>& error);
+
+  bool isDebug_ = false;
+  const ConnectionNetwork network_;
+  std::shared_ptr<NWConnection> connection_;
+  ConnectionState state_ = ConnectionState::ready;
+  ConnectionMode mode_;
+  const UUID identifier_ = UUID::random();
+  std::weak_ptr<TandorProxyConnectionDelegate> delegate_;
+  bool flowHandled_ = false;
+  const std::shared_ptr<DispatchQueue> nwQueue_;
+  /// Datagrams of the last flow read that wait for their turn to be sent, last one first.
+  std::vector<Data> datagramsToSend_;
+};
+
+}  // namespace tandor
