@@ -1,0 +1,215 @@
+#include "platform/linux/ControlServer.h"
+
+#include <chrono>
+#include <future>
+#include <utility>
+
+#include <asio/local/stream_protocol.hpp>
+#include <asio/post.hpp>
+#include <asio/read_until.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/streambuf.hpp>
+#include <asio/write.hpp>
+#include <nlohmann/json.hpp>
+
+#include "platform/foundation/NSLog.h"
+#include "platform/linux/ControlSocket.h"
+
+namespace tandor {
+
+using asio::local::stream_protocol;
+using nlohmann::json;
+
+namespace {
+
+/// Longer lines end the connection: nobody sends a configuration of a mebibyte.
+constexpr std::size_t longestLine = std::size_t{1} << 20;
+/// Unread replies that a client may leave behind before it counts as gone.
+constexpr std::size_t mostUnsent = std::size_t{4} << 20;
+/// How long the process may wait for a reply to be handed to the kernel.
+constexpr auto replyPatience = std::chrono::seconds(1);
+
+std::string replyLine(json reply) {
+  return reply.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+/// One connected client. All but the constructor on the service thread.
+class ControlClient : public std::enable_shared_from_this<ControlClient> {
+ public:
+  ControlClient(ServiceThread& service, stream_protocol::socket socket,
+                const ControlServer::Handler& handler)
+      : service_(service), socket_(std::move(socket)), input_(longestLine), handler_(handler) {}
+
+  void readLine() {
+    asio::async_read_until(
+        socket_, input_, '\n',
+        [self = shared_from_this()](const asio::error_code& error, std::size_t length) {
+          if (error) {
+            self->rejectIfTooLong(error);
+            return;
+          }
+          const auto data = self->input_.data();
+          const std::string line(asio::buffers_begin(data),
+                                 asio::buffers_begin(data) + static_cast<std::ptrdiff_t>(length));
+          self->input_.consume(length);
+          ControlServer::handleLine(self, self->handler_, line);
+          self->readLine();
+        });
+  }
+
+  /// Hands as much as possible to the kernel at once; the rest follows when there is room.
+  void write(std::string line) {
+    if (!socket_.is_open()) return;
+    unsent_ += std::move(line);
+    if (unsent_.size() > mostUnsent) {
+      asio::error_code ignored;
+      socket_.close(ignored);
+      return;
+    }
+    if (!isWriting_) writeSome();
+  }
+
+  [[nodiscard]] ServiceThread& service() noexcept { return service_; }
+
+ private:
+  void rejectIfTooLong(const asio::error_code& error) {
+    if (error == asio::error::not_found) {
+      write(replyLine({{"id", nullptr},
+                       {"error",
+                        {{"code", static_cast<std::int64_t>(ControlError::malformed)},
+                         {"description", "the line is longer than a mebibyte"}}}}));
+    }
+  }
+
+  void writeSome() {
+    asio::error_code error;
+    const std::size_t count = socket_.write_some(asio::buffer(unsent_), error);
+    unsent_.erase(0, count);
+    if (error && error != asio::error::would_block) {
+      socket_.close(error);
+      return;
+    }
+    if (unsent_.empty()) return;
+    isWriting_ = true;
+    socket_.async_wait(stream_protocol::socket::wait_write,
+                       [self = shared_from_this()](const asio::error_code& waitError) {
+                         self->isWriting_ = false;
+                         if (!waitError) self->writeSome();
+                       });
+  }
+
+  ServiceThread& service_;
+  stream_protocol::socket socket_;
+  asio::streambuf input_;
+  std::string unsent_;
+  bool isWriting_ = false;
+  const ControlServer::Handler handler_;
+};
+
+/// Accepts clients as long as the server lives.
+class ControlServer::Acceptor : public std::enable_shared_from_this<Acceptor> {
+ public:
+  Acceptor(ServiceThread& service, FileDescriptor listener, Handler handler)
+      : service_(service),
+        acceptor_(service.context(), stream_protocol(), listener.release()),
+        retry_(service.context()),
+        handler_(std::move(handler)) {}
+
+  void accept() {
+    acceptor_.async_accept(
+        [self = shared_from_this()](const asio::error_code& error, stream_protocol::socket socket) {
+          if (!self->acceptor_.is_open()) return;
+          if (error) {
+            // Out of descriptors, most likely: try again in a moment instead of spinning.
+            self->retry_.expires_after(std::chrono::milliseconds(100));
+            self->retry_.async_wait([self](const asio::error_code& cancelled) {
+              if (!cancelled) self->accept();
+            });
+            return;
+          }
+          if (isPeerTrusted(socket.native_handle())) {
+            socket.non_blocking(true);
+            std::make_shared<ControlClient>(self->service_, std::move(socket), self->handler_)
+                ->readLine();
+          } else {
+            NSLog("control: refused a client of another user");
+          }
+          self->accept();
+        });
+  }
+
+  void end() {
+    asio::post(acceptor_.get_executor(), [self = shared_from_this()] {
+      asio::error_code ignored;
+      self->acceptor_.close(ignored);
+      self->retry_.cancel();
+    });
+  }
+
+ private:
+  ServiceThread& service_;
+  stream_protocol::acceptor acceptor_;
+  asio::steady_timer retry_;
+  const Handler handler_;
+};
+
+ControlServer::ControlServer(ServiceThread& service, FileDescriptor listener, Handler handler)
+    : acceptor_(std::make_shared<Acceptor>(service, std::move(listener), std::move(handler))) {
+  asio::post(service.context(), [acceptor = acceptor_] { acceptor->accept(); });
+}
+
+ControlServer::~ControlServer() {
+  acceptor_->end();
+}
+
+void ControlServer::handleLine(const std::shared_ptr<ControlClient>& client, const Handler& handler,
+                               std::string_view line) {
+  const json request = json::parse(line, nullptr, /*allow_exceptions=*/false);
+  if (!request.is_object()) {
+    Reply(client, "null").fail(ControlError::malformed, "not a JSON object");
+    return;
+  }
+  const auto id = request.find("id");
+  const Reply reply(client, id == request.end() ? "null" : id->dump());
+  const auto call = request.find("call");
+  if (call == request.end() || !call->is_string()) {
+    reply.fail(ControlError::malformed, "the member \"call\" is missing");
+    return;
+  }
+  handler(call->get<std::string>(), request, reply);
+}
+
+void ControlServer::Reply::succeed() const {
+  send({{"error", nullptr}});
+}
+
+void ControlServer::Reply::succeed(const json& members) const {
+  json reply = members;
+  reply["error"] = nullptr;
+  send(std::move(reply));
+}
+
+void ControlServer::Reply::fail(std::int64_t code, std::string_view description) const {
+  send({{"error", {{"code", code}, {"description", description}}}});
+}
+
+void ControlServer::Reply::send(json reply) const {
+  reply["id"] = json::parse(id_);
+  std::string line = replyLine(std::move(reply));
+  ServiceThread& service = client_->service();
+  if (service.isCurrent()) {
+    client_->write(std::move(line));
+    return;
+  }
+  // The process may end right after a reply, so the caller waits until it has left.
+  const auto written = std::make_shared<std::promise<void>>();
+  asio::post(service.context(), [client = client_, written, line = std::move(line)]() mutable {
+    client->write(std::move(line));
+    written->set_value();
+  });
+  written->get_future().wait_for(replyPatience);
+}
+
+}  // namespace tandor

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "platform/foundation/Data.h"
+#include "platform/linux/EpollLoop.h"
+#include "platform/linux/FileDescriptor.h"
+
+namespace tandor {
+
+/// A connected datagram socket on a loop: datagrams come and go in batches, one system call each.
+/// Belongs to the loop's thread throughout. One read and one write may be outstanding. No callback
+/// runs inside the call that it answers.
+class DatagramSocket final : private EpollLoop::Source {
+ public:
+  /// Whoever embeds the socket. Errors are numbers of the system; 0 is none.
+  class Owner {
+   public:
+    Owner() = default;
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
+
+    /// A read brought datagrams, at least one. The owner may move them out.
+    virtual void datagramsDidArrive(std::span<Data> datagrams) = 0;
+    /// A read failed.
+    virtual void datagramsDidFail(int error) = 0;
+    /// A write was accepted, or failed.
+    virtual void datagramsDidLeave(int error) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  /// Bytes that may wait to be sent before a write is held back.
+  static constexpr std::size_t outputBound = std::size_t{64} * 1024;
+
+  DatagramSocket(EpollLoop& loop, Owner& owner) noexcept : loop_(loop), owner_(owner) {}
+  DatagramSocket(const DatagramSocket&) = delete;
+  DatagramSocket& operator=(const DatagramSocket&) = delete;
+  ~DatagramSocket() { close(); }
+
+  /// Takes a connected, non-blocking socket. Returns an error number.
+  [[nodiscard]] int adopt(FileDescriptor socket);
+
+  /// Asks for 1 to `maximum` datagrams.
+  void read(std::size_t maximum);
+  /// Sends the datagrams after those written before; accepted at once under the bound. What the
+  /// network cannot carry (too long, no buffer) is lost, as datagrams are.
+  void write(std::span<const Data> datagrams);
+  /// Adds a datagram that reached us by another socket, as if this one had received it now.
+  void inject(Data datagram);
+
+  /// Sends what still can be sent, and closes. The owner hears no more.
+  void finish();
+  [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
+  [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
+  [[nodiscard]] std::uint64_t bytesRead() const noexcept { return bytesRead_; }
+  [[nodiscard]] std::uint64_t bytesWritten() const noexcept { return bytesWritten_; }
+
+ private:
+  void ready(std::uint32_t events) override;
+  void complete();
+  void transfer();
+  void flush();
+  void fill();
+  void close() noexcept;
+  [[nodiscard]] bool isOutputAccepted() const noexcept { return outputBytes_ <= outputBound; }
+
+  EpollLoop& loop_;
+  Owner& owner_;
+  FileDescriptor socket_;
+
+  bool isReadWanted_ = false;
+  bool isReadable_ = false;
+  int readError_ = 0;  // told once
+  std::size_t readMaximum_ = 0;
+  std::vector<Data> input_;  // from inputFirst_ on: read but not yet handed out
+  std::size_t inputFirst_ = 0;
+
+  bool isWriteWanted_ = false;
+  bool isWritable_ = false;
+  int writeError_ = 0;  // told once
+  std::size_t outputBytes_ = 0;
+  std::vector<Data> output_;
+
+  EpollLoop::Task completion_{EpollLoop::Call::to<&DatagramSocket::complete>(this)};
+  EpollLoop::Task transfer_{EpollLoop::Call::to<&DatagramSocket::transfer>(this)};
+
+  std::uint64_t bytesRead_ = 0;
+  std::uint64_t bytesWritten_ = 0;
+};
+
+}  // namespace tandor

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <span>
+
+#include <libmnl/libmnl.h>
+
+namespace tandor {
+
+/// Asks the kernel's routing socket for everything of one kind (an RTM_GET* type, with `body` as
+/// its fixed header) and calls `visit` for each answer. Blocks briefly. Fails with an error number.
+[[nodiscard]] std::expected<void, int> dumpNetlink(
+    std::uint16_t type, std::span<const std::byte> body,
+    const std::function<void(const nlmsghdr&)>& visit);
+
+/// Calls `visit` for each attribute behind the fixed header of `message`.
+template <std::invocable<const nlattr&> Visitor>
+void forEachAttribute(const nlmsghdr& message, std::size_t headerLength, Visitor visit) {
+  ::mnl_attr_parse(
+      &message, static_cast<unsigned>(headerLength),
+      [](const nlattr* attribute, void* visitor) {
+        (*static_cast<Visitor*>(visitor))(*attribute);
+        return MNL_CB_OK;
+      },
+      &visit);
+}
+
+/// Calls `visit` for each attribute inside `nest`.
+template <std::invocable<const nlattr&> Visitor>
+void forEachAttribute(const nlattr& nest, Visitor visit) {
+  ::mnl_attr_parse_nested(
+      &nest,
+      [](const nlattr* attribute, void* visitor) {
+        (*static_cast<Visitor*>(visitor))(*attribute);
+        return MNL_CB_OK;
+      },
+      &visit);
+}
+
+}  // namespace tandor

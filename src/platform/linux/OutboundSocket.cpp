@@ -1,0 +1,31 @@
+#include "platform/linux/OutboundSocket.h"
+
+#include <cerrno>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include "platform/linux/Marks.h"
+
+namespace tandor {
+
+std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParameters& parameters) {
+  const bool isStream = parameters.transport == NWParameters::Transport::tcp;
+  FileDescriptor socket(
+      ::socket(family, (isStream ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!socket.isOpen()) return std::unexpected(errno);
+  // Without the privilege there is no interception either that the mark would have to pass.
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_MARK, &bypassMark, sizeof bypassMark);
+  if (isStream) {
+    const int on = 1;  // the application has decided already what to send at once
+    ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  }
+  if (const auto& interface = parameters.requiredInterface) {
+    if (::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, interface->name.c_str(),
+                     static_cast<socklen_t>(interface->name.size())) != 0)
+      return std::unexpected(errno);
+  }
+  return socket;
+}
+
+}  // namespace tandor

@@ -1,0 +1,239 @@
+#include "platform/linux/Session.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+
+#include <asio/post.hpp>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <systemd/sd-daemon.h>
+
+#include "platform/foundation/Base64.h"
+#include "platform/foundation/NSLog.h"
+#include "platform/linux/JSONValue.h"
+
+namespace tandor {
+
+using nlohmann::json;
+
+namespace {
+
+/// What the start call carries as the provider's configuration; a type that we do not know reaches
+/// the provider as what it is, a configuration of another type.
+std::expected<std::shared_ptr<const NEVPNProtocol>, std::string> protocolConfiguration(
+    const json& request) {
+  const auto configuration = request.find("protocolConfiguration");
+  if (configuration == request.end() || configuration->is_null()) return nullptr;
+  if (!configuration->is_object())
+    return std::unexpected("\"protocolConfiguration\" is not an object");
+  class OtherProtocol final : public NEVPNProtocol {};
+  const auto type = configuration->find("type");
+  if (type == configuration->end() || *type != "NETunnelProviderProtocol")
+    return std::make_shared<const OtherProtocol>();
+  const auto values = configuration->find("providerConfiguration");
+  if (values == configuration->end() || values->is_null())
+    return std::make_shared<const NETunnelProviderProtocol>(std::nullopt);
+  if (!values->is_object()) return std::unexpected("\"providerConfiguration\" is not an object");
+  return std::make_shared<const NETunnelProviderProtocol>(anyDictionary(*values));
+}
+
+/// The socket's path, for the process's end from whatever place: a failed start ends it, too.
+std::string& ownedControlPath() {
+  static std::string& path = *std::make_unique<std::string>().release();
+  return path;
+}
+
+void releaseControlSocket() {
+  if (!ownedControlPath().empty()) ::unlink(ownedControlPath().c_str());
+}
+
+}  // namespace
+
+Session::Session(LinuxBackend& backend, ControlSocket socket,
+                 NETransparentProxyProvider::Factory factory)
+    : backend_(backend),
+      factory_(factory),
+      since_(std::chrono::system_clock::now()),
+      signals_(backend.service().context(), SIGTERM, SIGINT),
+      server_(backend.service(), std::move(socket.descriptor),
+              [this](const std::string& call, const json& request,
+                     const ControlServer::Reply& reply) { handle(call, request, reply); }) {
+  ownedControlPath() = std::move(socket.ownedPath);
+  std::at_quick_exit(releaseControlSocket);
+  awaitSignal();
+  ::sd_notify(0, "READY=1");
+}
+
+void Session::enter(State state) {
+  const std::scoped_lock lock(mutex_);
+  state_ = state;
+  since_ = std::chrono::system_clock::now();
+}
+
+Session::State Session::state() const {
+  const std::scoped_lock lock(mutex_);
+  return state_;
+}
+
+void Session::setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& /*settings*/,
+                                       Completion completion) {
+  completion(std::nullopt);
+}
+
+void Session::handle(const std::string& call, const json& request,
+                     const ControlServer::Reply& reply) {
+  if (call == "startProxy") {
+    auto configuration = protocolConfiguration(request);
+    if (!configuration) {
+      reply.fail(ControlError::badArgument, configuration.error());
+      return;
+    }
+    queue_->async(
+        [this, configuration = std::move(*configuration), reply] { start(configuration, reply); });
+  } else if (call == "stopProxy") {
+    const json reason = request.value("reason", json(1));
+    if (!reason.is_number_integer()) {
+      reply.fail(ControlError::badArgument, "\"reason\" is not a number");
+      return;
+    }
+    withProvider(reply,
+                 [this, reply, number = reason.get<std::int32_t>()](NETransparentProxyProvider&) {
+                   stop(static_cast<NEProviderStopReason>(number));
+                   reply.succeed();
+                 });
+  } else if (call == "sleep") {
+    withProvider(reply, [this, reply](NETransparentProxyProvider& provider) {
+      provider.sleep([this, reply] {
+        enter(State::asleep);
+        reply.succeed();
+      });
+    });
+  } else if (call == "wake") {
+    withProvider(reply, [this, reply](NETransparentProxyProvider& provider) {
+      provider.wake();
+      enter(State::running);
+      reply.succeed();
+    });
+  } else if (call == "appMessage") {
+    const auto text = request.find("data");
+    const auto bytes = text != request.end() && text->is_string()
+                           ? decodeBase64(text->get_ref<const std::string&>())
+                           : std::nullopt;
+    if (!bytes) {
+      reply.fail(ControlError::badArgument, "\"data\" is not base64 text");
+      return;
+    }
+    withProvider(reply,
+                 [reply, message = Data::copying(*bytes)](NETransparentProxyProvider& provider) {
+                   provider.handleAppMessage(message, [reply](const std::optional<Data>& answer) {
+                     json members;
+                     members["data"] = answer ? json(encodeBase64(answer->bytes())) : json();
+                     reply.succeed(members);
+                   });
+                 });
+  } else if (call == "status") {
+    replyStatus(reply);
+  } else {
+    reply.fail(ControlError::unknownCall, fmt::format("there is no call \"{}\"", call));
+  }
+}
+
+void Session::replyStatus(const ControlServer::Reply& reply) const {
+  static constexpr std::array<std::string_view, 6> names = {"idle",   "starting", "running",
+                                                            "failed", "asleep",   "stopped"};
+  std::shared_ptr<NETransparentProxyProvider> provider;
+  json status;
+  {
+    const std::scoped_lock lock(mutex_);
+    status["state"] = names.at(static_cast<std::size_t>(state_));
+    status["since"] = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}",
+                                  fmt::gmtime(std::chrono::system_clock::to_time_t(since_)));
+    provider = provider_;
+  }
+  const auto interface = provider != nullptr ? provider->directlyInterface() : std::nullopt;
+  status["pid"] = ::getpid();
+  status["version"] = TANDOR_VERSION;
+  status["directInterface"] = interface ? json(interface->name) : json();
+  status["flows"] = {{"open", 0}, {"taken", 0}, {"left", 0}, {"refused", 0}};
+  status["bytes"] = {{"in", 0}, {"out", 0}};
+  reply.succeed({{"status", status}});
+}
+
+void Session::withProvider(const ControlServer::Reply& reply,
+                           std::move_only_function<void(NETransparentProxyProvider&)> operation) {
+  queue_->async([this, reply, operation = std::move(operation)]() mutable {
+    std::shared_ptr<NETransparentProxyProvider> provider;
+    {
+      const std::scoped_lock lock(mutex_);
+      provider = provider_;
+    }
+    if (provider == nullptr) {
+      reply.fail(ControlError::notRunning, "no provider is running; start one first");
+    } else {
+      operation(*provider);
+    }
+  });
+}
+
+void Session::start(std::shared_ptr<const NEVPNProtocol> configuration,
+                    const ControlServer::Reply& reply) {
+  const State before = state();
+  if (before == State::starting || before == State::running || before == State::asleep) {
+    reply.fail(ControlError::alreadyRunning, "the provider is running already; stop it first");
+    return;
+  }
+  const auto provider = factory_();
+  provider->attach(*this, std::move(configuration));
+  {
+    const std::scoped_lock lock(mutex_);
+    provider_ = provider;
+  }
+  enter(State::starting);
+  provider->startProxy({}, [this, reply](const std::optional<NSError>& error) {
+    enter(error ? State::failed : State::running);
+    if (error) {
+      reply.fail(error->code(), error->description());
+    } else {
+      reply.succeed();
+    }
+  });
+}
+
+void Session::stop(NEProviderStopReason reason) {
+  std::shared_ptr<NETransparentProxyProvider> provider;
+  {
+    const std::scoped_lock lock(mutex_);
+    provider = std::exchange(provider_, nullptr);
+  }
+  if (provider == nullptr) return;
+  provider->stopProxy(reason, [] {});
+  enter(State::stopped);
+}
+
+void Session::awaitSignal() {
+  signals_.async_wait([this](const asio::error_code& error, int signal) {
+    if (error) return;
+    if (std::exchange(isTerminating_, true)) {
+      // The provider takes its time to tell its host; whoever asks twice does not want to wait.
+      std::quick_exit(EXIT_SUCCESS);
+    }
+    terminate(signal == SIGTERM ? NEProviderStopReason::providerDisabled
+                                : NEProviderStopReason::userInitiated);
+    awaitSignal();
+  });
+}
+
+void Session::terminate(NEProviderStopReason reason) {
+  ::sd_notify(0, "STOPPING=1");
+  queue_->async([this, reason] {
+    stop(reason);
+    // Threads still run, so static objects are left alone.
+    std::quick_exit(EXIT_SUCCESS);
+  });
+}
+
+}  // namespace tandor

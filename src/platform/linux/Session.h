@@ -1,0 +1,65 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include <asio/signal_set.hpp>
+
+#include "platform/dispatch/DispatchQueue.h"
+#include "platform/linux/ControlServer.h"
+#include "platform/linux/ControlSocket.h"
+#include "platform/linux/LinuxBackend.h"
+#include "platform/networkextension/NETransparentProxyProvider.h"
+
+namespace tandor {
+
+/// The platform's session: makes the provider when the control socket says so, calls it as an
+/// operating system would, and hands over every answer. Provider operations run one at a time on
+/// the session's own queue; the control socket stays responsive meanwhile.
+class Session final : private NEProviderHost {
+ public:
+  /// `backend` outlives the session.
+  Session(LinuxBackend& backend, ControlSocket socket, NETransparentProxyProvider::Factory factory);
+
+ private:
+  enum class State : std::uint8_t { idle, starting, running, failed, asleep, stopped };
+
+  void setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& settings,
+                                Completion completion) override;
+
+  // Requests, on the service thread.
+  void handle(const std::string& call, const nlohmann::json& request,
+              const ControlServer::Reply& reply);
+  void replyStatus(const ControlServer::Reply& reply) const;
+
+  // Provider operations, on queue_.
+  void start(std::shared_ptr<const NEVPNProtocol> configuration, const ControlServer::Reply& reply);
+  void stop(NEProviderStopReason reason);
+  /// Runs `operation` on queue_ with the provider, or fails the reply when none runs.
+  void withProvider(const ControlServer::Reply& reply,
+                    std::move_only_function<void(NETransparentProxyProvider&)> operation);
+
+  void awaitSignal();
+  /// Stops the provider and ends the process with status 0.
+  void terminate(NEProviderStopReason reason);
+
+  void enter(State state);
+  [[nodiscard]] State state() const;
+
+  LinuxBackend& backend_;
+  const NETransparentProxyProvider::Factory factory_;
+  const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("tandor_session_queue");
+
+  mutable std::mutex mutex_;
+  State state_ = State::idle;                             // guarded by mutex_
+  std::chrono::system_clock::time_point since_;           // guarded by mutex_
+  std::shared_ptr<NETransparentProxyProvider> provider_;  // guarded by mutex_
+  bool isTerminating_ = false;                            // service thread
+  asio::signal_set signals_;
+  ControlServer server_;
+};
+
+}  // namespace tandor

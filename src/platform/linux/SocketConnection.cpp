@@ -1,0 +1,182 @@
+#include "platform/linux/SocketConnection.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "platform/linux/OutboundSocket.h"
+
+namespace tandor {
+namespace {
+
+/// Errors of our own machine rather than of the way to the endpoint.
+bool isLocalFailure(int error) noexcept {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS ||
+         error == ENODEV || error == ENOSPC;
+}
+
+}  // namespace
+
+SocketConnection::SocketConnection(NWEndpoint endpoint, NWParameters parameters, Resolver& resolver,
+                                   EpollLoop& defaultLoop)
+    : endpoint_(std::move(endpoint)),
+      parameters_(std::move(parameters)),
+      resolver_(resolver),
+      defaultLoop_(defaultLoop) {}
+
+void SocketConnection::setStateUpdateHandler(StateUpdateHandler handler) {
+  auto set = [&] {
+    wasHandlerReplaced_ = true;
+    stateUpdateHandler_ = std::move(handler);
+  };
+  if (queue_ == nullptr) {
+    set();
+  } else {
+    queue_->sync(set);
+  }
+}
+
+void SocketConnection::start(std::shared_ptr<DispatchQueue> queue) {
+  queue_ = std::move(queue);
+  const auto& affinity = queue_->affinity();
+  // Every loop of this platform is one of these.
+  settle(affinity != nullptr ? static_cast<EpollLoop&>(affinity->loop()) : defaultLoop_);
+  onLoop([this] { begin(); });
+}
+
+void SocketConnection::begin() {
+  if (isCancelled_) return;
+  report(State::Kind::preparing);
+  const std::string& host = endpoint_.host().description();
+  if (const auto numeric = SocketAddress::fromNumeric(host, endpoint_.port().number())) {
+    addresses_ = {*numeric};
+    tryNextAddress();
+    return;
+  }
+  resolver_.resolve(host, [weak = std::weak_ptr(self()), this](const Resolver::Answer& answer) {
+    if (const auto alive = weak.lock()) onLoop([this, answer] { resolved(answer); });
+  });
+}
+
+void SocketConnection::resolved(const Resolver::Answer& answer) {
+  if (isCancelled_) return;
+  if (!answer) {
+    report(State::Kind::waiting, answer.error());
+    return;
+  }
+  addresses_ = *answer;
+  for (SocketAddress& address : addresses_) address.setPort(endpoint_.port().number());
+  tryNextAddress();
+}
+
+void SocketConnection::tryNextAddress() {
+  while (nextAddress_ < addresses_.size()) {
+    const SocketAddress& address = addresses_[nextAddress_++];
+    auto socket = makeOutboundSocket(address.family(), parameters_);
+    lastError_ = socket ? attempt(std::move(*socket), address) : socket.error();
+    if (lastError_ == 0) return;
+  }
+  report(isLocalFailure(lastError_) ? State::Kind::failed : State::Kind::waiting,
+         NSError::posix(lastError_));
+}
+
+void SocketConnection::attemptEnded(int error) {
+  if (isCancelled_) return;
+  if (error == 0) {
+    addresses_ = {};  // an idle connection does not need them
+    report(State::Kind::ready);
+    return;
+  }
+  lastError_ = error;
+  tryNextAddress();
+}
+
+void SocketConnection::onQueue(std::invocable auto&& function) {
+  // A pinned queue is pinned to this very loop.
+  if (queue_->affinity() != nullptr) {
+    function();
+  } else {
+    queue_->async(
+        [alive = self(), run = std::forward<decltype(function)>(function)]() mutable { run(); });
+  }
+}
+
+void SocketConnection::report(State::Kind kind, std::optional<NSError> error) {
+  statesToDeliver_.push_back({kind, std::move(error)});
+  loop().schedule(states_);
+}
+
+void SocketConnection::deliverStates() {
+  for (State& state : std::exchange(statesToDeliver_, {}))
+    onQueue([this, state = std::move(state)] { handleState(state); });
+}
+
+void SocketConnection::handleState(const State& state) {
+  if (stateUpdateHandler_ == nullptr) return;
+  // The handler may replace or clear itself while it runs.
+  auto handler = std::exchange(stateUpdateHandler_, nullptr);
+  wasHandlerReplaced_ = false;
+  handler(state);
+  if (!wasHandlerReplaced_) stateUpdateHandler_ = std::move(handler);
+}
+
+void SocketConnection::send(Data content, ContentContext /*context*/, bool /*isComplete*/,
+                            SendCompletion completion) {
+  onLoop([this, content = std::move(content), completion = std::move(completion)]() mutable {
+    sendCompletion_ = std::move(completion);
+    if (isCancelled_) {
+      loop().schedule(cancellation_);
+    } else {
+      sendContent(std::move(content));
+    }
+  });
+}
+
+void SocketConnection::receive(std::size_t minimum, std::size_t maximum,
+                               ReceiveCompletion completion) {
+  onLoop([this, minimum, maximum, completion = std::move(completion)]() mutable {
+    receiveCompletion_ = std::move(completion);
+    if (isCancelled_) {
+      loop().schedule(cancellation_);
+    } else {
+      receiveContent(minimum, maximum);
+    }
+  });
+}
+
+void SocketConnection::completeSend(int error) {
+  auto completion = std::exchange(sendCompletion_, nullptr);
+  if (completion == nullptr) return;
+  onQueue([completion = std::move(completion), error]() mutable {
+    completion(error != 0 ? std::optional(NSError::posix(error)) : std::nullopt);
+  });
+}
+
+void SocketConnection::completeReceive(std::optional<Data> data, bool isComplete, int error) {
+  auto completion = std::exchange(receiveCompletion_, nullptr);
+  if (completion == nullptr) return;
+  onQueue(
+      [completion = std::move(completion), data = std::move(data), isComplete, error]() mutable {
+        completion(std::move(data), ContentContext::defaultMessage, isComplete,
+                   error != 0 ? std::optional(NSError::posix(error)) : std::nullopt);
+      });
+}
+
+void SocketConnection::cancel() {
+  if (queue_ == nullptr) {
+    isCancelled_ = true;
+    return;
+  }
+  onLoop([this] {
+    if (std::exchange(isCancelled_, true)) return;
+    finish();
+    report(State::Kind::cancelled);
+    loop().schedule(cancellation_);
+  });
+}
+
+void SocketConnection::answerCancelled() {
+  completeSend(ECANCELED);
+  completeReceive(std::nullopt, false, ECANCELED);
+}
+
+}  // namespace tandor

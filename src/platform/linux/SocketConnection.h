@@ -1,0 +1,83 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "platform/linux/EpollLoop.h"
+#include "platform/linux/Resolver.h"
+#include "platform/network/NWConnection.h"
+
+namespace tandor {
+
+/// What outbound connections over TCP and UDP share: the states and their handler, resolution, and
+/// the turn of the addresses. Lives on the loop that its queue is pinned to, else on a given one.
+class SocketConnection : public NWConnection, public EpollLoop::Resident {
+ public:
+  /// `defaultLoop` serves when the queue given to start() is free. It and the resolver outlive the
+  /// connection.
+  SocketConnection(NWEndpoint endpoint, NWParameters parameters, Resolver& resolver,
+                   EpollLoop& defaultLoop);
+
+  void setStateUpdateHandler(StateUpdateHandler handler) final;
+  void start(std::shared_ptr<DispatchQueue> queue) final;
+  void send(Data content, ContentContext context, bool isComplete, SendCompletion completion) final;
+  void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion) final;
+  void cancel() final;
+
+ protected:
+  /// Opens the socket towards one address: streams answer later with attemptEnded, or return an
+  /// error number at once; 0 means that it is under way or done.
+  virtual int attempt(FileDescriptor socket, const SocketAddress& address) = 0;
+  virtual void sendContent(Data content) = 0;
+  virtual void receiveContent(std::size_t minimum, std::size_t maximum) = 0;
+  /// Closes the socket, in order if it is connected.
+  virtual void finish() = 0;
+
+  /// The attempt succeeded (0) or failed; a failed one is followed by the next address.
+  void attemptEnded(int error);
+  void completeSend(int error);
+  void completeReceive(std::optional<Data> data, bool isComplete, int error);
+
+  [[nodiscard]] EpollLoop& loop() const noexcept { return *residence(); }
+
+ private:
+  void begin();
+  void resolved(const Resolver::Answer& answer);
+  void tryNextAddress();
+  void report(State::Kind kind, std::optional<NSError> error = std::nullopt);
+  void deliverStates();
+  void handleState(const State& state);
+  void answerCancelled();
+  /// Runs `function` on the connection's queue: at once where the loop is the queue.
+  void onQueue(std::invocable auto&& function);
+
+  const NWEndpoint endpoint_;
+  const NWParameters parameters_;
+  Resolver& resolver_;
+  EpollLoop& defaultLoop_;
+  std::shared_ptr<DispatchQueue> queue_;
+
+  StateUpdateHandler stateUpdateHandler_;  // touched under the queue's exclusion only
+  bool wasHandlerReplaced_ = false;
+  std::vector<State> statesToDeliver_;
+
+  Resolver::Addresses addresses_;
+  std::size_t nextAddress_ = 0;
+  int lastError_ = 0;
+
+  SendCompletion sendCompletion_;
+  ReceiveCompletion receiveCompletion_;
+  bool isCancelled_ = false;
+
+  EpollLoop::Task states_{EpollLoop::Call::to<&SocketConnection::deliverStates>(this)};
+  EpollLoop::Task cancellation_{EpollLoop::Call::to<&SocketConnection::answerCancelled>(this)};
+};
+
+/// A new connection of the parameters' transport.
+[[nodiscard]] std::shared_ptr<NWConnection> makeSocketConnection(const NWEndpoint& endpoint,
+                                                                 const NWParameters& parameters,
+                                                                 Resolver& resolver,
+                                                                 EpollLoop& defaultLoop);
+
+}  // namespace tandor

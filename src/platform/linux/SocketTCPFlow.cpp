@@ -1,0 +1,185 @@
+#include "platform/linux/SocketTCPFlow.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <limits>
+#include <utility>
+#include <vector>
+
+namespace tandor {
+namespace {
+
+using Bytes = std::span<const std::uint8_t>;
+
+/// A read asks for all that is there.
+constexpr std::size_t everything = std::numeric_limits<std::size_t>::max();
+
+// The TLS record layer, as far as a first flight is concerned (RFC 8446, 5.1).
+constexpr std::uint8_t handshakeRecord = 22;
+constexpr std::size_t recordHeaderLength = 5;
+constexpr std::size_t longestRecord = std::size_t{16} * 1024;
+
+/// How long a first flight is: the whole first record of a TLS handshake, and for anything else
+/// what is there.
+std::size_t firstFlightLength(Bytes bytes) noexcept {
+  if (bytes[0] != handshakeRecord) return bytes.size();
+  if (bytes.size() < recordHeaderLength) return recordHeaderLength;
+  const std::size_t length = std::size_t{bytes[3]} << 8 | bytes[4];
+  return recordHeaderLength + std::min(length, longestRecord);
+}
+
+constexpr auto firstFlightPatience = std::chrono::milliseconds(300);
+
+std::optional<NSError> systemError(int number) {
+  if (number == 0) return std::nullopt;
+  return NSError::posix(number);
+}
+
+}  // namespace
+
+/// A hello longer than a segment, until its first record is whole or patience ends.
+class SocketTCPFlow::FirstFlight {
+ public:
+  explicit FirstFlight(SocketTCPFlow& flow)
+      : timer_(flow.loop_, EpollLoop::Call::to<&SocketTCPFlow::deliverFirstFlight>(&flow)) {
+    timer_.start(firstFlightPatience);
+  }
+
+  /// Adds bytes; true when the flight is whole.
+  bool append(const Data& data) {
+    bytes_.insert(bytes_.end(), data.bytes().begin(), data.bytes().end());
+    return bytes_.size() >= firstFlightLength(bytes_);
+  }
+  [[nodiscard]] Data data() const { return Data::copying(bytes_); }
+
+ private:
+  std::vector<std::uint8_t> bytes_;
+  EpollLoop::Timer timer_;
+};
+
+SocketTCPFlow::SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
+                             NWFlowEndpoint remoteEndpoint)
+    : loop_(loop),
+      metaData_(std::move(metaData)),
+      remoteEndpoint_(std::move(remoteEndpoint)),
+      unopened_(std::move(socket)),
+      stream_(loop, *this) {
+  settle(loop);
+}
+
+SocketTCPFlow::~SocketTCPFlow() {
+  if (stream_.isOpen()) stream_.reset();
+}
+
+void SocketTCPFlow::open(const std::optional<NWHostEndpoint>& /*localEndpoint*/,
+                         Completion completion) {
+  onLoop([this, completion = std::move(completion)]() mutable {
+    openCompletion_ = std::move(completion);
+    const int error = unopened_.isOpen() ? stream_.adopt(std::move(unopened_)) : ECONNABORTED;
+    openError_ = systemError(error);
+    loop_.schedule(answer_);
+  });
+}
+
+void SocketTCPFlow::readData(ReadCompletion completion) {
+  onLoop([this, completion = std::move(completion)]() mutable {
+    readCompletion_ = std::move(completion);
+    if (isReadClosed_) {
+      loop_.schedule(answer_);
+    } else {
+      stream_.read(everything);
+    }
+  });
+}
+
+void SocketTCPFlow::write(Data data, Completion completion) {
+  onLoop([this, data = std::move(data), completion = std::move(completion)]() mutable {
+    writeCompletion_ = std::move(completion);
+    if (isWriteClosed_) {
+      loop_.schedule(answer_);
+    } else {
+      stream_.write(std::move(data));
+    }
+  });
+}
+
+void SocketTCPFlow::closeReadWithError(const std::optional<NSError>& error) {
+  onLoop([this, error] { close(isReadClosed_, error); });
+}
+
+void SocketTCPFlow::closeWriteWithError(const std::optional<NSError>& error) {
+  onLoop([this, error] { close(isWriteClosed_, error); });
+}
+
+void SocketTCPFlow::close(bool& isDirectionClosed, const std::optional<NSError>& error) {
+  if (std::exchange(isDirectionClosed, true)) return;
+  loop_.schedule(answer_);
+  if (!closeError_) closeError_ = error;
+  if (unopened_.isOpen()) {
+    // Refused: the application sees its connection reset, whichever side is closed first.
+    static_cast<void>(stream_.adopt(std::move(unopened_)));
+    stream_.reset();
+  } else if (closeError_) {
+    stream_.reset();
+  } else if (isClosed()) {
+    stream_.finish();
+  } else if (isWriteClosed_) {
+    stream_.finishWriting();
+  }
+}
+
+void SocketTCPFlow::streamDidRead(Data data) {
+  if (!hasFirstFlight_) {
+    if (firstFlight_ == nullptr) {
+      if (data.count() < firstFlightLength(data.bytes()))
+        firstFlight_ = std::make_unique<FirstFlight>(*this);
+    }
+    if (firstFlight_ != nullptr) {
+      if (firstFlight_->append(data)) {
+        deliverFirstFlight();
+      } else {
+        stream_.read(everything);
+      }
+      return;
+    }
+    hasFirstFlight_ = true;
+  }
+  if (auto completion = std::exchange(readCompletion_, nullptr))
+    completion(std::move(data), std::nullopt);
+}
+
+void SocketTCPFlow::deliverFirstFlight() {
+  hasFirstFlight_ = true;
+  const auto flight = std::exchange(firstFlight_, nullptr);
+  if (auto completion = std::exchange(readCompletion_, nullptr))
+    completion(flight->data(), std::nullopt);
+}
+
+void SocketTCPFlow::streamDidEnd(int error) {
+  if (firstFlight_ != nullptr) {
+    deliverFirstFlight();  // the next read meets the same end
+    return;
+  }
+  if (auto completion = std::exchange(readCompletion_, nullptr))
+    completion(error == 0 ? std::optional<Data>(Data()) : std::nullopt, systemError(error));
+}
+
+void SocketTCPFlow::streamDidWrite(int error) {
+  if (auto completion = std::exchange(writeCompletion_, nullptr)) completion(systemError(error));
+}
+
+void SocketTCPFlow::answer() {
+  if (auto completion = std::exchange(openCompletion_, nullptr)) completion(openError_);
+  if (isReadClosed_) {
+    firstFlight_ = nullptr;
+    if (auto completion = std::exchange(readCompletion_, nullptr))
+      completion(std::nullopt, closeError_);
+  }
+  if (isWriteClosed_) {
+    if (auto completion = std::exchange(writeCompletion_, nullptr))
+      completion(closeError_ ? closeError_ : NSError::posix(ECANCELED));
+  }
+}
+
+}  // namespace tandor

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "platform/linux/EpollLoop.h"
+#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/StreamSocket.h"
+#include "platform/networkextension/NEAppProxyFlow.h"
+
+namespace tandor {
+
+/// An application's TCP flow, over the socket that stands at its other end. Lives on a loop; may be
+/// called from any thread.
+class SocketTCPFlow final : public NEAppProxyTCPFlow,
+                            public LoopAffinity,
+                            public EpollLoop::Resident,
+                            private StreamSocket::Owner {
+ public:
+  /// `socket` is connected to the application and non-blocking; `remoteEndpoint` is the destination
+  /// that the application asked for.
+  SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
+                NWFlowEndpoint remoteEndpoint);
+  ~SocketTCPFlow() override;
+  SocketTCPFlow(const SocketTCPFlow&) = delete;
+  SocketTCPFlow& operator=(const SocketTCPFlow&) = delete;
+
+  [[nodiscard]] EventLoop& loop() const noexcept override { return loop_; }
+  [[nodiscard]] const NEFlowMetaData& metaData() const override { return metaData_; }
+  [[nodiscard]] const NWFlowEndpoint& remoteEndpoint() const override { return remoteEndpoint_; }
+  [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return {self(), this}; }
+  void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
+  void readData(ReadCompletion completion) override;
+  void write(Data data, Completion completion) override;
+  void closeReadWithError(const std::optional<NSError>& error) override;
+  void closeWriteWithError(const std::optional<NSError>& error) override;
+
+ private:
+  class FirstFlight;
+
+  void streamDidConnect(int /*error*/) override {}
+  void streamDidRead(Data data) override;
+  void streamDidEnd(int error) override;
+  void streamDidWrite(int error) override;
+  [[nodiscard]] std::shared_ptr<void> streamReference() override { return self(); }
+
+  void close(bool& isDirectionClosed, const std::optional<NSError>& error);
+  void deliverFirstFlight();
+  void answer();
+  [[nodiscard]] bool isClosed() const noexcept { return isReadClosed_ && isWriteClosed_; }
+
+  EpollLoop& loop_;
+  const NEFlowMetaData metaData_;
+  const NWFlowEndpoint remoteEndpoint_;
+
+  FileDescriptor unopened_;
+  StreamSocket stream_;
+  Completion openCompletion_;
+  ReadCompletion readCompletion_;
+  Completion writeCompletion_;
+  std::optional<NSError> openError_;
+  std::optional<NSError> closeError_;
+  bool isReadClosed_ = false;
+  bool isWriteClosed_ = false;
+  bool hasFirstFlight_ = false;
+  std::unique_ptr<FirstFlight> firstFlight_;  // present while it is incomplete
+  /// Runs what an open or a close has to answer.
+  EpollLoop::Task answer_{EpollLoop::Call::to<&SocketTCPFlow::answer>(this)};
+};
+
+}  // namespace tandor

@@ -1,0 +1,320 @@
+#include "platform/linux/StreamSocket.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/uio.h>
+#include <utility>
+
+namespace tandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// While a finished stream still has bytes to send: how often to look, and how long it may stand
+/// still before its peer counts as gone.
+constexpr auto lingerCheck = 1s;
+constexpr int stalledChecksAllowed = 30;
+/// How long a peer that has received everything may take to end its own side.
+constexpr int silentChecksAllowed = 5;
+
+/// Pieces that may wait as slices of read buffers. Behind them small ones are copied: a trickle
+/// towards a slow reader would otherwise hold a whole buffer a piece.
+constexpr std::size_t slicesThatMayWait = 4;
+constexpr std::size_t smallSlice = BufferPool::bufferSize / 4;
+
+}  // namespace
+
+/// What only a finishing socket needs.
+struct StreamSocket::Linger {
+  Linger(StreamSocket& socket, std::shared_ptr<void> owner)
+      : reference(std::move(owner)),
+        timer(socket.loop_, EpollLoop::Call::to<&StreamSocket::lingerTimeout>(&socket)) {}
+
+  std::shared_ptr<void> reference;
+  EpollLoop::Timer timer;
+  bool isShutDown = false;
+  std::size_t unsentAtLastCheck = 0;
+  int checksWithoutProgress = 0;
+};
+
+StreamSocket::StreamSocket(EpollLoop& loop, Owner& owner) noexcept : loop_(loop), owner_(owner) {}
+
+StreamSocket::~StreamSocket() {
+  close();
+}
+
+int StreamSocket::adopt(FileDescriptor socket) {
+  if (!loop_.add(socket.get(), *this)) return errno;
+  socket_ = std::move(socket);
+  phase_ = Phase::open;
+  isWritable_ = true;
+  isReadable_ = true;
+  return 0;
+}
+
+int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, socklen_t length) {
+  if (::connect(socket.get(), &address, length) != 0 && errno != EINPROGRESS) return errno;
+  if (!loop_.add(socket.get(), *this)) return errno;
+  socket_ = std::move(socket);
+  phase_ = Phase::connecting;
+  return 0;
+}
+
+void StreamSocket::read(std::size_t maximum) {
+  isReadWanted_ = true;
+  readMaximum_ = maximum;
+  if (!input_.isEmpty() || hasEnded_) {
+    loop_.schedule(completion_);
+  } else if (isReadable_) {
+    loop_.defer(transfer_);
+  }
+}
+
+void StreamSocket::write(Data data) {
+  isWriteWanted_ = true;
+  if (writeError_ == 0 && phase_ == Phase::open) {
+    outputBytes_ += data.count();
+    if (output_.empty() || !output_.back().absorb(data)) {
+      if (!isWritable_ && output_.size() >= slicesThatMayWait && data.count() < smallSlice)
+        data = Data::copying(data.bytes());
+      output_.push_back(std::move(data));
+    }
+    if (isWritable_) loop_.defer(transfer_);
+    if (!isOutputAccepted()) return;  // answered when enough of it has left
+  }
+  loop_.schedule(completion_);
+}
+
+void StreamSocket::ready(std::uint32_t events) {
+  if (phase_ == Phase::connecting) {
+    if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == 0) return;
+    int error = 0;
+    if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
+      socklen_t length = sizeof error;
+      ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &error, &length);
+      if (error == 0 && (events & EPOLLHUP) != 0) error = ECONNRESET;
+    }
+    if (error != 0) {
+      close();
+      owner_.streamDidConnect(error);
+      return;
+    }
+    phase_ = Phase::open;
+    isWritable_ = true;
+    isReadable_ = (events & EPOLLIN) != 0;
+    isHungUp_ = (events & EPOLLRDHUP) != 0;
+    owner_.streamDidConnect(0);
+    return;
+  }
+  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) isHungUp_ = isReadable_ = true;
+  if ((events & EPOLLIN) != 0) isReadable_ = true;
+  if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) isWritable_ = true;
+  loop_.defer(transfer_);
+}
+
+void StreamSocket::complete() {
+  if (isWriteWanted_ && (writeError_ != 0 || isOutputAccepted())) {
+    isWriteWanted_ = false;
+    owner_.streamDidWrite(writeError_);
+  }
+  if (!isReadWanted_) return;
+  if (!input_.isEmpty()) {
+    isReadWanted_ = false;
+    Data piece;
+    if (input_.count() <= readMaximum_) {
+      piece = std::move(input_);
+    } else {
+      piece = input_.slice(0, readMaximum_);
+      input_.removeFirst(readMaximum_);
+    }
+    owner_.streamDidRead(std::move(piece));
+  } else if (hasEnded_) {
+    isReadWanted_ = false;
+    owner_.streamDidEnd(readError_);
+  }
+}
+
+void StreamSocket::transfer() {
+  if (outputBytes_ > 0 && isWritable_) flush();
+  if (phase_ == Phase::finishing) {
+    linger();
+  } else if (isReadWanted_ && isReadable_ && input_.isEmpty() && !hasEnded_) {
+    fill();
+  }
+}
+
+void StreamSocket::flush() {
+  std::size_t first = 0;  // the first piece that has not left whole
+  while (first < output_.size()) {
+    std::array<iovec, 64> pieces;
+    std::size_t count = 0;
+    std::size_t asked = 0;
+    for (; count < pieces.size() && first + count < output_.size(); ++count) {
+      const auto bytes = output_[first + count].bytes();
+      // sendmsg does not write through the pointer that iovec has for both directions.
+      pieces[count] = {const_cast<std::uint8_t*>(bytes.data()),
+                       bytes.size()};  // NOLINT(*-const-cast)
+      asked += bytes.size();
+    }
+    msghdr message{};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = count;
+    const ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN) {
+        failWriting(errno);
+        return;
+      }
+    }
+    auto left = sent > 0 ? static_cast<std::size_t>(sent) : 0;
+    bytesWritten_ += left;
+    outputBytes_ -= left;
+    const bool isPartial = left < asked;
+    while (left > 0 && left >= output_[first].count()) left -= output_[first++].count();
+    if (left > 0) output_[first].removeFirst(left);
+    if (isPartial) {
+      isWritable_ = false;
+      break;
+    }
+  }
+  output_.erase(output_.begin(), output_.begin() + static_cast<std::ptrdiff_t>(first));
+  if (output_.empty() && output_.capacity() > 4) std::vector<Data>().swap(output_);
+  if (isWriteEnding_ && output_.empty() && phase_ == Phase::open)
+    ::shutdown(socket_.get(), SHUT_WR);
+  if (isWriteWanted_ && isOutputAccepted()) loop_.schedule(completion_);
+}
+
+void StreamSocket::failWriting(int error) {
+  writeError_ = error;
+  outputBytes_ = 0;
+  output_.clear();
+  if (isWriteWanted_) loop_.schedule(completion_);
+}
+
+void StreamSocket::fill() {
+  BufferPool::Buffer& buffer = loop_.buffers().borrow();
+  Data whole(buffer, buffer.room().data(), buffer.room().size());
+  for (;;) {
+    const ssize_t count = ::recv(socket_.get(), buffer.room().data(), whole.count(), MSG_DONTWAIT);
+    if (count > 0) {
+      const auto received = static_cast<std::size_t>(count);
+      bytesRead_ += received;
+      // A short read has emptied the socket: what comes next is announced by a new edge. The end of
+      // the stream may have been announced already.
+      isReadable_ = isHungUp_ || received == whole.count();
+      input_ = whole.slice(0, received);
+    } else if (count == 0) {
+      hasEnded_ = true;
+    } else if (errno == EINTR) {
+      continue;
+    } else if (errno == EAGAIN) {
+      isReadable_ = false;
+      return;
+    } else {
+      hasEnded_ = true;
+      readError_ = errno;
+    }
+    break;
+  }
+  loop_.schedule(completion_);
+}
+
+void StreamSocket::finishWriting() {
+  if (phase_ != Phase::open || std::exchange(isWriteEnding_, true)) return;
+  if (outputBytes_ == 0) ::shutdown(socket_.get(), SHUT_WR);
+}
+
+void StreamSocket::finish() {
+  if (phase_ == Phase::finishing) return;
+  const bool hasNothingToSay = hasEnded_ && outputBytes_ == 0;
+  if (phase_ != Phase::open || hasNothingToSay) {
+    close();
+    return;
+  }
+  phase_ = Phase::finishing;
+  isReadWanted_ = isWriteWanted_ = false;
+  completion_.unlink();
+  input_ = {};
+  linger_ = std::make_unique<Linger>(*this, owner_.streamReference());
+  linger_->timer.start(lingerCheck);
+  loop_.defer(transfer_);
+}
+
+void StreamSocket::linger() {
+  if (writeError_ != 0 || readError_ != 0) {
+    close();
+    return;
+  }
+  if (outputBytes_ > 0) {
+    // What comes in meanwhile must not fill the window, or a peer that waits to be read never
+    // reads.
+    if (isReadable_) discardInput();
+    return;
+  }
+  if (!linger_->isShutDown) {
+    linger_->isShutDown = true;
+    if (!hasEnded_) ::shutdown(socket_.get(), SHUT_WR);
+  }
+  if (!hasEnded_ && isReadable_) discardInput();
+  if (hasEnded_) close();
+}
+
+void StreamSocket::discardInput() {
+  // A stream socket drops the bytes of a read that asks for their count only.
+  for (int rounds = 0; rounds < 16; ++rounds) {
+    const ssize_t count =
+        ::recv(socket_.get(), nullptr, std::size_t{1} << 20, MSG_DONTWAIT | MSG_TRUNC);
+    if (count > 0) continue;
+    if (count == 0 || errno != EAGAIN) hasEnded_ = true;
+    if (count < 0 && errno != EAGAIN) readError_ = errno;
+    isReadable_ = false;
+    return;
+  }
+  loop_.defer(transfer_);  // a flood: others have their turn first
+}
+
+void StreamSocket::lingerTimeout() {
+  int unacknowledged = 0;
+  ::ioctl(socket_.get(), SIOCOUTQ, &unacknowledged);
+  const std::size_t unsent = outputBytes_ + static_cast<std::size_t>(std::max(unacknowledged, 0));
+  const bool hasProgress = unsent != linger_->unsentAtLastCheck;
+  linger_->unsentAtLastCheck = unsent;
+  linger_->checksWithoutProgress = hasProgress ? 0 : linger_->checksWithoutProgress + 1;
+  const int allowed = unsent > 0 ? stalledChecksAllowed : silentChecksAllowed;
+  if (linger_->checksWithoutProgress >= allowed) {
+    close();
+  } else {
+    linger_->timer.start(lingerCheck);
+  }
+}
+
+void StreamSocket::reset() {
+  if (isOpen()) {
+    const struct linger immediate{.l_onoff = 1, .l_linger = 0};
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &immediate, sizeof immediate);
+  }
+  close();
+}
+
+void StreamSocket::close() noexcept {
+  phase_ = Phase::closed;
+  isReadWanted_ = isWriteWanted_ = false;
+  completion_.unlink();
+  transfer_.unlink();
+  input_ = {};
+  output_.clear();
+  outputBytes_ = 0;
+  if (socket_.isOpen()) {
+    loop_.remove(socket_.get(), *this);
+    socket_.reset();
+  }
+  // Goes last: it may hold the only reference to the owner, which then dies at the end of the turn.
+  const auto last = std::move(linger_);
+}
+
+}  // namespace tandor

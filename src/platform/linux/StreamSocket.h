@@ -1,0 +1,126 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <sys/socket.h>
+#include <vector>
+
+#include "platform/foundation/Data.h"
+#include "platform/linux/EpollLoop.h"
+#include "platform/linux/FileDescriptor.h"
+
+namespace tandor {
+
+/// A connected stream socket on a loop: reads large pieces and hands out slices of them, gathers
+/// what is written and sends it in one call a turn. Belongs to the loop's thread throughout.
+///
+/// One read and one write may be outstanding. No callback runs inside the call that it answers.
+class StreamSocket final : private EpollLoop::Source {
+ public:
+  /// Whoever embeds the socket. Errors are numbers of the system; 0 is none.
+  class Owner {
+   public:
+    Owner() = default;
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
+
+    virtual void streamDidConnect(int error) = 0;
+    /// A read brought bytes, at least one.
+    virtual void streamDidRead(Data data) = 0;
+    /// A read found the end of the stream, or failed.
+    virtual void streamDidEnd(int error) = 0;
+    /// A write was accepted, or failed.
+    virtual void streamDidWrite(int error) = 0;
+    /// A reference that keeps the owner, and the socket in it, alive.
+    [[nodiscard]] virtual std::shared_ptr<void> streamReference() = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  /// Bytes that may wait to be sent before a write is held back.
+  static constexpr std::size_t outputBound = std::size_t{64} * 1024;
+
+  StreamSocket(EpollLoop& loop, Owner& owner) noexcept;
+  StreamSocket(const StreamSocket&) = delete;
+  StreamSocket& operator=(const StreamSocket&) = delete;
+  ~StreamSocket();
+
+  /// Takes a connected, non-blocking socket. Returns an error number.
+  [[nodiscard]] int adopt(FileDescriptor socket);
+  /// Takes a non-blocking socket and connects it; streamDidConnect answers unless an error number
+  /// is returned.
+  [[nodiscard]] int connect(FileDescriptor socket, const sockaddr& address, socklen_t length);
+
+  /// Asks for 1 to `maximum` bytes.
+  void read(std::size_t maximum);
+  /// Sends `data` after everything written before; accepted at once under the bound.
+  void write(Data data);
+
+  /// Ends the sending side once what was written has left; reading goes on.
+  void finishWriting();
+  /// Ends the stream in order: what was written is sent, then the end of the stream; what still
+  /// comes in is thrown away, so that it provokes no reset. The owner hears no more and is kept
+  /// alive until that is done, at most for a limited time.
+  void finish();
+  /// Resets the connection. The owner hears no more.
+  void reset();
+
+  [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
+  [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
+  /// Bytes read from and sent to the peer.
+  [[nodiscard]] std::uint64_t bytesRead() const noexcept { return bytesRead_; }
+  [[nodiscard]] std::uint64_t bytesWritten() const noexcept { return bytesWritten_; }
+
+ private:
+  enum class Phase : std::uint8_t { idle, connecting, open, finishing, closed };
+
+  void ready(std::uint32_t events) override;
+  /// Answers what can be answered: a write that was accepted, a read from the bytes at hand.
+  void complete();
+  /// Flushes what was written, then reads if bytes are wanted.
+  void transfer();
+  void flush();
+  void fill();
+  void failWriting(int error);
+  void linger();
+  void lingerTimeout();
+  void discardInput();
+  void close() noexcept;
+  [[nodiscard]] bool isOutputAccepted() const noexcept { return outputBytes_ <= outputBound; }
+
+  EpollLoop& loop_;
+  Owner& owner_;
+  FileDescriptor socket_;
+  Phase phase_ = Phase::idle;
+
+  // Reading.
+  bool isReadWanted_ = false;
+  bool isReadable_ = false;  // the socket may hold bytes: nothing has shown the contrary
+  bool isHungUp_ = false;    // the peer has ended or reset: reads go on until they say so
+  bool hasEnded_ = false;    // a read has seen the end, or readError_
+  int readError_ = 0;
+  std::size_t readMaximum_ = 0;
+  Data input_;  // read but not yet handed out
+
+  // Writing.
+  bool isWriteWanted_ = false;  // a write waits for its answer
+  bool isWritable_ = false;
+  bool isWriteEnding_ = false;  // the sending side is shut down when all has left
+  int writeError_ = 0;
+  std::size_t outputBytes_ = 0;
+  std::vector<Data> output_;
+
+  EpollLoop::Task completion_{EpollLoop::Call::to<&StreamSocket::complete>(this)};
+  EpollLoop::Task transfer_{EpollLoop::Call::to<&StreamSocket::transfer>(this)};
+
+  std::uint64_t bytesRead_ = 0;
+  std::uint64_t bytesWritten_ = 0;
+
+  struct Linger;
+  std::unique_ptr<Linger> linger_;  // present while finishing
+};
+
+}  // namespace tandor

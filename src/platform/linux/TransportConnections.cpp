@@ -1,0 +1,135 @@
+#include <cerrno>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/DatagramSocket.h"
+#include "platform/linux/SocketConnection.h"
+#include "platform/linux/StreamSocket.h"
+
+namespace tandor {
+namespace {
+
+class StreamConnection final : public SocketConnection, private StreamSocket::Owner {
+ public:
+  using SocketConnection::SocketConnection;
+
+ private:
+  int attempt(FileDescriptor socket, const SocketAddress& address) override {
+    if (!stream_) stream_.emplace(loop(), static_cast<StreamSocket::Owner&>(*this));
+    return stream_->connect(std::move(socket), address.get(), address.length());
+  }
+
+  void sendContent(Data content) override {
+    if (stream_) {
+      stream_->write(std::move(content));
+    } else {
+      completeSend(ENOTCONN);
+    }
+  }
+
+  void receiveContent(std::size_t minimum, std::size_t maximum) override {
+    minimum_ = minimum;
+    maximum_ = maximum;
+    if (stream_) {
+      stream_->read(maximum);
+    } else {
+      completeReceive(std::nullopt, false, ENOTCONN);
+    }
+  }
+
+  void finish() override {
+    if (stream_) stream_->finish();
+  }
+
+  void streamDidConnect(int error) override { attemptEnded(error); }
+
+  void streamDidRead(Data data) override {
+    if (gathered_.empty() && data.count() >= minimum_) {
+      completeReceive(std::move(data), /*isComplete=*/false, 0);
+      return;
+    }
+    gathered_.insert(gathered_.end(), data.bytes().begin(), data.bytes().end());
+    if (gathered_.size() >= minimum_) {
+      deliverGathered(/*isComplete=*/false);
+    } else {
+      stream_->read(maximum_ - gathered_.size());
+    }
+  }
+
+  void streamDidEnd(int error) override {
+    if (gathered_.empty()) {
+      completeReceive(std::nullopt, /*isComplete=*/error == 0, error);
+    } else {
+      deliverGathered(/*isComplete=*/error == 0);  // the next receive meets the same end
+    }
+  }
+
+  void streamDidWrite(int error) override { completeSend(error); }
+  [[nodiscard]] std::shared_ptr<void> streamReference() override { return self(); }
+
+  void deliverGathered(bool isComplete) {
+    Data data = Data::copying(std::exchange(gathered_, {}));
+    completeReceive(std::move(data), isComplete, 0);
+  }
+
+  std::optional<StreamSocket> stream_;
+  std::size_t minimum_ = 1;
+  std::size_t maximum_ = 1;
+  std::vector<std::uint8_t> gathered_;  // fewer bytes than a receive asked for
+};
+
+class DatagramConnection final : public SocketConnection, private DatagramSocket::Owner {
+ public:
+  using SocketConnection::SocketConnection;
+
+ private:
+  int attempt(FileDescriptor socket, const SocketAddress& address) override {
+    if (::connect(socket.get(), &address.get(), address.length()) != 0) return errno;
+    socket_.emplace(loop(), static_cast<DatagramSocket::Owner&>(*this));
+    const int error = socket_->adopt(std::move(socket));
+    if (error == 0) attemptEnded(0);
+    return error;
+  }
+
+  void sendContent(Data content) override {
+    if (socket_) {
+      socket_->write({&content, 1});
+    } else {
+      completeSend(ENOTCONN);
+    }
+  }
+
+  void receiveContent(std::size_t /*minimum*/, std::size_t /*maximum*/) override {
+    // Half a datagram is of no use to anyone: each comes whole.
+    if (socket_) {
+      socket_->read(1);
+    } else {
+      completeReceive(std::nullopt, false, ENOTCONN);
+    }
+  }
+
+  void finish() override {
+    if (socket_) socket_->finish();
+  }
+
+  void datagramsDidArrive(std::span<Data> datagrams) override {
+    completeReceive(std::move(datagrams.front()), /*isComplete=*/false, 0);
+  }
+  void datagramsDidFail(int error) override { completeReceive(std::nullopt, false, error); }
+  void datagramsDidLeave(int error) override { completeSend(error); }
+
+  std::optional<DatagramSocket> socket_;
+};
+
+}  // namespace
+
+std::shared_ptr<NWConnection> makeSocketConnection(const NWEndpoint& endpoint,
+                                                   const NWParameters& parameters,
+                                                   Resolver& resolver, EpollLoop& defaultLoop) {
+  if (parameters.transport == NWParameters::Transport::udp)
+    return makeResident<DatagramConnection>(endpoint, parameters, resolver, defaultLoop);
+  return makeResident<StreamConnection>(endpoint, parameters, resolver, defaultLoop);
+}
+
+}  // namespace tandor
