@@ -1,0 +1,7 @@
+tandor_test(tandor_platform_tests
+  SOURCES
+    platform/ControlTest.cpp
+  LINKS tandor_provider_core tandor_linux nlohmann_json::nlohmann_json)
+target_compile_definitions(tandor_platform_tests PRIVATE
+  TANDOR_PROVIDER="$<TARGET_FILE:tandor-provider>")
+add_dependencies(tandor_platform_tests tandor-provider)
