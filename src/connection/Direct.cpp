@@ -54,7 +54,7 @@ void TandorProxyConnection::handleConnectRequestServerResponseCompletion(
                        [weakSelf = weak_from_this(), connection = connection_.get(),
                         completion = std::move(completion)](
                            std::optional<Data> reply, NWConnection::ContentContext /*context*/,
-                           bool /*isComplete*/, std::optional<NSError> /*error*/) mutable {
+                           bool /*isComplete*/, const std::optional<NSError>& /*error*/) mutable {
                          const auto self = weakSelf.lock();
                          if (self == nullptr || !self->isCurrent(connection)) return;
                          // No bytes is a refusal like any other: no flow waits without end.

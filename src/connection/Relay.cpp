@@ -64,11 +64,12 @@ void TandorProxyConnection::flowReadCompleted(std::optional<Data> data,
 
 void TandorProxyConnection::sendChunk(Data chunk) {
   if (connection_ == nullptr) return;
-  connection_->send(
-      std::move(chunk), NWConnection::ContentContext::defaultMessage, /*isComplete=*/true,
-      [self = shared_from_this(), connection = connection_.get()](std::optional<NSError> error) {
-        if (self->isCurrent(connection)) self->sendCompleted(error);
-      });
+  connection_->send(std::move(chunk), NWConnection::ContentContext::defaultMessage,
+                    /*isComplete=*/true,
+                    [self = shared_from_this(),
+                     connection = connection_.get()](const std::optional<NSError>& error) {
+                      if (self->isCurrent(connection)) self->sendCompleted(error);
+                    });
 }
 
 void TandorProxyConnection::sendCompleted(const std::optional<NSError>& error) {
@@ -91,7 +92,7 @@ void TandorProxyConnection::copyNWConnectionDataToFlow() {
   connection_->receive(1, maximumReceiveLength,
                        [weakSelf = weak_from_this(), connection = connection_.get()](
                            std::optional<Data> data, NWConnection::ContentContext /*context*/,
-                           bool isComplete, std::optional<NSError> error) {
+                           bool isComplete, const std::optional<NSError>& error) {
                          const auto self = weakSelf.lock();
                          if (self != nullptr && self->isCurrent(connection))
                            self->received(std::move(data), isComplete, error);

@@ -54,9 +54,9 @@ class FreeQueue final : public DispatchQueue {
 
   template <typename Function>
   void runAsCurrent(Function& function) const {
-    const DispatchQueue* outer = std::exchange(current_, this);
+    const DispatchQueue* outer = std::exchange(currentQueue, this);
     function();
-    current_ = outer;
+    currentQueue = outer;
   }
 
   void scheduleDrain() {

@@ -66,7 +66,7 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 
   /// Whether the caller runs under this queue's exclusion.
   [[nodiscard]] bool isCurrent() const noexcept {
-    return loop_ != nullptr ? loop_->isCurrent() : current_ == this;
+    return loop_ != nullptr ? loop_->isCurrent() : currentQueue == this;
   }
 
  protected:
@@ -91,7 +91,7 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   virtual void runSync(SyncBlock block) = 0;
 
   /// The free queue whose block runs on this thread.
-  static inline thread_local const DispatchQueue* current_ = nullptr;
+  static inline thread_local const DispatchQueue* currentQueue = nullptr;
 
  private:
   std::string_view label_;

@@ -19,9 +19,9 @@ class EventLoop {
   virtual ~EventLoop() = default;
 
   /// Whether the caller runs on this loop's thread. Cheap: asked for every chunk.
-  [[nodiscard]] bool isCurrent() const noexcept { return current_ == this; }
+  [[nodiscard]] bool isCurrent() const noexcept { return currentLoop == this; }
   /// The loop whose thread this is, or null on any other thread.
-  [[nodiscard]] static EventLoop* current() noexcept { return current_; }
+  [[nodiscard]] static EventLoop* current() noexcept { return currentLoop; }
 
   /// Runs `block` on the loop's thread, in order of submission. Any thread. `queue`, if given, is
   /// the one that the block belongs to.
@@ -31,10 +31,10 @@ class EventLoop {
 
  protected:
   /// Called by the loop's thread as its first act, and with null as its last.
-  static void setCurrent(EventLoop* loop) noexcept { current_ = loop; }
+  static void setCurrent(EventLoop* loop) noexcept { currentLoop = loop; }
 
  private:
-  static inline thread_local EventLoop* current_ = nullptr;
+  static inline thread_local EventLoop* currentLoop = nullptr;
 };
 
 /// What pins a queue: the loop of a flow, carried by the flow so that everything that is done for

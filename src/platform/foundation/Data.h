@@ -29,7 +29,7 @@ class DataStorage {
   }
 
  protected:
-  virtual ~DataStorage() = default;
+  ~DataStorage() = default;
   /// Called once, when the last reference went; frees the storage or returns it to its pool.
   virtual void dispose() noexcept = 0;
 
@@ -58,10 +58,12 @@ class Data {
       : storage_(std::exchange(other.storage_, nullptr)),
         first_(std::exchange(other.first_, nullptr)),
         count_(std::exchange(other.count_, 0)) {}
-  Data& operator=(Data other) noexcept {
-    std::swap(storage_, other.storage_);
-    std::swap(first_, other.first_);
-    std::swap(count_, other.count_);
+  Data& operator=(const Data& other) noexcept {
+    swap(Data(other));
+    return *this;
+  }
+  Data& operator=(Data&& other) noexcept {
+    swap(Data(std::move(other)));
     return *this;
   }
   ~Data() {
@@ -99,6 +101,12 @@ class Data {
   friend bool operator==(const Data& left, const Data& right) noexcept;
 
  private:
+  void swap(Data&& other) noexcept {
+    std::swap(storage_, other.storage_);
+    std::swap(first_, other.first_);
+    std::swap(count_, other.count_);
+  }
+
   DataStorage* storage_ = nullptr;
   const std::uint8_t* first_ = nullptr;
   std::size_t count_ = 0;

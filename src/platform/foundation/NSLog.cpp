@@ -1,8 +1,8 @@
 #include "platform/foundation/NSLog.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <errno.h>
 #include <iterator>
 #include <mutex>
 #include <unistd.h>

@@ -29,7 +29,7 @@ constexpr std::size_t mostUnsent = std::size_t{4} << 20;
 /// How long the process may wait for a reply to be handed to the kernel.
 constexpr auto replyPatience = std::chrono::seconds(1);
 
-std::string replyLine(json reply) {
+std::string replyLine(const json& reply) {
   return reply.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
@@ -39,8 +39,11 @@ std::string replyLine(json reply) {
 class ControlClient : public std::enable_shared_from_this<ControlClient> {
  public:
   ControlClient(ServiceThread& service, stream_protocol::socket socket,
-                const ControlServer::Handler& handler)
-      : service_(service), socket_(std::move(socket)), input_(longestLine), handler_(handler) {}
+                ControlServer::Handler handler)
+      : service_(service),
+        socket_(std::move(socket)),
+        input_(longestLine),
+        handler_(std::move(handler)) {}
 
   void readLine() {
     asio::async_read_until(
@@ -60,9 +63,9 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
   }
 
   /// Hands as much as possible to the kernel at once; the rest follows when there is room.
-  void write(std::string line) {
+  void write(const std::string& line) {
     if (!socket_.is_open()) return;
-    unsent_ += std::move(line);
+    unsent_ += line;
     if (unsent_.size() > mostUnsent) {
       asio::error_code ignored;
       socket_.close(ignored);
@@ -197,16 +200,16 @@ void ControlServer::Reply::fail(std::int64_t code, std::string_view description)
 
 void ControlServer::Reply::send(json reply) const {
   reply["id"] = json::parse(id_);
-  std::string line = replyLine(std::move(reply));
+  const std::string line = replyLine(reply);
   ServiceThread& service = client_->service();
   if (service.isCurrent()) {
-    client_->write(std::move(line));
+    client_->write(line);
     return;
   }
   // The process may end right after a reply, so the caller waits until it has left.
   const auto written = std::make_shared<std::promise<void>>();
-  asio::post(service.context(), [client = client_, written, line = std::move(line)]() mutable {
-    client->write(std::move(line));
+  asio::post(service.context(), [client = client_, written, line] {
+    client->write(line);
     written->set_value();
   });
   written->get_future().wait_for(replyPatience);

@@ -31,7 +31,8 @@ std::expected<sockaddr_un, std::string> addressOf(const std::string& path) {
 
 bool isSomebodyListening(const sockaddr_un& address) {
   const FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  return probe.isOpen() &&
+         ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 }  // namespace

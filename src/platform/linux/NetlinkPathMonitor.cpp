@@ -87,9 +87,10 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
   /// What the messages say does not matter: the path is read anew. Lost ones (ENOBUFS) are changes.
   void drain() {
     std::array<char, 8192> messages{};
-    while (::recv(descriptor_.native_handle(), messages.data(), messages.size(), 0) > 0 ||
-           errno == ENOBUFS || errno == EINTR) {
-      errno = 0;
+    for (;;) {
+      const ssize_t count =
+          ::recv(descriptor_.native_handle(), messages.data(), messages.size(), 0);
+      if (count <= 0 && errno != ENOBUFS && errno != EINTR) return;
     }
   }
 
