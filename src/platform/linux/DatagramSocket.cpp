@@ -81,7 +81,7 @@ void DatagramSocket::write(std::span<const Data> datagrams) {
 }
 
 void DatagramSocket::inject(Data datagram) {
-  bytesRead_ += datagram.count();
+  addTo(bytesRead_, datagram.count());
   input_.push_back(std::move(datagram));
   if (isReadWanted_) loop_.schedule(completion_);
 }
@@ -151,7 +151,7 @@ void DatagramSocket::flush() {
     for (std::size_t index = 0; index < gone; ++index) {
       const std::size_t length = output_[first + index].count();
       outputBytes_ -= length;
-      if (sent > 0) bytesWritten_ += length;
+      if (sent > 0) addTo(bytesWritten_, length);
     }
     first += gone;
   }
@@ -178,7 +178,7 @@ void DatagramSocket::fill() {
   const auto received = std::span(messages).first(static_cast<std::size_t>(count));
   std::size_t total = 0;
   for (const mmsghdr& message : received) total += message.msg_len;
-  bytesRead_ += total;
+  addTo(bytesRead_, total);
   if (total < worthPacking) {
     for (std::size_t index = 0; index < received.size(); ++index)
       input_.push_back(Data::copying(std::span(slots[index]).first(received[index].msg_len)));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -57,8 +58,12 @@ class DatagramSocket final : private EpollLoop::Source {
   void finish();
   [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
   [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
-  [[nodiscard]] std::uint64_t bytesRead() const noexcept { return bytesRead_; }
-  [[nodiscard]] std::uint64_t bytesWritten() const noexcept { return bytesWritten_; }
+  [[nodiscard]] std::uint64_t bytesRead() const noexcept {
+    return bytesRead_.load(std::memory_order_relaxed);
+  }
+  [[nodiscard]] std::uint64_t bytesWritten() const noexcept {
+    return bytesWritten_.load(std::memory_order_relaxed);
+  }
 
  private:
   void ready(std::uint32_t events) override;
@@ -89,8 +94,12 @@ class DatagramSocket final : private EpollLoop::Source {
   EpollLoop::Task completion_{EpollLoop::Call::to<&DatagramSocket::complete>(this)};
   EpollLoop::Task transfer_{EpollLoop::Call::to<&DatagramSocket::transfer>(this)};
 
-  std::uint64_t bytesRead_ = 0;
-  std::uint64_t bytesWritten_ = 0;
+  /// Only the loop counts, so no read-modify-write is needed; others may read.
+  static void addTo(std::atomic<std::uint64_t>& counter, std::size_t bytes) noexcept {
+    counter.store(counter.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
+  }
+  std::atomic<std::uint64_t> bytesRead_{0};
+  std::atomic<std::uint64_t> bytesWritten_{0};
 };
 
 }  // namespace tandor

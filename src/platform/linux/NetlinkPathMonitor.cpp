@@ -90,7 +90,7 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
     for (;;) {
       const ssize_t count =
           ::recv(descriptor_.native_handle(), messages.data(), messages.size(), 0);
-      if (count <= 0 && errno != ENOBUFS && errno != EINTR) return;
+      if (count == 0 || (count < 0 && errno != ENOBUFS && errno != EINTR)) return;
     }
   }
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/linux/InterceptedFlow.h"
 #include "platform/linux/OutboundSocket.h"
 
 namespace tandor {
@@ -82,6 +83,10 @@ void SocketConnection::tryNextAddress() {
 void SocketConnection::attemptEnded(int error) {
   if (isCancelled_) return;
   if (error == 0) {
+    if (auto* flow = dynamic_cast<InterceptedFlow*>(queue_->affinity().get())) {
+      const auto& interface = parameters_.requiredInterface;
+      flow->setOutbound(addresses_[nextAddress_ - 1], interface ? interface->name : std::string());
+    }
     addresses_ = {};  // an idle connection does not need them
     report(State::Kind::ready);
     return;

@@ -42,7 +42,7 @@ std::optional<NSError> systemError(int number) {
 class SocketTCPFlow::FirstFlight {
  public:
   explicit FirstFlight(SocketTCPFlow& flow)
-      : timer_(flow.loop_, EpollLoop::Call::to<&SocketTCPFlow::deliverFirstFlight>(&flow)) {
+      : timer_(*flow.residence(), EpollLoop::Call::to<&SocketTCPFlow::deliverFirstFlight>(&flow)) {
     timer_.start(firstFlightPatience);
   }
 
@@ -58,37 +58,75 @@ class SocketTCPFlow::FirstFlight {
   EpollLoop::Timer timer_;
 };
 
+SocketTCPFlow::SocketTCPFlow(Origin origin, FlowRegistry& registry)
+    : InterceptedFlow(std::move(origin), &registry),
+      remoteEndpoint_(NWHostEndpoint{key().destination.host(),
+                                     std::to_string(key().destination.port)}) {}
+
 SocketTCPFlow::SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
                              NWFlowEndpoint remoteEndpoint)
-    : loop_(loop),
-      metaData_(std::move(metaData)),
+    : InterceptedFlow({.key = {},
+                       .pid = 0,
+                       .metaData = std::make_shared<const NEFlowMetaData>(std::move(metaData))},
+                      nullptr),
       remoteEndpoint_(std::move(remoteEndpoint)),
-      unopened_(std::move(socket)),
-      stream_(loop, *this) {
+      unopened_(std::move(socket)) {
   settle(loop);
+  stream_.emplace(loop, static_cast<StreamSocket::Owner&>(*this));
 }
 
 SocketTCPFlow::~SocketTCPFlow() {
-  if (stream_.isOpen()) stream_.reset();
+  if (stream_ && stream_->isOpen()) stream_->reset();
+  delist();
+}
+
+void SocketTCPFlow::attach(EpollLoop& loop, FileDescriptor socket) {
+  settle(loop);
+  stream_.emplace(loop, static_cast<StreamSocket::Owner&>(*this));
+  unopened_ = std::move(socket);
+  enlist();
+  if (isRefused()) {
+    refuse();
+  } else if (openCompletion_ != nullptr) {
+    adoptSocket();
+  }
+}
+
+void SocketTCPFlow::abandon() {
+  if (auto completion = std::exchange(openCompletion_, nullptr))
+    completion(NSError::posix(ECONNABORTED));
 }
 
 void SocketTCPFlow::open(const std::optional<NWHostEndpoint>& /*localEndpoint*/,
                          Completion completion) {
+  if (residence() == nullptr) {
+    openCompletion_ = std::move(completion);
+    return;
+  }
   onLoop([this, completion = std::move(completion)]() mutable {
     openCompletion_ = std::move(completion);
-    const int error = unopened_.isOpen() ? stream_.adopt(std::move(unopened_)) : ECONNABORTED;
-    openError_ = systemError(error);
-    loop_.schedule(answer_);
+    adoptSocket();
   });
+}
+
+void SocketTCPFlow::adoptSocket() {
+  openError_ =
+      systemError(unopened_.isOpen() ? stream_->adopt(std::move(unopened_)) : ECONNABORTED);
+  residence()->schedule(answer_);
+}
+
+void SocketTCPFlow::refuse() {
+  // The application sees its connection reset.
+  if (stream_->adopt(std::move(unopened_)) == 0) stream_->reset();
 }
 
 void SocketTCPFlow::readData(ReadCompletion completion) {
   onLoop([this, completion = std::move(completion)]() mutable {
     readCompletion_ = std::move(completion);
     if (isReadClosed_) {
-      loop_.schedule(answer_);
+      residence()->schedule(answer_);
     } else {
-      stream_.read(everything);
+      stream_->read(everything);
     }
   });
 }
@@ -97,35 +135,41 @@ void SocketTCPFlow::write(Data data, Completion completion) {
   onLoop([this, data = std::move(data), completion = std::move(completion)]() mutable {
     writeCompletion_ = std::move(completion);
     if (isWriteClosed_) {
-      loop_.schedule(answer_);
+      residence()->schedule(answer_);
     } else {
-      stream_.write(std::move(data));
+      stream_->write(std::move(data));
     }
   });
 }
 
 void SocketTCPFlow::closeReadWithError(const std::optional<NSError>& error) {
+  if (residence() == nullptr) {
+    isReadClosed_ = true;
+    return;
+  }
   onLoop([this, error] { close(isReadClosed_, error); });
 }
 
 void SocketTCPFlow::closeWriteWithError(const std::optional<NSError>& error) {
+  if (residence() == nullptr) {
+    isWriteClosed_ = true;
+    return;
+  }
   onLoop([this, error] { close(isWriteClosed_, error); });
 }
 
 void SocketTCPFlow::close(bool& isDirectionClosed, const std::optional<NSError>& error) {
   if (std::exchange(isDirectionClosed, true)) return;
-  loop_.schedule(answer_);
+  residence()->schedule(answer_);
   if (!closeError_) closeError_ = error;
   if (unopened_.isOpen()) {
-    // Refused: the application sees its connection reset, whichever side is closed first.
-    static_cast<void>(stream_.adopt(std::move(unopened_)));
-    stream_.reset();
+    refuse();
   } else if (closeError_) {
-    stream_.reset();
+    stream_->reset();
   } else if (isClosed()) {
-    stream_.finish();
+    stream_->finish();
   } else if (isWriteClosed_) {
-    stream_.finishWriting();
+    stream_->finishWriting();
   }
 }
 
@@ -139,7 +183,7 @@ void SocketTCPFlow::streamDidRead(Data data) {
       if (firstFlight_->append(data)) {
         deliverFirstFlight();
       } else {
-        stream_.read(everything);
+        stream_->read(everything);
       }
       return;
     }

@@ -5,6 +5,7 @@
 
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/InterceptedFlow.h"
 #include "platform/linux/StreamSocket.h"
 #include "platform/networkextension/NEAppProxyFlow.h"
 
@@ -13,10 +14,11 @@ namespace tandor {
 /// An application's TCP flow, over the socket that stands at its other end. Lives on a loop; may be
 /// called from any thread.
 class SocketTCPFlow final : public NEAppProxyTCPFlow,
-                            public LoopAffinity,
-                            public EpollLoop::Resident,
+                            public InterceptedFlow,
                             private StreamSocket::Owner {
  public:
+  /// A flow whose first packet is held: its socket follows.
+  SocketTCPFlow(Origin origin, FlowRegistry& registry);
   /// `socket` is connected to the application and non-blocking; `remoteEndpoint` is the destination
   /// that the application asked for.
   SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
@@ -25,8 +27,14 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   SocketTCPFlow(const SocketTCPFlow&) = delete;
   SocketTCPFlow& operator=(const SocketTCPFlow&) = delete;
 
-  [[nodiscard]] EventLoop& loop() const noexcept override { return loop_; }
-  [[nodiscard]] const NEFlowMetaData& metaData() const override { return metaData_; }
+  /// Gives an announced flow its socket, which is connected to the application. On `loop`.
+  void attach(EpollLoop& loop, FileDescriptor socket);
+  /// Gives an announced flow up: its socket never came. On the thread that offered it.
+  void abandon();
+  /// Whether an announced flow was closed without having been opened.
+  [[nodiscard]] bool isRefused() const noexcept { return isReadClosed_ || isWriteClosed_; }
+
+  [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
   [[nodiscard]] const NWFlowEndpoint& remoteEndpoint() const override { return remoteEndpoint_; }
   [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return {self(), this}; }
   void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
@@ -44,17 +52,24 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   void streamDidWrite(int error) override;
   [[nodiscard]] std::shared_ptr<void> streamReference() override { return self(); }
 
+  void adoptSocket();
+  void refuse();
   void close(bool& isDirectionClosed, const std::optional<NSError>& error);
   void deliverFirstFlight();
   void answer();
   [[nodiscard]] bool isClosed() const noexcept { return isReadClosed_ && isWriteClosed_; }
 
-  EpollLoop& loop_;
-  const NEFlowMetaData metaData_;
+  [[nodiscard]] std::uint64_t bytesOut() const noexcept override {
+    return stream_ ? stream_->bytesRead() : 0;
+  }
+  [[nodiscard]] std::uint64_t bytesIn() const noexcept override {
+    return stream_ ? stream_->bytesWritten() : 0;
+  }
+
   const NWFlowEndpoint remoteEndpoint_;
 
   FileDescriptor unopened_;
-  StreamSocket stream_;
+  std::optional<StreamSocket> stream_;  // once the flow has come to a loop
   Completion openCompletion_;
   ReadCompletion readCompletion_;
   Completion writeCompletion_;

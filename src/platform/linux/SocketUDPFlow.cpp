@@ -1,6 +1,7 @@
 #include "platform/linux/SocketUDPFlow.h"
 
 #include <cerrno>
+#include <chrono>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -10,35 +11,95 @@ namespace {
 
 constexpr std::size_t everything = std::numeric_limits<std::size_t>::max();
 
+/// How long a flow may be silent. A resolver's answer comes soon or never.
+std::chrono::seconds patience(const NWHostEndpoint& remoteEndpoint) {
+  using namespace std::chrono_literals;
+  return remoteEndpoint.port == "53" ? 30s : 180s;
+}
+
 }  // namespace
+
+SocketUDPFlow::SocketUDPFlow(Origin origin, FlowRegistry& registry)
+    : InterceptedFlow(std::move(origin), &registry),
+      remoteEndpoint_{key().destination.host(), std::to_string(key().destination.port)} {}
 
 SocketUDPFlow::SocketUDPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
                              NWHostEndpoint remoteEndpoint)
-    : loop_(loop),
-      metaData_(std::move(metaData)),
+    : InterceptedFlow({.key = {},
+                       .pid = 0,
+                       .metaData = std::make_shared<const NEFlowMetaData>(std::move(metaData))},
+                      nullptr),
       remoteEndpoint_(std::move(remoteEndpoint)),
-      unopened_(std::move(socket)),
-      socket_(loop, *this) {
+      unopened_(std::move(socket)) {
   settle(loop);
+  socket_.emplace(loop, static_cast<DatagramSocket::Owner&>(*this));
+}
+
+SocketUDPFlow::~SocketUDPFlow() {
+  if (socket_) socket_->finish();
+  if (closeHandler_) closeHandler_();
+  delist();
+}
+
+void SocketUDPFlow::attach(EpollLoop& loop, FileDescriptor socket) {
+  settle(loop);
+  socket_.emplace(loop, static_cast<DatagramSocket::Owner&>(*this));
+  unopened_ = std::move(socket);
+  enlist();
+  silence_ = std::make_unique<EpollLoop::Timer>(
+      loop, EpollLoop::Call::to<&SocketUDPFlow::checkSilence>(this));
+  silence_->start(patience(remoteEndpoint_));
+  if (isRefused()) {
+    unopened_.reset();
+  } else if (openCompletion_ != nullptr) {
+    adoptSocket();
+  }
+}
+
+void SocketUDPFlow::inject(Data datagram) { socket_->inject(std::move(datagram)); }
+
+void SocketUDPFlow::end() {
+  onLoop([this] {
+    hasEnded_ = true;
+    residence()->schedule(answer_);
+  });
+}
+
+void SocketUDPFlow::checkSilence() {
+  const std::uint64_t bytes = bytesIn() + bytesOut();
+  if (bytes == bytesAtLastCheck_) {
+    end();
+    return;
+  }
+  bytesAtLastCheck_ = bytes;
+  silence_->start(patience(remoteEndpoint_));
 }
 
 void SocketUDPFlow::open(const std::optional<NWHostEndpoint>& /*localEndpoint*/,
                          Completion completion) {
+  if (residence() == nullptr) {
+    openCompletion_ = std::move(completion);
+    return;
+  }
   onLoop([this, completion = std::move(completion)]() mutable {
     openCompletion_ = std::move(completion);
-    const int error = unopened_.isOpen() ? socket_.adopt(std::move(unopened_)) : ECONNABORTED;
-    if (error != 0) openError_ = NSError::posix(error);
-    loop_.schedule(answer_);
+    adoptSocket();
   });
+}
+
+void SocketUDPFlow::adoptSocket() {
+  const int error = unopened_.isOpen() ? socket_->adopt(std::move(unopened_)) : ECONNABORTED;
+  if (error != 0) openError_ = NSError::posix(error);
+  residence()->schedule(answer_);
 }
 
 void SocketUDPFlow::readDatagrams(ReadDatagramsCompletion completion) {
   onLoop([this, completion = std::move(completion)]() mutable {
     readCompletion_ = std::move(completion);
-    if (isReadClosed_) {
-      loop_.schedule(answer_);
+    if (isReadClosed_ || hasEnded_) {
+      residence()->schedule(answer_);
     } else {
-      socket_.read(everything);
+      socket_->read(everything);
     }
   });
 }
@@ -47,12 +108,12 @@ void SocketUDPFlow::writeDatagrams(std::span<const Data> datagrams,
                                    std::span<const NWHostEndpoint> /*sentBy*/,
                                    Completion completion) {
   // The socket is bound to the one endpoint that this flow talks to, whose address replies carry.
-  if (loop_.isCurrent()) {
+  if (residence()->isCurrent()) {
     writeCompletion_ = std::move(completion);
     if (isWriteClosed_) {
-      loop_.schedule(answer_);
+      residence()->schedule(answer_);
     } else {
-      socket_.write(datagrams);
+      socket_->write(datagrams);
     }
     return;
   }
@@ -63,10 +124,18 @@ void SocketUDPFlow::writeDatagrams(std::span<const Data> datagrams,
 }
 
 void SocketUDPFlow::closeReadWithError(const std::optional<NSError>& error) {
+  if (residence() == nullptr) {
+    isReadClosed_ = true;
+    return;
+  }
   onLoop([this, error] { close(isReadClosed_, error); });
 }
 
 void SocketUDPFlow::closeWriteWithError(const std::optional<NSError>& error) {
+  if (residence() == nullptr) {
+    isWriteClosed_ = true;
+    return;
+  }
   onLoop([this, error] { close(isWriteClosed_, error); });
 }
 
@@ -74,8 +143,12 @@ void SocketUDPFlow::close(bool& isDirectionClosed, const std::optional<NSError>&
   if (std::exchange(isDirectionClosed, true)) return;
   if (!closeError_) closeError_ = error;
   unopened_.reset();
-  if (isReadClosed_ && isWriteClosed_) socket_.finish();
-  loop_.schedule(answer_);
+  if (isReadClosed_ && isWriteClosed_) {
+    silence_.reset();
+    socket_->finish();
+    if (auto handler = std::exchange(closeHandler_, nullptr)) handler();
+  }
+  residence()->schedule(answer_);
 }
 
 void SocketUDPFlow::datagramsDidArrive(std::span<Data> datagrams) {
@@ -84,7 +157,7 @@ void SocketUDPFlow::datagramsDidArrive(std::span<Data> datagrams) {
   for (Data& datagram : datagrams)
     if (!datagram.isEmpty()) batch.push_back(std::move(datagram));
   if (batch.empty()) {
-    socket_.read(everything);
+    socket_->read(everything);
     return;
   }
   if (auto completion = std::exchange(readCompletion_, nullptr)) {
@@ -105,7 +178,7 @@ void SocketUDPFlow::datagramsDidLeave(int error) {
 
 void SocketUDPFlow::answer() {
   if (auto completion = std::exchange(openCompletion_, nullptr)) completion(openError_);
-  if (isReadClosed_) {
+  if (isReadClosed_ || hasEnded_) {
     if (auto completion = std::exchange(readCompletion_, nullptr))
       completion(std::nullopt, {}, closeError_);
   }

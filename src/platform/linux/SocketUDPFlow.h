@@ -1,11 +1,13 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 
 #include "platform/linux/DatagramSocket.h"
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/InterceptedFlow.h"
 #include "platform/networkextension/NEAppProxyFlow.h"
 
 namespace tandor {
@@ -14,17 +16,34 @@ namespace tandor {
 /// to the application. Lives on a loop; may be called from any thread. Empty datagrams of the
 /// application are dropped: to a reader they would be the end of the flow.
 class SocketUDPFlow final : public NEAppProxyUDPFlow,
-                            public LoopAffinity,
-                            public EpollLoop::Resident,
+                            public InterceptedFlow,
                             private DatagramSocket::Owner {
  public:
+  /// A flow whose first datagram is held: its socket follows.
+  SocketUDPFlow(Origin origin, FlowRegistry& registry);
   /// `socket` is connected to the application and non-blocking; `remoteEndpoint` is the destination
   /// that the application sends to.
   SocketUDPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
                 NWHostEndpoint remoteEndpoint);
+  ~SocketUDPFlow() override;
+  SocketUDPFlow(const SocketUDPFlow&) = delete;
+  SocketUDPFlow& operator=(const SocketUDPFlow&) = delete;
 
-  [[nodiscard]] EventLoop& loop() const noexcept override { return loop_; }
-  [[nodiscard]] const NEFlowMetaData& metaData() const override { return metaData_; }
+  /// Gives an announced flow its socket, which is connected to the application. On `loop`.
+  void attach(EpollLoop& loop, FileDescriptor socket);
+  /// Adds a datagram that reached us before the flow had its socket. On its loop, before it is read.
+  void inject(Data datagram);
+  /// Ends the flow as if the application had: its socket is gone, or it was silent for too long.
+  /// Any thread.
+  void end();
+  /// Whether an announced flow was closed without having been opened.
+  [[nodiscard]] bool isRefused() const noexcept { return isReadClosed_ || isWriteClosed_; }
+  /// Called once, on the loop, when the flow's socket has closed.
+  void setCloseHandler(std::move_only_function<void()> handler) {
+    closeHandler_ = std::move(handler);
+  }
+
+  [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
   [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return {self(), this}; }
   void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
   void readDatagrams(ReadDatagramsCompletion completion) override;
@@ -38,15 +57,26 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   void datagramsDidFail(int error) override;
   void datagramsDidLeave(int error) override;
 
+  void adoptSocket();
+  void checkSilence();
   void close(bool& isDirectionClosed, const std::optional<NSError>& error);
   void answer();
 
-  EpollLoop& loop_;
-  const NEFlowMetaData metaData_;
+  [[nodiscard]] std::uint64_t bytesOut() const noexcept override {
+    return socket_ ? socket_->bytesRead() : 0;
+  }
+  [[nodiscard]] std::uint64_t bytesIn() const noexcept override {
+    return socket_ ? socket_->bytesWritten() : 0;
+  }
+
   const NWHostEndpoint remoteEndpoint_;
 
   FileDescriptor unopened_;
-  DatagramSocket socket_;
+  std::optional<DatagramSocket> socket_;  // once the flow has come to a loop
+  std::unique_ptr<EpollLoop::Timer> silence_;
+  std::uint64_t bytesAtLastCheck_ = 0;
+  bool hasEnded_ = false;
+  std::move_only_function<void()> closeHandler_;
   Completion openCompletion_;
   ReadDatagramsCompletion readCompletion_;
   Completion writeCompletion_;

@@ -172,7 +172,7 @@ void StreamSocket::flush() {
       }
     }
     auto left = sent > 0 ? static_cast<std::size_t>(sent) : 0;
-    bytesWritten_ += left;
+    addTo(bytesWritten_, left);
     outputBytes_ -= left;
     const bool isPartial = left < asked;
     while (left > 0 && left >= output_[first].count()) left -= output_[first++].count();
@@ -203,7 +203,7 @@ void StreamSocket::fill() {
     const ssize_t count = ::recv(socket_.get(), buffer.room().data(), whole.count(), MSG_DONTWAIT);
     if (count > 0) {
       const auto received = static_cast<std::size_t>(count);
-      bytesRead_ += received;
+      addTo(bytesRead_, received);
       // A short read has emptied the socket: what comes next is announced by a new edge. The end of
       // the stream may have been announced already.
       isReadable_ = isHungUp_ || received == whole.count();

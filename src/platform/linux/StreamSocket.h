@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -70,9 +71,13 @@ class StreamSocket final : private EpollLoop::Source {
 
   [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
   [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
-  /// Bytes read from and sent to the peer.
-  [[nodiscard]] std::uint64_t bytesRead() const noexcept { return bytesRead_; }
-  [[nodiscard]] std::uint64_t bytesWritten() const noexcept { return bytesWritten_; }
+  /// Bytes read from and sent to the peer. Any thread.
+  [[nodiscard]] std::uint64_t bytesRead() const noexcept {
+    return bytesRead_.load(std::memory_order_relaxed);
+  }
+  [[nodiscard]] std::uint64_t bytesWritten() const noexcept {
+    return bytesWritten_.load(std::memory_order_relaxed);
+  }
 
  private:
   enum class Phase : std::uint8_t { idle, connecting, open, finishing, closed };
@@ -116,8 +121,12 @@ class StreamSocket final : private EpollLoop::Source {
   EpollLoop::Task completion_{EpollLoop::Call::to<&StreamSocket::complete>(this)};
   EpollLoop::Task transfer_{EpollLoop::Call::to<&StreamSocket::transfer>(this)};
 
-  std::uint64_t bytesRead_ = 0;
-  std::uint64_t bytesWritten_ = 0;
+  /// Only the loop counts, so no read-modify-write is needed; others may read.
+  static void addTo(std::atomic<std::uint64_t>& counter, std::size_t bytes) noexcept {
+    counter.store(counter.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
+  }
+  std::atomic<std::uint64_t> bytesRead_{0};
+  std::atomic<std::uint64_t> bytesWritten_{0};
 
   struct Linger;
   std::unique_ptr<Linger> linger_;  // present while finishing

@@ -1,0 +1,80 @@
+#include "platform/linux/FlowRegistry.h"
+
+#include <utility>
+
+namespace tandor {
+
+void FlowRegistry::add(InterceptedFlow& flow) {
+  taken_.fetch_add(1, std::memory_order_relaxed);
+  const std::scoped_lock lock(mutex_);
+  flow.id_ = ++lastId_;
+  flow.next_ = first_;
+  if (first_ != nullptr) first_->previous_ = &flow;
+  first_ = &flow;
+  flow.isListed_ = true;
+  ++liveCount_;
+  if (observer_) observer_(Event::open, flow.info());
+}
+
+void FlowRegistry::remove(InterceptedFlow& flow) noexcept {
+  const std::scoped_lock lock(mutex_);
+  if (!std::exchange(flow.isListed_, false)) return;
+  (flow.previous_ != nullptr ? flow.previous_->next_ : first_) = flow.next_;
+  if (flow.next_ != nullptr) flow.next_->previous_ = flow.previous_;
+  --liveCount_;
+  closedBytesIn_ += flow.bytesIn();
+  closedBytesOut_ += flow.bytesOut();
+  if (observer_) observer_(Event::close, flow.info());
+}
+
+void FlowRegistry::countUntaken(Event event, const InterceptedFlow::Origin& origin) {
+  (event == Event::left ? left_ : refused_).fetch_add(1, std::memory_order_relaxed);
+  if (!isObserved_.load(std::memory_order_acquire)) return;
+  FlowInfo info;
+  if (origin.metaData != nullptr) info.app = origin.metaData->sourceAppSigningIdentifier;
+  info.pid = origin.pid;
+  info.protocol = origin.key.protocol;
+  info.source = origin.key.source.description();
+  info.destination = origin.key.destination.description();
+  info.since = std::chrono::system_clock::now();
+  const std::scoped_lock lock(mutex_);
+  if (observer_) observer_(event, info);
+}
+
+FlowRegistry::Counts FlowRegistry::counts() const {
+  Counts counts;
+  counts.taken = taken_.load(std::memory_order_relaxed);
+  counts.left = left_.load(std::memory_order_relaxed);
+  counts.refused = refused_.load(std::memory_order_relaxed);
+  const std::scoped_lock lock(mutex_);
+  counts.open = liveCount_;
+  counts.bytesIn = closedBytesIn_;
+  counts.bytesOut = closedBytesOut_;
+  for (const InterceptedFlow* flow = first_; flow != nullptr; flow = flow->next_) {
+    counts.bytesIn += flow->bytesIn();
+    counts.bytesOut += flow->bytesOut();
+  }
+  return counts;
+}
+
+std::vector<FlowInfo> FlowRegistry::liveFlows() const {
+  const std::scoped_lock lock(mutex_);
+  std::vector<FlowInfo> flows;
+  flows.reserve(liveCount_);
+  for (const InterceptedFlow* flow = first_; flow != nullptr; flow = flow->next_)
+    flows.push_back(flow->info());
+  return flows;
+}
+
+std::size_t FlowRegistry::liveCount() const {
+  const std::scoped_lock lock(mutex_);
+  return liveCount_;
+}
+
+void FlowRegistry::setObserver(Observer observer) {
+  const std::scoped_lock lock(mutex_);
+  observer_ = std::move(observer);
+  isObserved_.store(static_cast<bool>(observer_), std::memory_order_release);
+}
+
+}  // namespace tandor

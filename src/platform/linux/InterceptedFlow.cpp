@@ -1,0 +1,51 @@
+#include "platform/linux/InterceptedFlow.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "platform/linux/FlowRegistry.h"
+
+namespace tandor {
+
+InterceptedFlow::InterceptedFlow(Origin origin, FlowRegistry* registry)
+    : origin_(std::move(origin)), registry_(registry) {}
+
+InterceptedFlow::~InterceptedFlow() = default;
+
+void InterceptedFlow::enlist() {
+  since_ = std::chrono::system_clock::now();
+  if (registry_ != nullptr) registry_->add(*this);
+}
+
+void InterceptedFlow::delist() noexcept {
+  if (registry_ != nullptr) registry_->remove(*this);
+}
+
+void InterceptedFlow::setOutbound(const SocketAddress& address, const std::string& interface) {
+  if (registry_ == nullptr) return;
+  const bool isIPv6 = address.family() == AF_INET6;
+  auto outbound = std::make_unique<const std::string>(
+      isIPv6 ? fmt::format("[{}]:{}", address.host(), address.port())
+             : fmt::format("{}:{}", address.host(), address.port()));
+  auto bound = interface.empty() ? nullptr : std::make_unique<const std::string>(interface);
+  const std::scoped_lock lock(registry_->mutex());
+  outbound_ = std::move(outbound);
+  interface_ = std::move(bound);
+}
+
+FlowInfo InterceptedFlow::info() const {
+  return {.id = id_,
+          .app = origin_.metaData->sourceAppSigningIdentifier,
+          .pid = origin_.pid,
+          .protocol = origin_.key.protocol,
+          .source = origin_.key.source.description(),
+          .destination = origin_.key.destination.description(),
+          .outbound = outbound_ != nullptr ? *outbound_ : std::string(),
+          .interface = interface_ != nullptr ? *interface_ : std::string(),
+          .bytesIn = bytesIn(),
+          .bytesOut = bytesOut(),
+          .since = since_};
+}
+
+}  // namespace tandor

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/linux/EpollLoop.h"
+#include "platform/linux/FlowKey.h"
+#include "platform/linux/SocketAddress.h"
+#include "platform/networkextension/NEAppProxyFlow.h"
+
+namespace tandor {
+
+class FlowRegistry;
+
+/// What is known of a live flow, for people.
+struct FlowInfo {
+  std::uint64_t id = 0;
+  std::string app;
+  pid_t pid = 0;
+  std::uint8_t protocol = 0;
+  std::string source;
+  std::string destination;  // what the application asked for
+  std::string outbound;     // where the bytes go; empty until that is settled
+  std::string interface;    // the one that the outbound connection is bound to; empty for none
+  std::uint64_t bytesIn = 0;
+  std::uint64_t bytesOut = 0;
+  std::chrono::system_clock::time_point since;
+};
+
+/// What every flow of an application has, of either protocol: its origin, its place in the registry,
+/// its loop. A flow is announced when its first packet is held, and attached to a loop when its
+/// socket is there; until then only the thread that offers it touches it.
+class InterceptedFlow : public LoopAffinity, public EpollLoop::Resident {
+ public:
+  struct Origin {
+    FlowKey key;
+    pid_t pid = 0;
+    std::shared_ptr<const NEFlowMetaData> metaData;
+  };
+
+  /// `registry`, if given, outlives the flow.
+  InterceptedFlow(Origin origin, FlowRegistry* registry);
+  ~InterceptedFlow() override;
+  InterceptedFlow(const InterceptedFlow&) = delete;
+  InterceptedFlow& operator=(const InterceptedFlow&) = delete;
+
+  [[nodiscard]] EventLoop& loop() const noexcept final { return *residence(); }
+  [[nodiscard]] const FlowKey& key() const noexcept { return origin_.key; }
+  [[nodiscard]] pid_t pid() const noexcept { return origin_.pid; }
+
+  /// Tells where the flow's bytes go, and the interface that they are bound to. Any thread.
+  void setOutbound(const SocketAddress& address, const std::string& interface);
+  /// Any thread.
+  [[nodiscard]] FlowInfo info() const;
+
+ protected:
+  [[nodiscard]] const NEFlowMetaData& originMetaData() const noexcept { return *origin_.metaData; }
+  /// Enters the flow into the registry: it is live. Once, on the loop.
+  void enlist();
+  /// Bytes that the application sent and received so far. Any thread.
+  [[nodiscard]] virtual std::uint64_t bytesOut() const noexcept = 0;
+  [[nodiscard]] virtual std::uint64_t bytesIn() const noexcept = 0;
+  /// Ends the listing; by the destructor of the derived class, whose counts still stand.
+  void delist() noexcept;
+
+ private:
+  friend class FlowRegistry;
+
+  const Origin origin_;
+  FlowRegistry* const registry_;
+  std::chrono::system_clock::time_point since_;
+  std::uint64_t id_ = 0;
+
+  // Guarded by the registry.
+  std::unique_ptr<const std::string> outbound_;
+  std::unique_ptr<const std::string> interface_;
+  InterceptedFlow* next_ = nullptr;
+  InterceptedFlow* previous_ = nullptr;
+  bool isListed_ = false;
+};
+
+}  // namespace tandor

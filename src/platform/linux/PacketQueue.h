@@ -1,0 +1,78 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "platform/linux/EpollLoop.h"
+#include "platform/linux/FlowKey.h"
+
+struct mnl_socket;
+struct nlmsghdr;
+
+namespace tandor {
+
+/// The kernel's queue of held packets. Messages come and verdicts go in batches, one system call
+/// each. Lives on a loop.
+class PacketQueue final : private EpollLoop::Source {
+ public:
+  /// A packet that waits for its verdict.
+  struct Packet {
+    std::uint32_t id;
+    std::uint32_t mark;
+    std::uint32_t interface;  // by which it leaves
+    FlowKey flow;             // protocol 0 when the packet is not understood
+  };
+
+  class Owner {
+   public:
+    Owner() = default;
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
+    /// A packet arrived. Its verdict may come at once or later.
+    virtual void packetArrived(const Packet& packet) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  /// Binds the queue with the given number. Fails with an error number. On the loop's thread, like
+  /// everything else here.
+  [[nodiscard]] static std::expected<std::unique_ptr<PacketQueue>, int> make(EpollLoop& loop,
+                                                                             std::uint16_t number,
+                                                                             Owner& owner);
+  PacketQueue(const PacketQueue&) = delete;
+  PacketQueue& operator=(const PacketQueue&) = delete;
+  ~PacketQueue();
+
+  /// Lets the packet go on, with `decision` in our nibble of its mark and its other bits unchanged.
+  /// Leaves with the other verdicts of this turn.
+  void accept(const Packet& packet, std::uint32_t decision);
+
+ private:
+  using Socket = std::unique_ptr<mnl_socket, int (*)(mnl_socket*)>;
+  static constexpr std::size_t batchSize = 64;
+  static constexpr std::size_t messageSize = 1024;  // headers and the copied bytes of one packet
+
+  PacketQueue(EpollLoop& loop, Socket socket, std::uint16_t number, Owner& owner);
+
+  void ready(std::uint32_t events) override;
+  void receive();
+  void sendVerdicts();
+  void handle(const nlmsghdr& message);
+
+  EpollLoop& loop_;
+  Owner& owner_;
+  Socket socket_;
+  const std::uint16_t number_;
+  std::vector<std::array<std::byte, messageSize>> messages_;
+  std::vector<std::byte> verdicts_;
+  EpollLoop::Task receive_{EpollLoop::Call::to<&PacketQueue::receive>(this)};
+  EpollLoop::Task send_{EpollLoop::Call::to<&PacketQueue::sendVerdicts>(this)};
+};
+
+}  // namespace tandor

@@ -1,0 +1,134 @@
+#include "platform/linux/PacketRules.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "platform/linux/Marks.h"
+#include "platform/linux/Subprocess.h"
+
+namespace tandor {
+namespace {
+
+/// The rules, for iptables-restore. The jumps are appended, so that other software's marks apply
+/// first. LEAVE is written to the connection before the packet is queued: should the answer be to
+/// leave the flow, it costs nothing from then on. A packet goes on from the queue at the next hook,
+/// so what follows a queueing rule in its chain never sees it. Of TCP every SYN is asked: a reused
+/// pair of addresses must not inherit an old answer.
+std::string rules() {
+  return fmt::format(
+      R"(*mangle
+:TANDOR_OUTPUT - [0:0]
+:TANDOR_OWN - [0:0]
+:TANDOR_ASK - [0:0]
+:TANDOR_POST - [0:0]
+:TANDOR_PRE - [0:0]
+-A TANDOR_OUTPUT -o lo -j RETURN
+-A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -g TANDOR_OWN
+-A TANDOR_OUTPUT -p tcp --syn -g TANDOR_ASK
+-A TANDOR_OUTPUT -m connmark --mark {leave:#x}/{mask:#x} -j RETURN
+-A TANDOR_OUTPUT -m connmark --mark {take:#x}/{mask:#x} -m conntrack --ctdir ORIGINAL -j MARK --set-xmark {take:#x}/{mask:#x}
+-A TANDOR_OUTPUT -m connmark --mark {take:#x}/{mask:#x} -j RETURN
+-A TANDOR_OUTPUT -p udp -m connmark --mark {bypass:#x}/{mask:#x} -g TANDOR_ASK
+-A TANDOR_OUTPUT -p udp -m conntrack --ctstate NEW --ctdir ORIGINAL -g TANDOR_ASK
+-A TANDOR_OWN -p udp -j CONNMARK --set-xmark {bypass:#x}/{mask:#x}
+-A TANDOR_ASK -m addrtype ! --dst-type UNICAST -j RETURN
+-A TANDOR_ASK -j CONNMARK --set-xmark {leave:#x}/{mask:#x}
+-A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
+-A TANDOR_POST -o lo -m mark --mark {take:#x}/{mask:#x} -m connmark ! --mark {take:#x}/{mask:#x} -j CONNMARK --save-mark --nfmask {mask:#x} --ctmask {mask:#x}
+-A TANDOR_PRE -i lo -p tcp -m mark --mark {take:#x}/{mask:#x} -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -i lo -p udp -m mark --mark {take:#x}/{mask:#x} -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A OUTPUT -j TANDOR_OUTPUT
+-A POSTROUTING -j TANDOR_POST
+-A PREROUTING -j TANDOR_PRE
+COMMIT
+*filter
+:TANDOR_REFUSE - [0:0]
+-A TANDOR_REFUSE -p tcp -m mark --mark {refuse:#x}/{mask:#x} -j REJECT --reject-with tcp-reset
+-A TANDOR_REFUSE -m mark --mark {refuse:#x}/{mask:#x} -j REJECT --reject-with icmp-port-unreachable
+-A OUTPUT -j TANDOR_REFUSE
+COMMIT
+)",
+      fmt::arg("bypass", bypassMark), fmt::arg("leave", leaveMark), fmt::arg("take", takeMark),
+      fmt::arg("refuse", refuseMark), fmt::arg("mask", markMask),
+      fmt::arg("queue", packetQueueNumber), fmt::arg("port", transparentPort));
+}
+
+std::expected<SubprocessResult, std::string> run(const std::vector<std::string>& arguments,
+                                                 const std::string& input = {}) {
+  auto result = runProgram(arguments, input);
+  if (!result) {
+    if (result.error() == ENOENT) {
+      return std::unexpected(fmt::format(
+          "{} is not installed; install the package iptables", arguments.front()));
+    }
+    return std::unexpected(fmt::format("cannot run {}: {}", arguments.front(),
+                                       std::generic_category().message(result.error())));
+  }
+  return std::move(*result);
+}
+
+std::expected<void, std::string> restore(const std::string& script) {
+  const auto result = run({"iptables-restore", "--noflush", "-w"}, script);
+  if (!result) return std::unexpected(result.error());
+  if (result->status != 0) {
+    return std::unexpected(
+        fmt::format("the packet filter refused the rules (iptables-restore: {}); the kernel needs "
+                    "the modules xt_NFQUEUE, xt_TPROXY, xt_connmark, xt_conntrack, xt_mark, "
+                    "xt_addrtype and ipt_REJECT",
+                    result->errors.substr(0, result->errors.find_last_not_of('\n') + 1)));
+  }
+  return {};
+}
+
+/// What takes our part of one table away, from what the table holds now; empty when it has none.
+std::expected<std::string, std::string> removal(const std::string& table) {
+  const auto saved = run({"iptables-save", "-t", table});
+  if (!saved) return std::unexpected(saved.error());
+  std::string jumps;
+  std::string flushes;
+  std::string deletions;
+  std::string_view text(saved->output);
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    if (line.starts_with(":TANDOR_")) {
+      const std::string_view chain = line.substr(1, line.find(' ') - 1);
+      flushes += fmt::format("-F {}\n", chain);
+      deletions += fmt::format("-X {}\n", chain);
+    } else if (line.starts_with("-A ") && !line.starts_with("-A TANDOR_") &&
+               line.contains("-j TANDOR_")) {
+      jumps += fmt::format("-D {}\n", line.substr(3));
+    }
+  }
+  if (jumps.empty() && flushes.empty()) return std::string();
+  // The jumps go first: from that moment on no packet meets a chain of ours.
+  return fmt::format("*{}\n{}{}{}COMMIT\n", table, jumps, flushes, deletions);
+}
+
+}  // namespace
+
+std::expected<void, std::string> installPacketRules() {
+  if (auto removed = removePacketRules(); !removed) return removed;
+  auto installed = restore(rules());
+  // One table may have been committed before the other failed.
+  if (!installed) static_cast<void>(removePacketRules());
+  return installed;
+}
+
+std::expected<void, std::string> removePacketRules() {
+  for (const std::string table : {"mangle", "filter"}) {
+    const auto script = removal(table);
+    if (!script) return std::unexpected(script.error());
+    if (script->empty()) continue;
+    if (auto restored = restore(*script); !restored) return restored;
+  }
+  return {};
+}
+
+}  // namespace tandor

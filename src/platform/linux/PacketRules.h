@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <string>
+
+namespace tandor {
+
+/// Where the packet filter sends what it finds: fixed numbers, so that a later process can clear up
+/// after an earlier one.
+inline constexpr std::uint16_t packetQueueNumber = 77;
+inline constexpr std::uint16_t transparentPort = 15001;
+
+/// Puts the packet filter's rules in force, in chains of our own, after clearing what an earlier
+/// process left. All of one table come at once or not at all. Fails with the words for the user,
+/// naming the tool or the feature that is missing.
+[[nodiscard]] std::expected<void, std::string> installPacketRules();
+
+/// Takes every rule and chain of ours away; nothing there is no failure.
+[[nodiscard]] std::expected<void, std::string> removePacketRules();
+
+}  // namespace tandor
