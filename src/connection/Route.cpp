@@ -55,6 +55,8 @@ void TandorProxyConnection::handleClientHello() {
     if (self == nullptr) return;
     self->nwQueue_->carry(
         [self, flow = std::move(flow), data = std::move(data), error = std::move(error)]() mutable {
+          // A flow that was closed meanwhile must not set out again in direct mode.
+          if (self->connection_ == nullptr) return;
           if (error || !data || data->isEmpty()) {
             if (self->isDebug_) {
               log("read flow for client hello packet failed with err:",

@@ -14,7 +14,7 @@ struct Logger {
   template <typename... Items>
   static void log(const Items&... items) {
     std::string message;
-    const char* separator = "";
+    [[maybe_unused]] const char* separator = "";  // unused without items
     ((message += separator, message += description(items), separator = " "), ...);
     NSLog(message);
   }

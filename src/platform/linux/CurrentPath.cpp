@@ -39,7 +39,7 @@ std::string linkKind(const nlattr& linkInfo) {
 std::map<std::uint32_t, Link> links() {
   std::map<std::uint32_t, Link> found;
   const ifinfomsg all{};
-  static_cast<void>(dumpNetlink(RTM_GETLINK, bytesOf(all), [&](const nlmsghdr& message) {
+  static_cast<void>(dumpNetlink(NETLINK_ROUTE, RTM_GETLINK, bytesOf(all), [&](const nlmsghdr& message) {
     const auto& info = *static_cast<const ifinfomsg*>(::mnl_nlmsg_get_payload(&message));
     Link link{.name = {}, .kind = {}, .flags = info.ifi_flags, .hardware = info.ifi_type};
     forEachAttribute(message, sizeof info, [&](const nlattr& attribute) {
@@ -100,7 +100,7 @@ std::map<std::uint32_t, std::uint32_t> defaultRouteMetrics() {
   std::map<std::uint32_t, std::uint32_t> metrics;
   rtmsg all{};
   all.rtm_family = AF_INET;
-  static_cast<void>(dumpNetlink(RTM_GETROUTE, bytesOf(all), [&](const nlmsghdr& message) {
+  static_cast<void>(dumpNetlink(NETLINK_ROUTE, RTM_GETROUTE, bytesOf(all), [&](const nlmsghdr& message) {
     const auto& route = *static_cast<const rtmsg*>(::mnl_nlmsg_get_payload(&message));
     if (route.rtm_family != AF_INET || route.rtm_dst_len != 0 || route.rtm_type != RTN_UNICAST)
       return;

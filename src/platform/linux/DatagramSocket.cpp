@@ -63,7 +63,7 @@ int DatagramSocket::adopt(FileDescriptor socket) {
 void DatagramSocket::read(std::size_t maximum) {
   isReadWanted_ = true;
   readMaximum_ = maximum;
-  if (inputFirst_ < input_.size() || readError_ != 0) {
+  if (inputFirst_ < input_.size() || readError_ != 0 || hasEnded_) {
     loop_.schedule(completion_);
   } else if (isReadable_) {
     loop_.defer(transfer_);
@@ -111,6 +111,9 @@ void DatagramSocket::complete() {
   } else if (readError_ != 0) {
     isReadWanted_ = false;
     owner_.datagramsDidFail(std::exchange(readError_, 0));
+  } else if (hasEnded_) {
+    isReadWanted_ = false;
+    owner_.datagramsDidFail(0);
   }
 }
 
@@ -166,6 +169,10 @@ void DatagramSocket::fill() {
   if (count < 0) {
     if (errno == EAGAIN) {
       isReadable_ = false;
+      if (isEnding_) {
+        hasEnded_ = true;
+        loop_.schedule(completion_);
+      }
     } else if (errno == EINTR) {
       loop_.defer(transfer_);
     } else {
@@ -201,6 +208,11 @@ void DatagramSocket::fill() {
     }
   }
   loop_.schedule(completion_);
+}
+
+void DatagramSocket::endAfterInput() {
+  isEnding_ = isReadable_ = true;
+  loop_.defer(transfer_);
 }
 
 void DatagramSocket::finish() {

@@ -26,7 +26,7 @@ class DatagramSocket final : private EpollLoop::Source {
 
     /// A read brought datagrams, at least one. The owner may move them out.
     virtual void datagramsDidArrive(std::span<Data> datagrams) = 0;
-    /// A read failed.
+    /// A read failed, or (0) found the end after endAfterInput().
     virtual void datagramsDidFail(int error) = 0;
     /// A write was accepted, or failed.
     virtual void datagramsDidLeave(int error) = 0;
@@ -54,6 +54,8 @@ class DatagramSocket final : private EpollLoop::Source {
   /// Adds a datagram that reached us by another socket, as if this one had received it now.
   void inject(Data datagram);
 
+  /// Says that nobody sends any more: once what has arrived is read, reads find the end.
+  void endAfterInput();
   /// Sends what still can be sent, and closes. The owner hears no more.
   void finish();
   [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
@@ -80,6 +82,8 @@ class DatagramSocket final : private EpollLoop::Source {
 
   bool isReadWanted_ = false;
   bool isReadable_ = false;
+  bool isEnding_ = false;
+  bool hasEnded_ = false;
   int readError_ = 0;  // told once
   std::size_t readMaximum_ = 0;
   std::vector<Data> input_;  // from inputFirst_ on: read but not yet handed out

@@ -87,6 +87,7 @@ class EpollLoop final : public EventLoop {
 
     void start(Clock::duration delay);
     void stop() noexcept;
+    [[nodiscard]] bool isRunning() const noexcept { return isRunning_; }
 
    private:
     friend class EpollLoop;

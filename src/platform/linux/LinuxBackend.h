@@ -26,6 +26,9 @@ class LinuxBackend final : public PlatformBackend {
       const NWEndpoint& endpoint, const NWParameters& parameters) override;
   [[nodiscard]] std::unique_ptr<NWPathMonitor> makePathMonitor() override;
 
+  [[nodiscard]] const std::vector<std::unique_ptr<EpollLoop>>& loops() const noexcept {
+    return loops_;
+  }
   /// The loops in turn.
   [[nodiscard]] EpollLoop& nextLoop() noexcept;
   [[nodiscard]] ServiceThread& service() noexcept { return service_; }

@@ -8,10 +8,10 @@
 
 namespace tandor {
 
-std::expected<void, int> dumpNetlink(std::uint16_t type, std::span<const std::byte> body,
+std::expected<void, int> dumpNetlink(int bus, std::uint16_t type, std::span<const std::byte> body,
                                      const std::function<void(const nlmsghdr&)>& visit) {
   const std::unique_ptr<mnl_socket, decltype(&::mnl_socket_close)> socket(
-      ::mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC), &::mnl_socket_close);
+      ::mnl_socket_open2(bus, SOCK_CLOEXEC), &::mnl_socket_close);
   if (socket == nullptr || ::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0)
     return std::unexpected(errno);
 

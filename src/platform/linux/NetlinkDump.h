@@ -11,10 +11,11 @@
 
 namespace tandor {
 
-/// Asks the kernel's routing socket for everything of one kind (an RTM_GET* type, with `body` as
-/// its fixed header) and calls `visit` for each answer. Blocks briefly. Fails with an error number.
+/// Asks the kernel on the given bus (NETLINK_*) for everything of one kind, with `body` as the
+/// request's fixed header, and calls `visit` for each answer. Blocks briefly. Fails with an error
+/// number.
 [[nodiscard]] std::expected<void, int> dumpNetlink(
-    std::uint16_t type, std::span<const std::byte> body,
+    int bus, std::uint16_t type, std::span<const std::byte> body,
     const std::function<void(const nlmsghdr&)>& visit);
 
 /// Calls `visit` for each attribute behind the fixed header of `message`.

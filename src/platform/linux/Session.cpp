@@ -41,6 +41,8 @@ std::expected<std::shared_ptr<const NEVPNProtocol>, std::string> protocolConfigu
   return std::make_shared<const NETunnelProviderProtocol>(anyDictionary(*values));
 }
 
+constexpr std::int64_t interceptionFailed = 1;
+
 /// The socket's path, for the process's end from whatever place: a failed start ends it, too.
 std::string& ownedControlPath() {
   static std::string& path = *std::make_unique<std::string>().release();
@@ -74,6 +76,11 @@ void Session::enter(State state) {
   since_ = std::chrono::system_clock::now();
 }
 
+std::shared_ptr<NETransparentProxyProvider> Session::provider() const {
+  const std::scoped_lock lock(mutex_);
+  return provider_;
+}
+
 Session::State Session::state() const {
   const std::scoped_lock lock(mutex_);
   return state_;
@@ -81,6 +88,16 @@ Session::State Session::state() const {
 
 void Session::setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& /*settings*/,
                                        Completion completion) {
+  if (std::getenv("TANDOR_INTERCEPT") == nullptr) {  // TEMPORARY until every test has a namespace
+    completion(std::nullopt);
+    return;
+  }
+  auto installed = Interception::install(backend_, registry_, provider());
+  if (!installed) {
+    completion(NSError("TandorPlatformError", interceptionFailed, installed.error()));
+    return;
+  }
+  interception_ = std::move(*installed);
   completion(std::nullopt);
 }
 
@@ -145,32 +162,31 @@ void Session::handle(const std::string& call, const json& request,
 void Session::replyStatus(const ControlServer::Reply& reply) const {
   static constexpr std::array<std::string_view, 6> names = {"idle",   "starting", "running",
                                                             "failed", "asleep",   "stopped"};
-  std::shared_ptr<NETransparentProxyProvider> provider;
+  const auto provider = this->provider();
   json status;
   {
     const std::scoped_lock lock(mutex_);
     status["state"] = names.at(static_cast<std::size_t>(state_));
     status["since"] = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}",
                                   fmt::gmtime(std::chrono::system_clock::to_time_t(since_)));
-    provider = provider_;
   }
   const auto interface = provider != nullptr ? provider->directlyInterface() : std::nullopt;
   status["pid"] = ::getpid();
   status["version"] = TANDOR_VERSION;
   status["directInterface"] = interface ? json(interface->name) : json();
-  status["flows"] = {{"open", 0}, {"taken", 0}, {"left", 0}, {"refused", 0}};
-  status["bytes"] = {{"in", 0}, {"out", 0}};
+  const auto counts = registry_.counts();
+  status["flows"] = {{"open", counts.open},
+                     {"taken", counts.taken},
+                     {"left", counts.left},
+                     {"refused", counts.refused}};
+  status["bytes"] = {{"in", counts.bytesIn}, {"out", counts.bytesOut}};
   reply.succeed({{"status", status}});
 }
 
 void Session::withProvider(const ControlServer::Reply& reply,
                            std::move_only_function<void(NETransparentProxyProvider&)> operation) {
   queue_->async([this, reply, operation = std::move(operation)]() mutable {
-    std::shared_ptr<NETransparentProxyProvider> provider;
-    {
-      const std::scoped_lock lock(mutex_);
-      provider = provider_;
-    }
+    const auto provider = this->provider();
     if (provider == nullptr) {
       reply.fail(ControlError::notRunning, "no provider is running; start one first");
     } else {
@@ -211,6 +227,7 @@ void Session::stop(NEProviderStopReason reason) {
   }
   if (provider == nullptr) return;
   provider->stopProxy(reason, [] {});
+  interception_ = nullptr;
   enter(State::stopped);
 }
 

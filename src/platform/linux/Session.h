@@ -11,6 +11,8 @@
 #include "platform/dispatch/DispatchQueue.h"
 #include "platform/linux/ControlServer.h"
 #include "platform/linux/ControlSocket.h"
+#include "platform/linux/FlowRegistry.h"
+#include "platform/linux/Interception.h"
 #include "platform/linux/LinuxBackend.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
 
@@ -48,6 +50,7 @@ class Session final : private NEProviderHost {
 
   void enter(State state);
   [[nodiscard]] State state() const;
+  [[nodiscard]] std::shared_ptr<NETransparentProxyProvider> provider() const;
 
   LinuxBackend& backend_;
   const NETransparentProxyProvider::Factory factory_;
@@ -58,6 +61,8 @@ class Session final : private NEProviderHost {
   std::chrono::system_clock::time_point since_;           // guarded by mutex_
   std::shared_ptr<NETransparentProxyProvider> provider_;  // guarded by mutex_
   bool isTerminating_ = false;                            // service thread
+  FlowRegistry registry_;
+  std::unique_ptr<Interception> interception_;                       // on queue_
   asio::signal_set signals_;
   ControlServer server_;
 };

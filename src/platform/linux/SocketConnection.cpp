@@ -111,6 +111,9 @@ void SocketConnection::report(State::Kind kind, std::optional<NSError> error) {
 }
 
 void SocketConnection::deliverStates() {
+  // A connection that nobody refers to any more dies at the end of this turn: a free queue would
+  // come too late.
+  if (self() == nullptr) return;
   for (State& state : std::exchange(statesToDeliver_, {}))
     onQueue([this, state = std::move(state)] { handleState(state); });
 }

@@ -12,6 +12,13 @@
 #include "platform/linux/NetlinkDump.h"
 
 namespace tandor {
+namespace {
+
+std::uint64_t cookieOf(const inet_diag_msg& message) noexcept {
+  return std::uint64_t{message.id.idiag_cookie[1]} << 32 | message.id.idiag_cookie[0];
+}
+
+}  // namespace
 
 std::expected<SocketDiagnosis, int> SocketDiagnosis::make() {
   Socket socket(::mnl_socket_open2(NETLINK_SOCK_DIAG, SOCK_CLOEXEC), &::mnl_socket_close);
@@ -56,7 +63,7 @@ std::optional<SocketFacts> SocketDiagnosis::find(const FlowKey& flow, std::uint3
     const auto& message = *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(&header));
     SocketFacts facts{
         .inode = message.idiag_inode,
-        .cookie = std::uint64_t{message.id.idiag_cookie[1]} << 32 | message.id.idiag_cookie[0],
+        .cookie = cookieOf(message),
         .cgroup = 0,
         .interface = message.id.idiag_if};
     forEachAttribute(header, sizeof message, [&](const nlattr& attribute) {
@@ -65,6 +72,24 @@ std::optional<SocketFacts> SocketDiagnosis::find(const FlowKey& flow, std::uint3
     });
     return facts;
   }
+}
+
+std::expected<std::unordered_set<std::uint64_t>, int> SocketDiagnosis::udpSockets() {
+  std::unordered_set<std::uint64_t> cookies;
+  for (const std::uint8_t family : {std::uint8_t{AF_INET}, std::uint8_t{AF_INET6}}) {
+    inet_diag_req_v2 all{};
+    all.sdiag_family = family;
+    all.sdiag_protocol = IPPROTO_UDP;
+    all.idiag_states = ~0U;
+    auto dumped = dumpNetlink(
+        NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY, std::as_bytes(std::span(&all, 1)),
+        [&](const nlmsghdr& message) {
+          cookies.insert(cookieOf(
+              *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(&message))));
+        });
+    if (!dumped && dumped.error() != ENOENT) return std::unexpected(dumped.error());
+  }
+  return cookies;
 }
 
 }  // namespace tandor

@@ -6,6 +6,7 @@
 #include <expected>
 #include <memory>
 #include <optional>
+#include <unordered_set>
 
 #include "platform/linux/FlowKey.h"
 
@@ -31,6 +32,9 @@ class SocketDiagnosis {
   /// The socket that `flow` starts from, as it leaves by the interface with the given index; absent
   /// when there is none (a raw socket, the kernel's own).
   [[nodiscard]] std::optional<SocketFacts> find(const FlowKey& flow, std::uint32_t interface);
+
+  /// The cookies of all UDP sockets that there are now. Fails with an error number.
+  [[nodiscard]] static std::expected<std::unordered_set<std::uint64_t>, int> udpSockets();
 
  private:
   using Socket = std::unique_ptr<mnl_socket, int (*)(mnl_socket*)>;

@@ -41,28 +41,30 @@ SocketUDPFlow::~SocketUDPFlow() {
   delist();
 }
 
-void SocketUDPFlow::attach(EpollLoop& loop, FileDescriptor socket) {
+void SocketUDPFlow::attach(EpollLoop& loop) {
   settle(loop);
   socket_.emplace(loop, static_cast<DatagramSocket::Owner&>(*this));
-  unopened_ = std::move(socket);
   enlist();
   silence_ = std::make_unique<EpollLoop::Timer>(
       loop, EpollLoop::Call::to<&SocketUDPFlow::checkSilence>(this));
   silence_->start(patience(remoteEndpoint_));
-  if (isRefused()) {
-    unopened_.reset();
-  } else if (openCompletion_ != nullptr) {
-    adoptSocket();
-  }
+}
+
+void SocketUDPFlow::useSocket(FileDescriptor socket) {
+  if (isRefused()) return;
+  unopened_ = std::move(socket);
+  if (openCompletion_ != nullptr) adoptSocket();
+}
+
+void SocketUDPFlow::abandon() {
+  if (auto completion = std::exchange(openCompletion_, nullptr))
+    completion(NSError::posix(ECONNABORTED));
 }
 
 void SocketUDPFlow::inject(Data datagram) { socket_->inject(std::move(datagram)); }
 
 void SocketUDPFlow::end() {
-  onLoop([this] {
-    hasEnded_ = true;
-    residence()->schedule(answer_);
-  });
+  onLoop([this] { socket_->endAfterInput(); });
 }
 
 void SocketUDPFlow::checkSilence() {
@@ -96,7 +98,7 @@ void SocketUDPFlow::adoptSocket() {
 void SocketUDPFlow::readDatagrams(ReadDatagramsCompletion completion) {
   onLoop([this, completion = std::move(completion)]() mutable {
     readCompletion_ = std::move(completion);
-    if (isReadClosed_ || hasEnded_) {
+    if (isReadClosed_) {
       residence()->schedule(answer_);
     } else {
       socket_->read(everything);
@@ -168,7 +170,7 @@ void SocketUDPFlow::datagramsDidArrive(std::span<Data> datagrams) {
 
 void SocketUDPFlow::datagramsDidFail(int error) {
   if (auto completion = std::exchange(readCompletion_, nullptr))
-    completion(std::nullopt, {}, NSError::posix(error));
+    completion(std::nullopt, {}, error != 0 ? std::optional(NSError::posix(error)) : std::nullopt);
 }
 
 void SocketUDPFlow::datagramsDidLeave(int error) {
@@ -178,7 +180,7 @@ void SocketUDPFlow::datagramsDidLeave(int error) {
 
 void SocketUDPFlow::answer() {
   if (auto completion = std::exchange(openCompletion_, nullptr)) completion(openError_);
-  if (isReadClosed_ || hasEnded_) {
+  if (isReadClosed_) {
     if (auto completion = std::exchange(readCompletion_, nullptr))
       completion(std::nullopt, {}, closeError_);
   }

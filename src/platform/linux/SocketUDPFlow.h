@@ -29,13 +29,18 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   SocketUDPFlow(const SocketUDPFlow&) = delete;
   SocketUDPFlow& operator=(const SocketUDPFlow&) = delete;
 
-  /// Gives an announced flow its socket, which is connected to the application. On `loop`.
-  void attach(EpollLoop& loop, FileDescriptor socket);
-  /// Adds a datagram that reached us before the flow had its socket. On its loop, before it is read.
+  /// Brings an announced flow to its loop, before its socket. On `loop`.
+  void attach(EpollLoop& loop);
+  /// Adds a datagram that reached us by another socket than the flow's. On its loop.
   void inject(Data datagram);
-  /// Ends the flow as if the application had: its socket is gone, or it was silent for too long.
-  /// Any thread.
+  /// Gives an attached flow its socket, which is connected to the application; a closed one fails its
+  /// opening. On its loop.
+  void useSocket(FileDescriptor socket);
+  /// Ends the flow as if the application had, after the datagrams that have arrived: its socket is
+  /// gone, or it was silent for too long. Once attached; any thread.
   void end();
+  /// Gives an announced flow up: its socket never came. On the thread that offered it.
+  void abandon();
   /// Whether an announced flow was closed without having been opened.
   [[nodiscard]] bool isRefused() const noexcept { return isReadClosed_ || isWriteClosed_; }
   /// Called once, on the loop, when the flow's socket has closed.
@@ -75,7 +80,6 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   std::optional<DatagramSocket> socket_;  // once the flow has come to a loop
   std::unique_ptr<EpollLoop::Timer> silence_;
   std::uint64_t bytesAtLastCheck_ = 0;
-  bool hasEnded_ = false;
   std::move_only_function<void()> closeHandler_;
   Completion openCompletion_;
   ReadDatagramsCompletion readCompletion_;

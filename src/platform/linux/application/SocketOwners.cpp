@@ -9,6 +9,7 @@
 #include <fstream>
 #include <ranges>
 #include <sstream>
+#include <unordered_set>
 #include <utility>
 
 #include "platform/linux/application/Identifier.h"
@@ -156,15 +157,21 @@ std::vector<pid_t> SocketOwners::processesOfCgroup(std::uint64_t cgroup) const {
   return processes;
 }
 
-std::optional<SocketOwners::Place> SocketOwners::searchEverywhere(ino_t inode) {
+SocketOwners::Places SocketOwners::searchEverywhere(const std::vector<ino_t>& inodes) {
+  Places places;
+  std::unordered_set<ino_t> missing(inodes.begin(), inodes.end());
   // The newest first: an old daemon's sockets are among the recent places soon.
   for (const pid_t pid : runningProcesses() | std::views::reverse) {
     const auto process = ProcessDirectory::open(pid);
     if (!process) continue;
-    for (const int descriptor : process->descriptors() | std::views::reverse)
-      if (process->socketInode(descriptor) == inode) return Place{pid, descriptor};
+    for (const int descriptor : process->descriptors() | std::views::reverse) {
+      const auto inode = process->socketInode(descriptor);
+      if (!inode || missing.erase(*inode) == 0) continue;
+      places.emplace(*inode, Place{pid, descriptor});
+      if (missing.empty()) return places;
+    }
   }
-  return std::nullopt;
+  return places;
 }
 
 }  // namespace tandor

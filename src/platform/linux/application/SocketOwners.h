@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/linux/FileDescriptor.h"
@@ -39,8 +40,9 @@ class SocketOwners {
   /// search everywhere might still find the owner.
   [[nodiscard]] std::optional<SocketOwner> findQuickly(ino_t inode, std::uint64_t cgroup);
 
-  /// Searches every process; takes milliseconds. Any thread.
-  [[nodiscard]] static std::optional<Place> searchEverywhere(ino_t inode);
+  /// Searches every process for all the sockets at once; takes milliseconds. Any thread.
+  using Places = std::unordered_map<ino_t, Place>;
+  [[nodiscard]] static Places searchEverywhere(const std::vector<ino_t>& inodes);
 
   /// Verifies what a search has found, and remembers the place for the next time. Absent when the
   /// socket is not there any more.

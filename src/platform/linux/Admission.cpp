@@ -1,0 +1,256 @@
+#include "platform/linux/Admission.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <system_error>
+#include <utility>
+
+#include "platform/dispatch/DispatchQueue.h"
+#include "platform/foundation/NSLog.h"
+#include "platform/linux/ConnectionTracking.h"
+#include "platform/linux/Marks.h"
+#include "platform/linux/PacketRules.h"
+
+namespace tandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// How long a taken flow's socket may take to come.
+constexpr auto attachPatience = 10s;
+constexpr auto complaintInterval = 60s;
+/// Descriptors that are kept for everything but flows.
+constexpr std::uint64_t reservedDescriptors = 256;
+constexpr std::uint64_t descriptorsAFlow = 2;
+/// UDP flows whose sockets are remembered; beyond, the oldest answers may be inherited.
+constexpr std::size_t mostTracked = 100'000;
+constexpr std::size_t mostIdentifiers = 4096;
+
+std::uint64_t descriptorLimit() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_cur;
+}
+
+std::unexpected<std::string> failure(std::string_view what, int error) {
+  return std::unexpected(fmt::format("{}: {}", what, std::generic_category().message(error)));
+}
+
+}  // namespace
+
+std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
+    EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
+      std::shared_ptr<AnnouncedFlows> flows,
+    FlowRegistry& registry) {
+  auto diagnosis = SocketDiagnosis::make();
+  if (!diagnosis) return failure("the kernel does not tell about sockets (inet_diag)", diagnosis.error());
+  auto sockets = SocketDiagnosis::udpSockets();
+  if (!sockets) return failure("the kernel does not list UDP sockets (udp_diag)", sockets.error());
+  auto admission = makeResident<Admission>(loop, std::move(provider), std::move(flows), registry,
+                                           std::move(*diagnosis), std::move(*sockets));
+  auto watch = SocketDestroyWatch::make(loop, *admission);
+  if (!watch) return failure("the kernel does not tell of closed UDP sockets", watch.error());
+  admission->destroyWatch_ = std::move(*watch);
+  auto queue = PacketQueue::make(loop, packetQueueNumber, *admission);
+  if (!queue) {
+    return failure(fmt::format("cannot bind packet queue {} (the kernel needs nfnetlink_queue, and "
+                               "no other program may use that queue)",
+                               packetQueueNumber),
+                   queue.error());
+  }
+  admission->queue_ = std::move(*queue);
+  return admission;
+}
+
+Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
+                     std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, SocketDiagnosis diagnosis,
+                     std::unordered_set<std::uint64_t> socketsAtStart)
+    : provider_(std::move(provider)),
+      flows_(std::move(flows)),
+      registry_(registry),
+      diagnosis_(std::move(diagnosis)),
+      socketsAtStart_(std::move(socketsAtStart)),
+      overdue_(loop, EpollLoop::Call::to<&Admission::checkOverdue>(this)) {
+  settle(loop);
+}
+
+void Admission::end() {
+  queue_ = nullptr;
+  destroyWatch_ = nullptr;
+  held_.clear();
+  overdue_.stop();
+  abandonOverdue(EpollLoop::Clock::duration::zero());
+}
+
+void Admission::packetArrived(const PacketQueue::Packet& packet) {
+  const FlowKey& key = packet.flow;
+  if (key.protocol == 0) {
+    queue_->accept(packet, leaveMark);
+    return;
+  }
+  if (const auto held = held_.find(key); held != held_.end()) {
+    held->second.packets.push_back(packet);
+    return;
+  }
+  if (flows_->contains(key)) {
+    queue_->accept(packet, takeMark);  // one more of a flow that has its answer
+    return;
+  }
+  const auto facts = diagnosis_.find(key, packet.interface);
+  // A flow without a process, or bound to an interface, cannot be ours: the one belongs to nobody,
+  // the other cannot be rerouted.
+  if (!facts || facts->inode == 0 || facts->interface != 0 ||
+      (key.protocol == IPPROTO_UDP && socketsAtStart_.contains(facts->cookie))) {
+    conclude(key, facts.value_or(SocketFacts{}), nullptr, {&packet, 1});
+    return;
+  }
+  if (const auto owner = owners_.findQuickly(facts->inode, facts->cgroup)) {
+    conclude(key, *facts, &*owner, {&packet, 1});
+    return;
+  }
+  held_.emplace(key, Held{{packet}, *facts});
+  searchOwners();
+}
+
+void Admission::searchOwners() {
+  if (held_.empty() || std::exchange(isSearching_, true)) return;
+  std::vector<ino_t> inodes;
+  inodes.reserve(held_.size());
+  for (const auto& [key, held] : held_) inodes.push_back(held.facts.inode);
+  GlobalQueue::shared().async([weak = std::weak_ptr(self()), this, inodes = std::move(inodes)] {
+    auto places = SocketOwners::searchEverywhere(inodes);
+    if (const auto alive = weak.lock())
+      onLoop([this, inodes, places = std::move(places)] { ownersFound(inodes, places); });
+  });
+}
+
+void Admission::ownersFound(const std::vector<ino_t>& searched,
+                            const SocketOwners::Places& places) {
+  isSearching_ = false;
+  if (queue_ == nullptr) return;
+  const std::unordered_set<ino_t> inodes(searched.begin(), searched.end());
+  std::vector<std::pair<FlowKey, Held>> concluded;
+  std::erase_if(held_, [&](auto& item) {
+    if (!inodes.contains(item.second.facts.inode)) return false;
+    concluded.emplace_back(item.first, std::move(item.second));
+    return true;
+  });
+  for (const auto& [key, held] : concluded) {
+    const auto place = places.find(held.facts.inode);
+    const auto owner = place == places.end() ? std::nullopt
+                                             : owners_.confirm(place->second, held.facts.inode);
+    conclude(key, held.facts, owner ? &*owner : nullptr, held.packets);
+  }
+  searchOwners();  // for those that came meanwhile
+}
+
+void Admission::conclude(const FlowKey& key, const SocketFacts& facts, const SocketOwner* owner,
+                         std::span<const PacketQueue::Packet> packets) {
+  InterceptedFlow::Origin origin{.key = key, .pid = 0, .metaData = nullptr};
+  std::uint32_t mark = leaveMark;
+  if (owner != nullptr && hasRoomForAnother()) {
+    origin.pid = owner->pid;
+    origin.metaData = metaDataOf(*owner);
+    mark = offer(origin);
+  }
+  if (mark == leaveMark) registry_.countLeft(origin);
+  if (mark == refuseMark) registry_.countRefused(origin);
+  if (key.protocol == IPPROTO_UDP && mark != refuseMark) rememberTracked(key, facts.cookie);
+  for (const PacketQueue::Packet& packet : packets) queue_->accept(packet, mark);
+}
+
+std::uint32_t Admission::offer(const InterceptedFlow::Origin& origin) {
+  if (origin.key.protocol == IPPROTO_TCP) {
+    return offerAs<SocketTCPFlow>(origin, [this](const std::shared_ptr<SocketTCPFlow>& flow) {
+      return provider_->handleNewFlow(flow);
+    });
+  }
+  return offerAs<SocketUDPFlow>(origin, [&](const std::shared_ptr<SocketUDPFlow>& flow) {
+    return provider_->handleNewUDPFlow(
+        flow, NWHostEndpoint{origin.key.destination.host(),
+                             std::to_string(origin.key.destination.port)});
+  });
+}
+
+template <typename Flow, typename Handle>
+std::uint32_t Admission::offerAs(const InterceptedFlow::Origin& origin, Handle handle) {
+  auto flow = makeResident<Flow>(origin, registry_);
+  if (!handle(flow)) return leaveMark;
+  if (flow->isRefused()) return refuseMark;
+  if constexpr (std::same_as<Flow, SocketUDPFlow>) {
+    flow->setCloseHandler([flows = flows_, key = origin.key] {
+      // What the application sends from now on begins a new flow.
+      flows->remove(key);
+      forgetTracked(key);
+    });
+  }
+  flows_->add(std::move(flow));
+  if (!overdue_.isRunning()) overdue_.start(attachPatience);
+  return takeMark;
+}
+
+bool Admission::hasRoomForAnother() {
+  const std::uint64_t needed =
+      (registry_.liveCount() + 1) * descriptorsAFlow + reservedDescriptors;
+  if (needed <= descriptorLimit()) return true;
+  const auto now = EpollLoop::Clock::now();
+  if (now - lastComplaint_ >= complaintInterval) {
+    lastComplaint_ = now;
+    NSLog(fmt::format("out of descriptors at {} flows: new ones are left to the kernel",
+                      registry_.liveCount()));
+  }
+  return false;
+}
+
+std::shared_ptr<const NEFlowMetaData> Admission::metaDataOf(const SocketOwner& owner) {
+  if (const auto known = metaData_.find(*owner.identifier); known != metaData_.end())
+    return known->second;
+  if (metaData_.size() >= mostIdentifiers) metaData_.clear();
+  auto metaData = std::make_shared<const NEFlowMetaData>(NEFlowMetaData{*owner.identifier});
+  metaData_.emplace(*owner.identifier, metaData);
+  return metaData;
+}
+
+void Admission::rememberTracked(const FlowKey& key, std::uint64_t cookie) {
+  if (cookie == 0) return;
+  if (trackedCount_ >= mostTracked) {
+    trackedFlows_.clear();
+    trackedCount_ = 0;
+  }
+  trackedFlows_[cookie].push_back(key);
+  ++trackedCount_;
+}
+
+void Admission::socketDestroyed(std::uint64_t cookie) {
+  socketsAtStart_.erase(cookie);
+  const auto tracked = trackedFlows_.find(cookie);
+  if (tracked == trackedFlows_.end()) return;
+  for (const FlowKey& key : tracked->second) {
+    if (flows_->contains(key)) {
+      flows_->end(key);
+    } else {
+      forgetTracked(key);
+    }
+  }
+  trackedCount_ -= tracked->second.size();
+  trackedFlows_.erase(tracked);
+}
+
+void Admission::checkOverdue() {
+  abandonOverdue(attachPatience);
+  if (flows_->isAnyAnnounced()) overdue_.start(attachPatience);
+}
+
+void Admission::abandonOverdue(EpollLoop::Clock::duration patience) {
+  const auto overdue = flows_->takeOverdue(patience);
+  for (const auto& flow : overdue.tcp) flow->abandon();
+  for (const auto& flow : overdue.udp) {
+    flow->abandon();
+    flows_->remove(flow->key());
+    forgetTracked(flow->key());
+  }
+}
+
+}  // namespace tandor

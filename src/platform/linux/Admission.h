@@ -1,0 +1,90 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <expected>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/linux/AnnouncedFlows.h"
+#include "platform/linux/EpollLoop.h"
+#include "platform/linux/FlowRegistry.h"
+#include "platform/linux/PacketQueue.h"
+#include "platform/linux/SocketDestroyWatch.h"
+#include "platform/linux/SocketDiagnosis.h"
+#include "platform/linux/application/SocketOwners.h"
+#include "platform/networkextension/NETransparentProxyProvider.h"
+
+namespace tandor {
+
+/// Answers for every held first packet: finds the application behind it, offers the flow to the
+/// provider, and gives the packet its verdict. A look-up that takes long happens elsewhere, while its
+/// packet waits and the others go on. Lives on a loop of its own.
+class Admission final : public EpollLoop::Resident,
+                        private PacketQueue::Owner,
+                        private SocketDestroyWatch::Owner {
+ public:
+  /// Everything given outlives the admission. Fails with the words for the user. On the loop.
+  [[nodiscard]] static std::expected<std::shared_ptr<Admission>, std::string> make(
+      EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
+      std::shared_ptr<AnnouncedFlows> flows,
+      FlowRegistry& registry);
+
+  Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
+            std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, SocketDiagnosis diagnosis,
+            std::unordered_set<std::uint64_t> socketsAtStart);
+
+  /// Gives up the queue: packets pass from now on. On the loop.
+  void end();
+
+ private:
+  /// Packets of one flow that wait until its application is known.
+  struct Held {
+    std::vector<PacketQueue::Packet> packets;
+    SocketFacts facts;
+  };
+
+  void packetArrived(const PacketQueue::Packet& packet) override;
+  void socketDestroyed(std::uint64_t cookie) override;
+
+  void searchOwners();
+  void ownersFound(const std::vector<ino_t>& searched, const SocketOwners::Places& places);
+  void conclude(const FlowKey& key, const SocketFacts& facts, const SocketOwner* owner,
+                std::span<const PacketQueue::Packet> packets);
+  /// Offers the flow; returns the mark that stands for the answer.
+  [[nodiscard]] std::uint32_t offer(const InterceptedFlow::Origin& origin);
+  template <typename Flow, typename Handle>
+  [[nodiscard]] std::uint32_t offerAs(const InterceptedFlow::Origin& origin, Handle handle);
+  [[nodiscard]] bool hasRoomForAnother();
+  [[nodiscard]] std::shared_ptr<const NEFlowMetaData> metaDataOf(const SocketOwner& owner);
+  void rememberTracked(const FlowKey& key, std::uint64_t cookie);
+  void checkOverdue();
+  void abandonOverdue(EpollLoop::Clock::duration patience);
+
+  const std::shared_ptr<NETransparentProxyProvider> provider_;
+  std::shared_ptr<AnnouncedFlows> flows_;
+  FlowRegistry& registry_;
+  SocketDiagnosis diagnosis_;
+  SocketOwners owners_;
+  std::unique_ptr<SocketDestroyWatch> destroyWatch_;
+  std::unique_ptr<PacketQueue> queue_;
+
+  std::unordered_map<FlowKey, Held> held_;
+  bool isSearching_ = false;
+  std::unordered_map<std::string, std::shared_ptr<const NEFlowMetaData>> metaData_;
+
+  /// UDP sockets that talked before us; their flows are none that begin.
+  std::unordered_set<std::uint64_t> socketsAtStart_;
+  /// The tracked UDP flows of each socket: what follows the socket must not inherit its answers.
+  std::unordered_map<std::uint64_t, std::vector<FlowKey>> trackedFlows_;
+  std::size_t trackedCount_ = 0;
+
+  EpollLoop::Timer overdue_;
+  EpollLoop::Clock::time_point lastComplaint_;
+};
+
+}  // namespace tandor

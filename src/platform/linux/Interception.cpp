@@ -1,0 +1,130 @@
+#include "platform/linux/Interception.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/foundation/NSLog.h"
+#include "platform/linux/ConnectionTracking.h"
+#include "platform/linux/PacketRules.h"
+#include "platform/linux/RoutingPolicy.h"
+
+namespace tandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// How long the end waits for closed flows to deliver what they owe their applications.
+constexpr auto lastBytesPatience = 1500ms;
+
+/// Runs `function` on the loop's thread and returns its result.
+template <typename Function>
+auto runOn(EpollLoop& loop, Function function) {
+  std::promise<decltype(function())> result;
+  loop.post([&] {
+    if constexpr (std::is_void_v<decltype(function())>) {
+      function();
+      result.set_value();
+    } else {
+      result.set_value(function());
+    }
+  });
+  return result.get_future().get();
+}
+
+/// As many descriptors as the system lets a process have: each taken flow needs two.
+void raiseDescriptorLimit() {
+  std::uint64_t most = 0;
+  std::ifstream("/proc/sys/fs/nr_open") >> most;
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit highest{.rlim_cur = most, .rlim_max = most};
+  if (most > limit.rlim_max && ::setrlimit(RLIMIT_NOFILE, &highest) == 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::string describe(std::string_view what, int error) {
+  if (error == EPERM || error == EACCES)
+    return fmt::format("{}: not permitted; tandor-provider needs root or CAP_NET_ADMIN", what);
+  return fmt::format("{}: {}", what, std::generic_category().message(error));
+}
+
+}  // namespace
+
+std::expected<void, std::string> Interception::cleanUp() {
+  auto removed = removePacketRules();
+  removeRoutingPolicy();
+  if (auto forgotten = forgetTaken(); !forgotten && removed && forgotten.error() != EINVAL)
+    return std::unexpected(describe("cannot clear connection tracking", forgotten.error()));
+  return removed;
+}
+
+std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
+    LinuxBackend& backend, FlowRegistry& registry,
+    std::shared_ptr<NETransparentProxyProvider> provider) {
+  raiseDescriptorLimit();
+  if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
+  // Everything that answers is there before the first rule that asks.
+  std::unique_ptr<Interception> interception(
+      new Interception(registry));  // NOLINT(*-owning-memory): the constructor is private
+  if (auto listening = interception->listen(backend); !listening)
+    return std::unexpected(listening.error());
+  if (auto admitting = interception->admit(std::move(provider)); !admitting)
+    return std::unexpected(admitting.error());
+  if (auto routed = installRoutingPolicy(); !routed)
+    return std::unexpected(describe("cannot add the routing rule", routed.error()));
+  if (auto ruled = installPacketRules(); !ruled) return std::unexpected(ruled.error());
+  return interception;
+}
+
+std::expected<void, std::string> Interception::listen(LinuxBackend& backend) {
+  for (const auto& loop : backend.loops()) {
+    auto listener =
+        runOn(*loop, [&] { return TransparentListener::make(*loop, transparentPort, flows_); });
+    if (!listener) {
+      return std::unexpected(describe(
+          fmt::format("cannot listen transparently on port {}", transparentPort), listener.error()));
+    }
+    listeners_.push_back(std::move(*listener));
+  }
+  return {};
+}
+
+std::expected<void, std::string> Interception::admit(
+    std::shared_ptr<NETransparentProxyProvider> provider) {
+  auto loop = EpollLoop::make("tandor-admit");
+  if (!loop) return std::unexpected(describe("cannot start", loop.error()));
+  loop_ = std::move(*loop);
+  auto admission = runOn(
+      *loop_, [&] { return Admission::make(*loop_, std::move(provider), flows_, registry_); });
+  if (!admission) return std::unexpected(admission.error());
+  admission_ = std::move(*admission);
+  return {};
+}
+
+Interception::~Interception() {
+  // The provider takes no flow any more; those that it closed still find their way back until their
+  // last bytes are delivered.
+  if (admission_ != nullptr) awaitLastBytes();
+  if (auto clean = cleanUp(); !clean) NSLog("interception: " + clean.error());
+  if (admission_ != nullptr) runOn(*loop_, [this] { admission_->end(); });
+  for (const auto& listener : listeners_)
+    runOn(*listener->residence(), [&] { listener->close(); });
+  admission_ = nullptr;
+  loop_ = nullptr;
+}
+
+void Interception::awaitLastBytes() const {
+  const auto deadline = std::chrono::steady_clock::now() + lastBytesPatience;
+  while (registry_.liveCount() > 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(10ms);
+}
+
+}  // namespace tandor

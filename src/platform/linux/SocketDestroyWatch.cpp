@@ -1,0 +1,50 @@
+#include "platform/linux/SocketDestroyWatch.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/inet_diag.h>
+#include <linux/sock_diag.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+
+namespace tandor {
+
+std::expected<std::unique_ptr<SocketDestroyWatch>, int> SocketDestroyWatch::make(EpollLoop& loop,
+                                                                                 Owner& owner) {
+  FileDescriptor socket(
+      ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (!socket.isOpen()) return std::unexpected(errno);
+  for (const int group : {int{SKNLGRP_INET_UDP_DESTROY}, int{SKNLGRP_INET6_UDP_DESTROY}}) {
+    if (::setsockopt(socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+      return std::unexpected(errno);
+  }
+  const int on = 1;
+  ::setsockopt(socket.get(), SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
+  // The constructor is private: only a subscribed watch is ever made.
+  std::unique_ptr<SocketDestroyWatch> watch(
+      new SocketDestroyWatch(loop, std::move(socket), owner));  // NOLINT(*-owning-memory)
+  if (!loop.add(watch->socket_.get(), *watch)) return std::unexpected(errno);
+  return watch;
+}
+
+SocketDestroyWatch::~SocketDestroyWatch() { loop_.remove(socket_.get(), *this); }
+
+void SocketDestroyWatch::ready(std::uint32_t /*events*/) {
+  alignas(nlmsghdr) std::array<char, 8192> buffer;
+  for (;;) {
+    const ssize_t count = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return;
+    auto left = static_cast<int>(count);
+    for (const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+         ::mnl_nlmsg_ok(message, left); message = ::mnl_nlmsg_next(message, &left)) {
+      if (::mnl_nlmsg_get_payload_len(message) < sizeof(inet_diag_msg)) continue;
+      const auto& socket = *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(message));
+      owner_.socketDestroyed(std::uint64_t{socket.id.idiag_cookie[1]} << 32 |
+                             socket.id.idiag_cookie[0]);
+    }
+  }
+}
+
+}  // namespace tandor
