@@ -110,7 +110,7 @@ void EpollLoop::retire(std::unique_ptr<Resident> resident) {
 
 bool EpollLoop::add(int descriptor, Source& source) {
   epoll_event event{};
-  event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+  event.events = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP | EPOLLET;
   event.data.ptr = &source;
   return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
 }

@@ -88,6 +88,7 @@ void SocketConnection::attemptEnded(int error) {
       flow->setOutbound(addresses_[nextAddress_ - 1], interface ? interface->name : std::string());
     }
     addresses_ = {};  // an idle connection does not need them
+    isReady_ = true;
     report(State::Kind::ready);
     return;
   }
@@ -131,10 +132,10 @@ void SocketConnection::send(Data content, ContentContext /*context*/, bool /*isC
                             SendCompletion completion) {
   onLoop([this, content = std::move(content), completion = std::move(completion)]() mutable {
     sendCompletion_ = std::move(completion);
-    if (isCancelled_) {
-      loop().schedule(cancellation_);
-    } else {
+    if (isReady_ && !isCancelled_) {
       sendContent(std::move(content));
+    } else {
+      loop().schedule(refusal_);
     }
   });
 }
@@ -143,10 +144,10 @@ void SocketConnection::receive(std::size_t minimum, std::size_t maximum,
                                ReceiveCompletion completion) {
   onLoop([this, minimum, maximum, completion = std::move(completion)]() mutable {
     receiveCompletion_ = std::move(completion);
-    if (isCancelled_) {
-      loop().schedule(cancellation_);
-    } else {
+    if (isReady_ && !isCancelled_) {
       receiveContent(minimum, maximum);
+    } else {
+      loop().schedule(refusal_);
     }
   });
 }
@@ -178,13 +179,14 @@ void SocketConnection::cancel() {
     if (std::exchange(isCancelled_, true)) return;
     finish();
     report(State::Kind::cancelled);
-    loop().schedule(cancellation_);
+    loop().schedule(refusal_);
   });
 }
 
-void SocketConnection::answerCancelled() {
-  completeSend(ECANCELED);
-  completeReceive(std::nullopt, false, ECANCELED);
+void SocketConnection::refuse() {
+  const int error = isCancelled_ ? ECANCELED : ENOTCONN;
+  completeSend(error);
+  completeReceive(std::nullopt, false, error);
 }
 
 }  // namespace tandor

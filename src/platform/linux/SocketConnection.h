@@ -29,6 +29,7 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   /// Opens the socket towards one address: streams answer later with attemptEnded, or return an
   /// error number at once; 0 means that it is under way or done.
   virtual int attempt(FileDescriptor socket, const SocketAddress& address) = 0;
+  /// The connection is ready when these two are called.
   virtual void sendContent(Data content) = 0;
   virtual void receiveContent(std::size_t minimum, std::size_t maximum) = 0;
   /// Closes the socket, in order if it is connected.
@@ -48,7 +49,8 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   void report(State::Kind kind, std::optional<NSError> error = std::nullopt);
   void deliverStates();
   void handleState(const State& state);
-  void answerCancelled();
+  /// Answers what cannot be carried out, before the connection is ready and after it was cancelled.
+  void refuse();
   /// Runs `function` on the connection's queue: at once where the loop is the queue.
   void onQueue(std::invocable auto&& function);
 
@@ -68,10 +70,11 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
 
   SendCompletion sendCompletion_;
   ReceiveCompletion receiveCompletion_;
+  bool isReady_ = false;
   bool isCancelled_ = false;
 
   EpollLoop::Task states_{EpollLoop::Call::to<&SocketConnection::deliverStates>(this)};
-  EpollLoop::Task cancellation_{EpollLoop::Call::to<&SocketConnection::answerCancelled>(this)};
+  EpollLoop::Task refusal_{EpollLoop::Call::to<&SocketConnection::refuse>(this)};
 };
 
 /// A new connection of the parameters' transport.

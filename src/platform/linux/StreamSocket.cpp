@@ -26,6 +26,13 @@ constexpr int silentChecksAllowed = 5;
 constexpr std::size_t slicesThatMayWait = 4;
 constexpr std::size_t smallSlice = BufferPool::bufferSize / 4;
 
+/// The kernel would take a byte that is marked urgent out of the stream, and nobody would pass it
+/// on.
+void keepUrgentBytes(const FileDescriptor& socket) {
+  const int on = 1;
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
+}
+
 }  // namespace
 
 /// What only a finishing socket needs.
@@ -48,6 +55,7 @@ StreamSocket::~StreamSocket() {
 }
 
 int StreamSocket::adopt(FileDescriptor socket) {
+  keepUrgentBytes(socket);
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);
   phase_ = Phase::open;
@@ -57,6 +65,7 @@ int StreamSocket::adopt(FileDescriptor socket) {
 }
 
 int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, socklen_t length) {
+  keepUrgentBytes(socket);
   if (::connect(socket.get(), &address, length) != 0 && errno != EINPROGRESS) return errno;
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);
@@ -106,11 +115,12 @@ void StreamSocket::ready(std::uint32_t events) {
     phase_ = Phase::open;
     isWritable_ = true;
     isReadable_ = (events & EPOLLIN) != 0;
-    isHungUp_ = (events & EPOLLRDHUP) != 0;
+    isReadUntilEmpty_ = (events & (EPOLLRDHUP | EPOLLPRI)) != 0;
     owner_.streamDidConnect(0);
     return;
   }
-  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) isHungUp_ = isReadable_ = true;
+  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR | EPOLLPRI)) != 0)
+    isReadUntilEmpty_ = isReadable_ = true;
   if ((events & EPOLLIN) != 0) isReadable_ = true;
   if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) isWritable_ = true;
   loop_.defer(transfer_);
@@ -205,8 +215,8 @@ void StreamSocket::fill() {
       const auto received = static_cast<std::size_t>(count);
       addTo(bytesRead_, received);
       // A short read has emptied the socket: what comes next is announced by a new edge. The end of
-      // the stream may have been announced already.
-      isReadable_ = isHungUp_ || received == whole.count();
+      // the stream may have been announced already, and a read stops short at an urgent byte.
+      isReadable_ = isReadUntilEmpty_ || received == whole.count();
       input_ = whole.slice(0, received);
     } else if (count == 0) {
       hasEnded_ = true;

@@ -104,8 +104,10 @@ class StreamSocket final : private EpollLoop::Source {
   // Reading.
   bool isReadWanted_ = false;
   bool isReadable_ = false;  // the socket may hold bytes: nothing has shown the contrary
-  bool isHungUp_ = false;    // the peer has ended or reset: reads go on until they say so
-  bool hasEnded_ = false;    // a read has seen the end, or readError_
+  /// The end of the stream, an error or an urgent byte was announced: a short read may be followed
+  /// by more that no edge announces.
+  bool isReadUntilEmpty_ = false;
+  bool hasEnded_ = false;  // a read has seen the end, or readError_
   int readError_ = 0;
   std::size_t readMaximum_ = 0;
   Data input_;  // read but not yet handed out

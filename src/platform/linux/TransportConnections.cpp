@@ -20,22 +20,12 @@ class StreamConnection final : public SocketConnection, private StreamSocket::Ow
     return stream_->connect(std::move(socket), address.get(), address.length());
   }
 
-  void sendContent(Data content) override {
-    if (stream_) {
-      stream_->write(std::move(content));
-    } else {
-      completeSend(ENOTCONN);
-    }
-  }
+  void sendContent(Data content) override { stream_->write(std::move(content)); }
 
   void receiveContent(std::size_t minimum, std::size_t maximum) override {
     minimum_ = minimum;
     maximum_ = maximum;
-    if (stream_) {
-      stream_->read(maximum);
-    } else {
-      completeReceive(std::nullopt, false, ENOTCONN);
-    }
+    stream_->read(maximum);
   }
 
   void finish() override {
@@ -92,21 +82,10 @@ class DatagramConnection final : public SocketConnection, private DatagramSocket
     return error;
   }
 
-  void sendContent(Data content) override {
-    if (socket_) {
-      socket_->write({&content, 1});
-    } else {
-      completeSend(ENOTCONN);
-    }
-  }
+  void sendContent(Data content) override { socket_->write({&content, 1}); }
 
   void receiveContent(std::size_t /*minimum*/, std::size_t /*maximum*/) override {
-    // Half a datagram is of no use to anyone: each comes whole.
-    if (socket_) {
-      socket_->read(1);
-    } else {
-      completeReceive(std::nullopt, false, ENOTCONN);
-    }
+    socket_->read(1);  // half a datagram is of no use to anyone: each comes whole
   }
 
   void finish() override {
