@@ -14,7 +14,12 @@ std::expected<std::unique_ptr<SocketDestroyWatch>, int> SocketDestroyWatch::make
                                                                                  Owner& owner) {
   FileDescriptor socket(
       ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-  if (!socket.isOpen()) return std::unexpected(errno);
+  // Only a bound socket is told anything.
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  if (!socket.isOpen() ||
+      ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    return std::unexpected(errno);
   for (const int group : {int{SKNLGRP_INET_UDP_DESTROY}, int{SKNLGRP_INET6_UDP_DESTROY}}) {
     if (::setsockopt(socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
       return std::unexpected(errno);
