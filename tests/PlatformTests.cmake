@@ -1,6 +1,10 @@
 tandor_test(tandor_platform_tests
   SOURCES
-    platform/ControlTest.cpp
+    platform/ConnectionTest.cpp
+    platform/EpollLoopTest.cpp
+    platform/Objects.cpp
+    platform/Support.cpp
+    platform/Surroundings.cpp
   LINKS tandor_provider_core tandor_linux nlohmann_json::nlohmann_json)
 target_compile_definitions(tandor_platform_tests PRIVATE
   TANDOR_PROVIDER="$<TARGET_FILE:tandor-provider>")

@@ -1,0 +1,155 @@
+#include "platform/Objects.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <fmt/format.h>
+
+#include "platform/linux/SocketConnection.h"
+
+namespace tandor::test {
+namespace {
+
+FileDescriptor nonBlocking(Peer peer) {
+  ::fcntl(peer.descriptor(), F_SETFL, O_NONBLOCK);
+  return peer.release();
+}
+
+/// The kernel doubles the number that it is given.
+void limitBuffers(const Peer& peer, int size) {
+  if (size == 0) return;
+  const int half = size / 2;
+  for (const int option : {SO_SNDBUF, SO_RCVBUF})
+    ::setsockopt(peer.descriptor(), SOL_SOCKET, option, &half, sizeof half);
+}
+
+}  // namespace
+
+Awaited<Error> open(NEAppProxyFlow& flow) {
+  const Awaited<Error> opened;
+  flow.open(std::nullopt, [opened](const Error& error) { opened.set(error); });
+  return opened;
+}
+
+Awaited<Read> read(NEAppProxyTCPFlow& flow) {
+  const Awaited<Read> answer;
+  flow.readData([answer](std::optional<Data> data, const Error& error) {
+    answer.set({std::move(data), error});
+  });
+  return answer;
+}
+
+Awaited<Error> write(NEAppProxyTCPFlow& flow, std::string_view text) {
+  const Awaited<Error> written;
+  flow.write(Data::copying(text), [written](const Error& error) { written.set(error); });
+  return written;
+}
+
+Awaited<ReadDatagrams> read(NEAppProxyUDPFlow& flow) {
+  const Awaited<ReadDatagrams> answer;
+  flow.readDatagrams([answer](const std::optional<std::vector<Data>>& datagrams,
+                              std::span<const NWHostEndpoint> endpoints, const Error& error) {
+    ReadDatagrams result{std::nullopt, {endpoints.begin(), endpoints.end()}, error};
+    if (datagrams) {
+      result.datagrams.emplace();
+      for (const Data& datagram : *datagrams) result.datagrams->emplace_back(datagram.characters());
+    }
+    answer.set(std::move(result));
+  });
+  return answer;
+}
+
+Awaited<Error> write(NEAppProxyUDPFlow& flow, const std::vector<std::string>& texts) {
+  std::vector<Data> datagrams;
+  for (const std::string& text : texts) datagrams.push_back(Data::copying(text));
+  const std::vector<NWHostEndpoint> sentBy(datagrams.size(), {"203.0.113.1", "53"});
+  const Awaited<Error> written;
+  flow.writeDatagrams(datagrams, sentBy, [written](const Error& error) { written.set(error); });
+  return written;
+}
+
+void close(NEAppProxyFlow& flow, const Error& error) {
+  flow.closeReadWithError(error);
+  flow.closeWriteWithError(error);
+}
+
+TCPFlow makeTCPFlow(EpollLoop& loop, int buffer, const std::string& app,
+                    const NWHostEndpoint& remote) {
+  const Listener listener;
+  Peer client(FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+  limitBuffers(client, buffer);
+  connectPeer(client, listener.address());
+  Peer accepted = listener.accept();
+  limitBuffers(accepted, buffer);
+  return {makeResident<SocketTCPFlow>(loop, nonBlocking(std::move(accepted)), NEFlowMetaData{app},
+                                      NWFlowEndpoint(remote)),
+          std::move(client)};
+}
+
+UDPFlow makeUDPFlow(EpollLoop& loop, const std::string& app, const NWHostEndpoint& remote) {
+  Peer destination = boundPeer(SOCK_DGRAM, "127.0.0.1");
+  Peer client = connectedPeer(SOCK_DGRAM, destination.address());
+  connectPeer(destination, client.address());
+  return {makeResident<SocketUDPFlow>(loop, nonBlocking(std::move(destination)),
+                                      NEFlowMetaData{app}, remote),
+          std::move(client)};
+}
+
+Outbound::Outbound(EpollLoop& loop, Resolver& resolver, const NWEndpoint& endpoint,
+                   const NWParameters& parameters)
+    : connection_(makeSocketConnection(endpoint, parameters, resolver, loop)) {
+  connection_->setStateUpdateHandler([log = log_](const NWConnection::State& state) {
+    std::string text = NWConnection::State{state.kind, std::nullopt}.description();
+    if (state.error) text += fmt::format(" {} {}", state.error->domain(), state.error->code());
+    const std::scoped_lock lock(log->mutex);
+    log->states.push_back(std::move(text));
+  });
+}
+
+Awaited<Error> Outbound::send(std::string_view text) const {
+  const Awaited<Error> sent;
+  connection_->send(Data::copying(text), NWConnection::ContentContext::defaultMessage, true,
+                    [sent](const Error& error) { sent.set(error); });
+  return sent;
+}
+
+Awaited<Received> Outbound::receive(std::size_t minimum, std::size_t maximum) const {
+  const Awaited<Received> received;
+  connection_->receive(
+      minimum, maximum,
+      [received](std::optional<Data> data, NWConnection::ContentContext /*context*/,
+                 bool isComplete,
+                 const Error& error) { received.set({std::move(data), isComplete, error}); });
+  return received;
+}
+
+std::vector<std::string> Outbound::states() const {
+  const std::scoped_lock lock(log_->mutex);
+  return log_->states;
+}
+
+bool Outbound::reaches(const std::string& state) const {
+  return eventually([&] {
+    const auto reached = states();
+    return !reached.empty() && reached.back().starts_with(state);
+  });
+}
+
+NWEndpoint endpointOf(const SocketAddress& address) {
+  return NWEndpoint::hostPort(NWEndpoint::Host::name(address.host()),
+                              NWEndpoint::Port(address.port()));
+}
+
+std::shared_ptr<DispatchQueue> LoopTest::pinnedQueue() const {
+  class Pin final : public LoopAffinity {
+   public:
+    explicit Pin(EpollLoop& loop) : loop_(loop) {}
+    [[nodiscard]] EventLoop& loop() const noexcept override { return loop_; }
+
+   private:
+    EpollLoop& loop_;
+  };
+  return DispatchQueue::serial("pinned", std::make_shared<Pin>(loop()));
+}
+
+}  // namespace tandor::test

@@ -1,0 +1,81 @@
+#include "platform/Surroundings.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sched.h>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/Support.h"
+#include "platform/foundation/NSLog.h"
+
+namespace tandor::test {
+namespace {
+
+constexpr const char* hosts =
+    "127.0.0.1 localhost\n"
+    "::1 localhost\n"
+    "127.0.0.2 several.test\n"
+    "127.0.0.3 several.test\n"
+    "127.0.0.1 several.test\n";
+
+bool isOwnNamespace = false;
+
+ino_t networkNamespace() {
+  struct stat status{};
+  ::stat("/proc/self/ns/net", &status);
+  return status.st_ino;
+}
+
+/// Shows other content at a file's place, in this process's mount namespace only.
+void replaceFile(const std::string& path, std::string_view content) {
+  if (!std::filesystem::exists(path)) return;
+  const std::string copy = testing::TempDir() + "tandor-" + std::to_string(::getpid());
+  std::ofstream(copy) << content;
+  const int result = ::mount(copy.c_str(), path.c_str(), nullptr, MS_BIND, nullptr);
+  std::filesystem::remove(copy);
+  if (result != 0) throw std::runtime_error("cannot replace " + path);
+}
+
+class Surroundings final : public testing::Environment {
+ public:
+  void SetUp() override {
+    const ino_t before = networkNamespace();
+    ASSERT_EQ(::unshare(CLONE_NEWNET | CLONE_NEWNS), 0) << "these tests need root";
+    ASSERT_NE(networkNamespace(), before);
+    isOwnNamespace = true;
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    replaceFile("/etc/hosts", hosts);
+    replaceFile("/etc/resolv.conf", "nameserver 192.0.2.53\n");  // there is no way to it
+    ip("link set lo up\n"
+       "address add 203.0.113.1/32 dev lo\n"
+       "address add 198.51.100.1/32 dev lo\n"
+       "address add 2001:db8::1/128 dev lo nodad\n"
+       "link add void0 type veth peer name void1\n"
+       "link set void0 up arp off\n"
+       "link set void1 up\n"
+       "link add down0 type bridge\n"
+       "route add 203.0.113.128/25 dev void0\n");
+    std::signal(SIGPIPE, SIG_IGN);
+    setNSLogSink([](std::string_view) {});
+  }
+};
+
+// The test program takes ownership.
+const testing::Environment* const surroundings =
+    testing::AddGlobalTestEnvironment(std::make_unique<Surroundings>().release());
+
+}  // namespace
+
+void requireOwnNamespace() {
+  if (!isOwnNamespace) throw std::logic_error("not in a network namespace of the tests' own");
+}
+
+}  // namespace tandor::test
