@@ -50,16 +50,41 @@ std::shared_ptr<NWConnection> TandorProxyConnection::newNWConnection(const NWNet
 void TandorProxyConnection::handleConnectRequestServerResponseCompletion(
     TunnelCompletion completion) {
   if (connection_ == nullptr) return;
+  if (connectReply_ == ConnectReply::status) {
+    receiveConnectReplyHead(std::make_unique<ConnectReplyReader>(), std::move(completion));
+    return;
+  }
   connection_->receive(1, maximumReceiveLength,
                        [weakSelf = weak_from_this(), connection = connection_.get(),
                         completion = std::move(completion)](
-                           std::optional<Data> reply, NWConnection::ContentContext /*context*/,
-                           bool /*isComplete*/, const std::optional<NSError>& /*error*/) mutable {
+                           const std::optional<Data>& reply,
+                           NWConnection::ContentContext /*context*/, bool /*isComplete*/,
+                           const std::optional<NSError>& /*error*/) mutable {
                          const auto self = weakSelf.lock();
                          if (self == nullptr || !self->isCurrent(connection)) return;
                          // No bytes is a refusal like any other: no flow waits without end.
-                         completion(reply && isTunnelEstablished(*reply));
+                         completion(reply && isTunnelEstablished(*reply), {});
                        });
+}
+
+void TandorProxyConnection::receiveConnectReplyHead(std::unique_ptr<ConnectReplyReader> reader,
+                                                    TunnelCompletion completion) {
+  connection_->receive(
+      1, maximumReceiveLength,
+      [weakSelf = weak_from_this(), connection = connection_.get(), reader = std::move(reader),
+       completion = std::move(completion)](
+          const std::optional<Data>& piece, NWConnection::ContentContext /*context*/,
+          bool isComplete, const std::optional<NSError>& /*error*/) mutable {
+        const auto self = weakSelf.lock();
+        if (self == nullptr || !self->isCurrent(connection)) return;
+        using Outcome = ConnectReplyReader::Outcome;
+        const Outcome outcome = piece ? reader->consume(*piece) : Outcome::refused;
+        if (outcome == Outcome::indeterminate && !isComplete) {
+          self->receiveConnectReplyHead(std::move(reader), std::move(completion));
+        } else {
+          completion(outcome == Outcome::established, reader->behind());
+        }
+      });
 }
 
 }  // namespace tandor

@@ -5,9 +5,13 @@
 
 namespace tandor {
 
-void TandorProxyConnection::startRelay(std::optional<Data> firstData) {
+void TandorProxyConnection::startRelay(std::optional<Data> firstData, const Data& behind) {
   copyFlowDataToNWConnection(std::move(firstData));
-  copyNWConnectionDataToFlow();
+  if (behind.isEmpty()) {
+    copyNWConnectionDataToFlow();
+  } else {
+    received(behind, /*isComplete=*/false, std::nullopt);
+  }
 }
 
 // From the flow to the outbound connection: read, send, read, ... with one chunk in flight.

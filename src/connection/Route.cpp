@@ -112,9 +112,10 @@ void TandorProxyConnection::requestTunnel(const std::string& hostname, const std
         }
         // The completion runs only while this connection lives, so it need not keep it alive.
         self->handleConnectRequestServerResponseCompletion(
-            [&proxied = *self, firstData = std::move(firstData)](bool isEstablished) mutable {
+            [&proxied = *self, firstData = std::move(firstData)](bool isEstablished,
+                                                                 const Data& behind) mutable {
               if (isEstablished) {
-                proxied.startRelay(std::move(firstData));
+                proxied.startRelay(std::move(firstData), behind);
               } else {
                 proxied.toDirectMode("nw connect request establish failed", std::move(firstData));
               }

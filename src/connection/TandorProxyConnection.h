@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "connection/ConnectExchange.h"
 #include "connection/ConnectionTypes.h"
 #include "connection/TandorProxyError.h"
 #include "platform/dispatch/DispatchQueue.h"
@@ -60,6 +61,7 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
 
   /// Before start().
   void setIsDebug(bool isDebug) noexcept { isDebug_ = isDebug; }
+  void setConnectReply(ConnectReply connectReply) noexcept { connectReply_ = connectReply; }
   void setDelegate(std::weak_ptr<TandorProxyConnectionDelegate> delegate) noexcept {
     delegate_ = std::move(delegate);
   }
@@ -115,12 +117,19 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   [[nodiscard]] StartResult startDirectly(std::optional<NWInterface> interface,
                                           std::optional<Data> firstData);
   [[nodiscard]] static std::shared_ptr<NWConnection> newNWConnection(const NWNetwork& network);
-  using TunnelCompletion = std::move_only_function<void(bool isEstablished)>;
-  /// Receives the proxy's reply once. The completion is dropped with this connection's interest.
+  /// Told whether the proxy made the tunnel, and the bytes of the tunnel that came with the reply.
+  using TunnelCompletion = std::move_only_function<void(bool isEstablished, const Data& behind)>;
+  /// Receives the proxy's reply: one piece, or as many as its head has when the status counts. The
+  /// completion is dropped when this connection has no interest in it any more.
   void handleConnectRequestServerResponseCompletion(TunnelCompletion completion);
 
+  void receiveConnectReplyHead(std::unique_ptr<ConnectReplyReader> reader,
+                               TunnelCompletion completion);
+
   // Relay.cpp
-  void startRelay(std::optional<Data> firstData);
+  /// Sends the first data, if any, to the outbound connection and `behind` to the flow, and starts
+  /// both loops.
+  void startRelay(std::optional<Data> firstData, const Data& behind = {});
   void copyFlowDataToNWConnection(std::optional<Data> firstData);
   void copyNWConnectionDataToFlow();
   void readFlowData();
@@ -132,6 +141,7 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   void flowWriteCompleted(bool isComplete, const std::optional<NSError>& error);
 
   bool isDebug_ = false;
+  ConnectReply connectReply_ = ConnectReply::phrase;
   const ConnectionNetwork network_;
   std::shared_ptr<NWConnection> connection_;
   ConnectionState state_ = ConnectionState::ready;

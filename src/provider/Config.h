@@ -5,6 +5,7 @@
 #include <variant>
 #include <vector>
 
+#include "connection/ConnectExchange.h"
 #include "platform/network/NWEndpoint.h"
 
 namespace tandor {
@@ -61,8 +62,10 @@ struct Config {
   /// Applications whose flows are never taken: the product's own.
   std::vector<std::string> whiteList = {"Tandor_root", "com.tandor.host.app",
                                         "com.tandor.host.tool"};
+  /// How a proxy's reply to CONNECT is judged.
+  ConnectReply connectReply = ConnectReply::phrase;
 
-  /// Several lines, as the log shows them; socket path and white list are left out.
+  /// Several lines, as the log shows them: all down to the mode, but for the socket path.
   [[nodiscard]] std::string description() const;
 };
 

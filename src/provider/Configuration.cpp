@@ -78,6 +78,10 @@ TandorTransparentProxyProvider::ParseResult TandorTransparentProxyProvider::pars
     config.isDebug = isTrue(raw, "debug");
     config.logPath = optionalText(raw, "logPath");
     config.ipcSocketPath = optionalText(raw, "socketPath");
+    const std::string* connectReply = text(raw, "connectReply");
+    config.connectReply = connectReply != nullptr && *connectReply == "status"
+                              ? ConnectReply::status
+                              : ConnectReply::phrase;
   });
   return result;
 }

@@ -57,7 +57,8 @@ void TandorTransparentProxyProvider::startTandorProxyConnectionWith(
 void TandorTransparentProxyProvider::startTandorProxyConnection(
     std::string_view kind, ConnectionNetwork network, const NWHostEndpoint& remoteEndpoint,
     SwitchOffs switchOffsBefore) {
-  const bool isDebug = config()->isDebug;
+  const auto config = this->config();
+  const bool isDebug = config->isDebug;
   if (isDebug) {
     log("start TandorProxyConnection: " + std::string(kind) + " flow [" +
         remoteEndpoint.description() + "] mode: " + connectionMode().description() +
@@ -65,6 +66,7 @@ void TandorTransparentProxyProvider::startTandorProxyConnection(
   }
   const auto connection = TandorProxyConnection::make(connectionMode(), std::move(network));
   connection->setIsDebug(isDebug);
+  connection->setConnectReply(config->connectReply);
   connection->setDelegate(weakSelf());
   // Registered before it starts, so that a close during the start finds it there.
   proxyConnections_.insert(connection);

@@ -50,6 +50,7 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
         socket_, input_, '\n',
         [self = shared_from_this()](const asio::error_code& error, std::size_t length) {
           if (error) {
+            self->hasHungUp_ = true;
             self->rejectIfTooLong(error);
             return;
           }
@@ -74,6 +75,9 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
     if (!isWriting_) writeSome();
   }
 
+  /// Whether the client has not hung up yet.
+  [[nodiscard]] bool isConnected() const noexcept { return !hasHungUp_ && socket_.is_open(); }
+  [[nodiscard]] std::size_t unsentBytes() const noexcept { return unsent_.size(); }
   [[nodiscard]] ServiceThread& service() noexcept { return service_; }
 
  private:
@@ -108,6 +112,7 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
   asio::streambuf input_;
   std::string unsent_;
   bool isWriting_ = false;
+  bool hasHungUp_ = false;
   const ControlServer::Handler handler_;
 };
 
@@ -197,6 +202,12 @@ void ControlServer::Reply::succeed(const json& members) const {
 void ControlServer::Reply::fail(std::int64_t code, std::string_view description) const {
   send({{"error", {{"code", code}, {"description", description}}}});
 }
+
+void ControlServer::Reply::push(const json& line) const { client_->write(replyLine(line)); }
+
+bool ControlServer::Reply::isConnected() const { return client_->isConnected(); }
+
+std::size_t ControlServer::Reply::unsentBytes() const { return client_->unsentBytes(); }
 
 void ControlServer::Reply::send(json reply) const {
   reply["id"] = json::parse(id_);

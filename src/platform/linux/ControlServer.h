@@ -36,6 +36,11 @@ class ControlServer {
       fail(static_cast<std::int64_t>(error), description);
     }
 
+    // For a client that goes on listening; on the service thread.
+    void push(const nlohmann::json& line) const;
+    [[nodiscard]] bool isConnected() const;
+    [[nodiscard]] std::size_t unsentBytes() const;
+
    private:
     friend class ControlServer;
     Reply(std::shared_ptr<class ControlClient> client, std::string id)

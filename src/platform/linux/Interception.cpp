@@ -4,6 +4,8 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <system_error>
@@ -50,6 +52,15 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+/// Test runs name the namespace that they live in, which must stay as it is: a start there would cut
+/// the very session that runs them.
+bool isProtectedNamespace() {
+  const char* protectedNamespace = std::getenv("TANDOR_PROTECTED_NETNS");
+  if (protectedNamespace == nullptr) return false;
+  std::error_code error;
+  return std::filesystem::read_symlink("/proc/self/ns/net", error) == protectedNamespace;
+}
+
 std::string describe(std::string_view what, int error) {
   if (error == EPERM || error == EACCES)
     return fmt::format("{}: not permitted; tandor-provider needs root or CAP_NET_ADMIN", what);
@@ -69,6 +80,10 @@ std::expected<void, std::string> Interception::cleanUp() {
 std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
     LinuxBackend& backend, FlowRegistry& registry,
     std::shared_ptr<NETransparentProxyProvider> provider) {
+  if (isProtectedNamespace()) {
+    return std::unexpected(
+        "TANDOR_PROTECTED_NETNS names this network namespace: no interception here");
+  }
   raiseDescriptorLimit();
   if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
   // Everything that answers is there before the first rule that asks.

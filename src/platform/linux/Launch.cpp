@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "platform/linux/Interception.h"
 #include "platform/linux/LinuxBackend.h"
 #include "platform/linux/Session.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
@@ -30,6 +31,9 @@ void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> argum
       "tandor-provider");
   std::string controlPath = defaultControlPath();
   options.add_option("--control", controlPath, "Path of the control socket")->capture_default_str();
+  bool cleansUp = false;
+  options.add_flag("--cleanup", cleansUp,
+                   "Remove what a crashed provider left in the packet filter, and end");
   options.set_version_flag("--version", std::string("tandor-provider ") + TANDOR_VERSION);
   try {
     options.parse(static_cast<int>(arguments.size()), arguments.data());
@@ -38,6 +42,10 @@ void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> argum
     std::exit(options.exit(error) == 0 ? EXIT_SUCCESS : wrongUsage);
   }
 
+  if (cleansUp) {
+    if (auto clean = Interception::cleanUp(); !clean) giveUp(clean.error());
+    std::exit(EXIT_SUCCESS);
+  }
   auto backend = LinuxBackend::make();
   if (!backend) giveUp("cannot start: " + std::generic_category().message(backend.error()));
   auto socket = openControlSocket(controlPath);

@@ -60,6 +60,7 @@ Session::Session(LinuxBackend& backend, ControlSocket socket,
     : backend_(backend),
       factory_(factory),
       since_(std::chrono::system_clock::now()),
+      watch_(backend.service(), registry_),
       signals_(backend.service().context(), SIGTERM, SIGINT),
       server_(backend.service(), std::move(socket.descriptor),
               [this](const std::string& call, const json& request,
@@ -154,6 +155,15 @@ void Session::handle(const std::string& call, const json& request,
                  });
   } else if (call == "status") {
     replyStatus(reply);
+  } else if (call == "flows") {
+    replyFlows(reply);
+  } else if (call == "watch") {
+    if (request.value("flows", json(false)) != json(true)) {
+      reply.fail(ControlError::badArgument, "\"flows\" is not true; there is nothing else to watch");
+      return;
+    }
+    reply.succeed();
+    watch_.add(reply);
   } else {
     reply.fail(ControlError::unknownCall, fmt::format("there is no call \"{}\"", call));
   }
@@ -181,6 +191,12 @@ void Session::replyStatus(const ControlServer::Reply& reply) const {
                      {"refused", counts.refused}};
   status["bytes"] = {{"in", counts.bytesIn}, {"out", counts.bytesOut}};
   reply.succeed({{"status", status}});
+}
+
+void Session::replyFlows(const ControlServer::Reply& reply) const {
+  json list = json::array();
+  for (const FlowInfo& flow : registry_.liveFlows()) list.push_back(flowJSON(flow));
+  reply.succeed({{"flows", list}});
 }
 
 void Session::withProvider(const ControlServer::Reply& reply,

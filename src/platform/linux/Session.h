@@ -12,6 +12,7 @@
 #include "platform/linux/ControlServer.h"
 #include "platform/linux/ControlSocket.h"
 #include "platform/linux/FlowRegistry.h"
+#include "platform/linux/FlowWatch.h"
 #include "platform/linux/Interception.h"
 #include "platform/linux/LinuxBackend.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
@@ -36,6 +37,7 @@ class Session final : private NEProviderHost {
   void handle(const std::string& call, const nlohmann::json& request,
               const ControlServer::Reply& reply);
   void replyStatus(const ControlServer::Reply& reply) const;
+  void replyFlows(const ControlServer::Reply& reply) const;
 
   // Provider operations, on queue_.
   void start(std::shared_ptr<const NEVPNProtocol> configuration, const ControlServer::Reply& reply);
@@ -62,6 +64,7 @@ class Session final : private NEProviderHost {
   std::shared_ptr<NETransparentProxyProvider> provider_;  // guarded by mutex_
   bool isTerminating_ = false;                            // service thread
   FlowRegistry registry_;
+  FlowWatch watch_;
   std::unique_ptr<Interception> interception_;                       // on queue_
   asio::signal_set signals_;
   ControlServer server_;

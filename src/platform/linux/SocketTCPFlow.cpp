@@ -76,7 +76,11 @@ SocketTCPFlow::SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaD
 }
 
 SocketTCPFlow::~SocketTCPFlow() {
-  if (stream_ && stream_->isOpen()) stream_->reset();
+  if (unopened_.isOpen()) {
+    refuse();
+  } else if (stream_ && stream_->isOpen()) {
+    stream_->reset();
+  }
   delist();
 }
 
@@ -195,6 +199,7 @@ void SocketTCPFlow::streamDidRead(Data data) {
 
 void SocketTCPFlow::deliverFirstFlight() {
   hasFirstFlight_ = true;
+  stream_->stopReading();  // when patience ended, it still waits for more
   const auto flight = std::exchange(firstFlight_, nullptr);
   if (auto completion = std::exchange(readCompletion_, nullptr))
     completion(flight->data(), std::nullopt);

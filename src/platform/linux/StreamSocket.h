@@ -57,6 +57,8 @@ class StreamSocket final : private EpollLoop::Source {
 
   /// Asks for 1 to `maximum` bytes.
   void read(std::size_t maximum);
+  /// Takes back a read that is not answered: what comes in waits for the next one.
+  void stopReading() noexcept { isReadWanted_ = false; }
   /// Sends `data` after everything written before; accepted at once under the bound.
   void write(Data data);
 

@@ -1,0 +1,97 @@
+#include "platform/linux/FlowWatch.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+
+#include <array>
+#include <asio/post.hpp>
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <string_view>
+#include <utility>
+
+namespace tandor {
+
+using nlohmann::json;
+
+namespace {
+
+/// Events that may wait for the service thread.
+constexpr std::size_t mostHappenings = 4096;
+/// Bytes that a client may leave unread before it loses events.
+constexpr std::size_t mostUnread = std::size_t{1} << 20;
+
+json textOrNull(const std::string& text) { return text.empty() ? json() : json(text); }
+
+}  // namespace
+
+json flowJSON(const FlowInfo& flow) {
+  return {{"id", flow.id},
+          {"app", flow.app},
+          {"pid", flow.pid},
+          {"protocol", flow.protocol == IPPROTO_UDP ? "udp" : "tcp"},
+          {"source", flow.source},
+          {"destination", flow.destination},
+          {"outbound", textOrNull(flow.outbound)},
+          {"interface", textOrNull(flow.interface)},
+          {"bytesIn", flow.bytesIn},
+          {"bytesOut", flow.bytesOut},
+          {"since", fmt::format("{:%Y-%m-%dT%H:%M:%SZ}",
+                                fmt::gmtime(std::chrono::system_clock::to_time_t(flow.since)))}};
+}
+
+void FlowWatch::add(ControlServer::Reply client) {
+  watchers_.push_back({std::move(client), 0});
+  if (watchers_.size() == 1) {
+    registry_.setObserver([this](FlowRegistry::Event event, const FlowInfo& flow) {
+      happened(event, flow);
+    });
+  }
+}
+
+void FlowWatch::happened(FlowRegistry::Event event, const FlowInfo& flow) {
+  const std::scoped_lock lock(mutex_);
+  if (happenings_.size() >= mostHappenings) {
+    ++lost_;
+    return;
+  }
+  happenings_.push_back({event, flow});
+  if (!std::exchange(isDeliveryDue_, true)) asio::post(service_.context(), [this] { deliver(); });
+}
+
+void FlowWatch::deliver() {
+  static constexpr std::array<std::string_view, 4> names = {"open", "close", "left", "refused"};
+  std::deque<Happening> happenings;
+  std::uint64_t lost = 0;
+  {
+    const std::scoped_lock lock(mutex_);
+    happenings.swap(happenings_);
+    lost = std::exchange(lost_, 0);
+    isDeliveryDue_ = false;
+  }
+  for (const auto& [event, flow] : happenings) {
+    const json line = {{"event", names.at(static_cast<std::size_t>(event))},
+                       {"flow", flowJSON(flow)}};
+    std::erase_if(watchers_, [&](Watcher& watcher) { return !send(watcher, line); });
+  }
+  // Those that were dropped came after those that were kept.
+  for (Watcher& watcher : watchers_) watcher.lost += lost;
+  if (watchers_.empty()) registry_.setObserver(nullptr);
+}
+
+bool FlowWatch::send(Watcher& watcher, const json& line) {
+  if (!watcher.client.isConnected()) return false;
+  if (watcher.client.unsentBytes() > mostUnread) {
+    ++watcher.lost;
+    return true;
+  }
+  if (watcher.lost > 0) {
+    const std::uint64_t lost = std::exchange(watcher.lost, 0);
+    watcher.client.push({{"event", "gap"}, {"lost", lost}});
+  }
+  watcher.client.push(line);
+  return true;
+}
+
+}  // namespace tandor
