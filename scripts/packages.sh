@@ -20,5 +20,5 @@ buildPackages=(
   g++ cmake ninja-build pkg-config libasio-dev nlohmann-json3-dev libcli11-dev libfmt-dev
   libnetfilter-queue-dev libmnl-dev libsystemd-dev
 )
-testPackages=(libgtest-dev libssl-dev iproute2 procps)
+testPackages=(libgtest-dev libssl-dev iproute2 iptables procps python3)
 clangPackages=(clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev git)

@@ -12,44 +12,45 @@
 namespace tandor {
 namespace {
 
+/// A thread that waits in sync() runs its own block when its turn comes, so that progress there
+/// takes no thread of the pool, whose threads may all be waiting so themselves.
 class FreeQueue final : public DispatchQueue {
  public:
   explicit FreeQueue(std::string_view label) noexcept : DispatchQueue(label, nullptr) {}
 
   void async(Block block) override {
     const std::scoped_lock lock(mutex_);
-    blocks_.push_back(std::move(block));
+    waiting_.push_back({std::move(block), nullptr});
     if (std::exchange(isRunning_, true)) return;
     scheduleDrain();
   }
 
  private:
+  struct Turn {
+    std::condition_variable come;
+    bool hasCome = false;
+  };
+  /// An asynchronous block, or the turn of a thread with a synchronous one.
+  struct Waiting {
+    Block block;
+    Turn* turn;
+  };
+
   void runSync(SyncBlock block) override {
     if (isCurrent()) {
       block();
       return;
     }
-    {
-      std::unique_lock lock(mutex_);
-      if (isRunning_) {
-        std::promise<void> done;
-        blocks_.emplace_back([&] {
-          block();
-          done.set_value();
-        });
-        lock.unlock();
-        done.get_future().wait();
-        return;
-      }
-      isRunning_ = true;
+    std::unique_lock lock(mutex_);
+    if (std::exchange(isRunning_, true)) {
+      Turn turn;
+      waiting_.push_back({nullptr, &turn});
+      turn.come.wait(lock, [&] { return turn.hasCome; });
     }
+    lock.unlock();
     runAsCurrent(block);
-    const std::scoped_lock lock(mutex_);
-    if (blocks_.empty()) {
-      isRunning_ = false;
-    } else {
-      scheduleDrain();
-    }
+    lock.lock();
+    if (!passOn()) scheduleDrain();
   }
 
   template <typename Function>
@@ -59,6 +60,19 @@ class FreeQueue final : public DispatchQueue {
     currentQueue = outer;
   }
 
+  /// Gives the turn to the next one, with mutex_ held. Returns false when that is an asynchronous
+  /// block, for which the caller finds a thread.
+  bool passOn() {
+    isRunning_ = !waiting_.empty();
+    if (!isRunning_) return true;
+    Turn* next = waiting_.front().turn;
+    if (next == nullptr) return false;
+    waiting_.pop_front();
+    next->hasCome = true;
+    next->come.notify_one();
+    return true;
+  }
+
   void scheduleDrain() {
     GlobalQueue::shared().async(
         [self = std::static_pointer_cast<FreeQueue>(shared_from_this())] { self->drain(); });
@@ -66,21 +80,20 @@ class FreeQueue final : public DispatchQueue {
 
   void drain() {
     std::unique_lock lock(mutex_);
-    while (!blocks_.empty()) {
+    while (!passOn()) {
       {
-        Block block = std::move(blocks_.front());
-        blocks_.pop_front();
+        Block block = std::move(waiting_.front().block);
+        waiting_.pop_front();
         lock.unlock();
         runAsCurrent(block);
       }  // what the block captured goes before the next one runs, and outside the lock
       lock.lock();
     }
-    isRunning_ = false;
   }
 
   std::mutex mutex_;
-  std::deque<Block> blocks_;  // guarded by mutex_
-  bool isRunning_ = false;    // guarded by mutex_: a block runs, or a drain is on its way
+  std::deque<Waiting> waiting_;  // guarded by mutex_
+  bool isRunning_ = false;       // guarded by mutex_: a block runs, or is about to
 };
 
 class PinnedQueue final : public DispatchQueue {

@@ -89,10 +89,6 @@ Session::State Session::state() const {
 
 void Session::setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& /*settings*/,
                                        Completion completion) {
-  if (std::getenv("TANDOR_INTERCEPT") == nullptr) {  // TEMPORARY until every test has a namespace
-    completion(std::nullopt);
-    return;
-  }
   auto installed = Interception::install(backend_, registry_, provider());
   if (!installed) {
     completion(NSError("TandorPlatformError", interceptionFailed, installed.error()));
