@@ -2,6 +2,7 @@ tandor_test(tandor_platform_tests
   SOURCES
     platform/ConnectionTest.cpp
     platform/EpollLoopTest.cpp
+    platform/FlowTest.cpp
     platform/Objects.cpp
     platform/Support.cpp
     platform/Surroundings.cpp
