@@ -7,6 +7,7 @@
 #include <linux/rtnetlink.h>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/NetlinkDump.h"
@@ -144,7 +145,9 @@ NWPath currentPath() {
     if (metric == metrics.end() || (link.flags & upAndConnected) != upAndConnected) continue;
     candidates.push_back({metric->second, {link.name, classify(link), index}});
   }
-  std::ranges::stable_sort(candidates, {}, &Candidate::metric);
+  std::ranges::sort(candidates, {}, [](const Candidate& candidate) {
+    return std::pair(candidate.metric, candidate.interface.index);
+  });
   NWPath path;
   for (Candidate& candidate : candidates)
     path.availableInterfaces.push_back(std::move(candidate.interface));

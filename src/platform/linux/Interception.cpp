@@ -1,16 +1,14 @@
 #include "platform/linux/Interception.h"
 
-#include <fmt/format.h>
-#include <sys/resource.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "platform/foundation/NSLog.h"
 #include "platform/linux/ConnectionTracking.h"
@@ -40,20 +38,8 @@ auto runOn(EpollLoop& loop, Function function) {
   return result.get_future().get();
 }
 
-/// As many descriptors as the system lets a process have: each taken flow needs two.
-void raiseDescriptorLimit() {
-  std::uint64_t most = 0;
-  std::ifstream("/proc/sys/fs/nr_open") >> most;
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  const rlimit highest{.rlim_cur = most, .rlim_max = most};
-  if (most > limit.rlim_max && ::setrlimit(RLIMIT_NOFILE, &highest) == 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-/// Test runs name the namespace that they live in, which must stay as it is: a start there would cut
-/// the very session that runs them.
+/// Test runs name the namespace that they live in, which must stay as it is: a start there would
+/// cut the very session that runs them.
 bool isProtectedNamespace() {
   const char* protectedNamespace = std::getenv("TANDOR_PROTECTED_NETNS");
   if (protectedNamespace == nullptr) return false;
@@ -84,7 +70,6 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
     return std::unexpected(
         "TANDOR_PROTECTED_NETNS names this network namespace: no interception here");
   }
-  raiseDescriptorLimit();
   if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
   // Everything that answers is there before the first rule that asks.
   std::unique_ptr<Interception> interception(
@@ -104,8 +89,9 @@ std::expected<void, std::string> Interception::listen(LinuxBackend& backend) {
     auto listener =
         runOn(*loop, [&] { return TransparentListener::make(*loop, transparentPort, flows_); });
     if (!listener) {
-      return std::unexpected(describe(
-          fmt::format("cannot listen transparently on port {}", transparentPort), listener.error()));
+      return std::unexpected(
+          describe(fmt::format("cannot listen transparently on port {}", transparentPort),
+                   listener.error()));
     }
     listeners_.push_back(std::move(*listener));
   }
@@ -130,8 +116,7 @@ Interception::~Interception() {
   if (admission_ != nullptr) awaitLastBytes();
   if (auto clean = cleanUp(); !clean) NSLog("interception: " + clean.error());
   if (admission_ != nullptr) runOn(*loop_, [this] { admission_->end(); });
-  for (const auto& listener : listeners_)
-    runOn(*listener->residence(), [&] { listener->close(); });
+  for (const auto& listener : listeners_) runOn(*listener->residence(), [&] { listener->close(); });
   admission_ = nullptr;
   loop_ = nullptr;
 }

@@ -10,6 +10,7 @@
 
 #include "platform/linux/Interception.h"
 #include "platform/linux/LinuxBackend.h"
+#include "platform/linux/Privileges.h"
 #include "platform/linux/Session.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
 
@@ -42,6 +43,9 @@ void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> argum
     std::exit(options.exit(error) == 0 ? EXIT_SUCCESS : wrongUsage);
   }
 
+  raiseDescriptorLimit();
+  // A capability belongs to a thread: this is the time, while there is one.
+  dropPrivileges();
   if (cleansUp) {
     if (auto clean = Interception::cleanUp(); !clean) giveUp(clean.error());
     std::exit(EXIT_SUCCESS);

@@ -1,0 +1,53 @@
+#include "platform/linux/Privileges.h"
+
+#include <array>
+#include <cstdint>
+#include <fstream>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace tandor {
+namespace {
+
+constexpr std::uint64_t bit(int capability) {
+  return std::uint64_t{1} << capability;
+}
+
+/// For queue, marks and transparent sockets; for iptables where it is the older one; for who owns a
+/// socket in other users' processes.
+constexpr std::uint64_t needed =
+    bit(CAP_NET_ADMIN) | bit(CAP_NET_RAW) | bit(CAP_SYS_PTRACE) | bit(CAP_DAC_READ_SEARCH);
+
+}  // namespace
+
+void raiseDescriptorLimit() {
+  std::uint64_t most = 0;
+  std::ifstream("/proc/sys/fs/nr_open") >> most;
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit highest{.rlim_cur = most, .rlim_max = most};
+  if (most > limit.rlim_max && ::setrlimit(RLIMIT_NOFILE, &highest) == 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void dropPrivileges() {
+  for (int capability = 0; ::prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0; ++capability)
+    if ((needed & bit(capability)) == 0) ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
+
+  __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
+  if (::syscall(SYS_capget, &header, sets.data()) != 0) return;
+  for (std::size_t half = 0; half < sets.size(); ++half) {
+    const auto kept = static_cast<std::uint32_t>(needed >> (32 * half));
+    sets[half].permitted &= kept;
+    sets[half].effective = sets[half].permitted;
+    sets[half].inheritable &= kept;
+  }
+  ::syscall(SYS_capset, &header, sets.data());
+}
+
+}  // namespace tandor
