@@ -1,0 +1,106 @@
+#include "provider/ProviderFixture.h"
+
+namespace tandor::test {
+namespace {
+
+class Admission : public ProviderFixture {
+ protected:
+  bool takesTCP(const std::string& app, const NWFlowEndpoint& endpoint) {
+    return provider_->handleNewFlow(platform_.tcpFlow(endpoint, app));
+  }
+  bool takesUDP(const std::string& app, const NWFlowEndpoint& endpoint) {
+    return provider_->handleNewUDPFlow(platform_.udpFlow(app), endpoint);
+  }
+};
+
+TEST_F(Admission, ModeProtocolApplicationAndDestination) {
+  enum class Taken : std::uint8_t { never, always, onlyQUIC };
+  using enum Taken;
+  const struct {
+    const char* mode;
+    const char* app;
+    Taken tcp;
+    Taken udp;
+  } rules[] = {
+      {"webProxy", "listed", always, onlyQUIC},
+      {"webProxy", "other", never, never},
+      {"directlyWhiteList", "listed", always, always},
+      {"directlyWhiteList", "other", never, never},
+      {"tunnelWhiteList", "listed", never, never},
+      {"tunnelWhiteList", "other", always, always},
+      // Identifiers are compared whole and with their case.
+      {"directlyWhiteList", "Listed", never, never},
+      {"directlyWhiteList", "listed.helper", never, never},
+      // The product's own applications are left alone, listed or not.
+      {"webProxy", "Tandor_root", never, never},
+      {"directlyWhiteList", "Tandor_root", never, never},
+      {"tunnelWhiteList", "com.tandor.host.app", never, never},
+      {"tunnelWhiteList", "com.tandor.host.tool", never, never},
+  };
+  const struct {
+    NWHostEndpoint endpoint;
+    bool isTakable;
+  } destinations[] = {
+      {{"203.0.113.7", "443"}, true},   {{"host.example", "443"}, true},
+      {{"203.0.113.7", "80"}, true},    {{"host.example", "53"}, true},
+      {{"host.example", "0443"}, true}, {{"10.1.2.3", "443"}, false},
+      {{"web.10.0.0.1", "443"}, false}, {{"127.0.0.1", "443"}, false},
+      {{"2001:db8::1", "443"}, false},  {{"::ffff:1.2.3.4", "443"}, false},
+      {{"::1", "80"}, false},           {{"255.255.255.255", "80"}, false},
+  };
+  for (const bool isEnabled : {true, false}) {
+    for (const auto& [mode, app, tcp, udp] : rules) {
+      start(webProxy({{"mode", mode},
+                      {"appIds", R"(["listed", "Tandor_root"])"},
+                      {"enable", isEnabled ? "true" : "false"}}));
+      for (const auto& [endpoint, isTakable] : destinations) {
+        SCOPED_TRACE(std::string(mode) + " " + app + " " + endpoint.description());
+        const bool mayTake = isEnabled && isTakable;
+        const bool isQUIC = endpoint.port.ends_with("443");
+        EXPECT_EQ(takesTCP(app, endpoint), mayTake && tcp == always);
+        EXPECT_EQ(takesUDP(app, endpoint),
+                  mayTake && (udp == always || (udp == onlyQUIC && isQUIC)));
+      }
+    }
+  }
+}
+
+TEST_F(Admission, EmptyListTakesAllOrNothing) {
+  for (const char* mode : {"webProxy", "directlyWhiteList", "tunnelWhiteList"}) {
+    start(webProxy({{"mode", mode}, {"appIds", "[]"}}));
+    EXPECT_EQ(takesTCP("app", destination), std::string_view(mode) == "tunnelWhiteList") << mode;
+  }
+}
+
+TEST_F(Admission, UnreadableUDPPortIsRefusedAndLogged) {
+  start(webProxy());
+  for (const std::string port : {"https", "", "70000", "-443", "+443", " 443", "443 "}) {
+    static_cast<void>(journal_.take());
+    EXPECT_FALSE(takesUDP("listed", NWHostEndpoint{"host.example", port}));
+    EXPECT_EQ(journal_.take(), Lines{"log: parse port: " + port + " failed"});
+    EXPECT_FALSE(takesUDP("other", NWHostEndpoint{"host.example", port}));
+    EXPECT_EQ(journal_.take(), Lines());
+  }
+}
+
+TEST_F(Admission, OtherKindsOfFlowAndEndpointAreLeftSilently) {
+  start(configuration({{"debug", "true"}}));
+  EXPECT_FALSE(provider_->handleNewFlow(platform_.udpFlow()));
+  EXPECT_FALSE(takesTCP("app", NWOpaqueEndpoint{"Kind"}));
+  EXPECT_FALSE(takesUDP("app", NWOpaqueEndpoint{"Kind"}));
+  EXPECT_EQ(journal_.take(), Lines());
+}
+
+TEST_F(Admission, DebugNamesEveryTakenTCPFlow) {
+  start(configuration({{"debug", "true"}}));
+  EXPECT_TRUE(takesTCP("app", destination));
+  EXPECT_FALSE(takesTCP("listed", destination));
+  EXPECT_TRUE(takesUDP("app", destination));
+  EXPECT_EQ(journal_.take(), (Lines{"log: handle tcp flow: app", "flow1: open", "flow3: open"}));
+  start(configuration());
+  EXPECT_TRUE(takesTCP("app", destination));
+  EXPECT_EQ(journal_.take(), Lines{"flow4: open"});
+}
+
+}  // namespace
+}  // namespace tandor::test
