@@ -15,44 +15,92 @@ namespace tandor::test {
 
 using State = NWConnection::State::Kind;
 
+[[nodiscard]] inline Lines operator+(Lines left, const Lines& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+/// How the close of flow1 shows.
+[[nodiscard]] inline Lines closed(const std::string& error = "nil") {
+  return {"flow1: closeRead " + error, "flow1: closeWrite " + error, "delegate: told"};
+}
+
+/// How a whole end shows: the outbound connection cancelled, then the flow closed.
+[[nodiscard]] inline Lines ended(const std::string& error = "nil",
+                                 const std::string& out = "out1") {
+  return Lines{out + ": handler cleared", out + ": cancel"} + closed(error);
+}
+
+const NWHostEndpoint destination{"host.example", "443"};
+
+struct ConnectionOptions {
+  bool isDebug = false;
+  bool isUDP = false;
+  NWFlowEndpoint stored = destination;        // what the connection is given as destination
+  NWFlowEndpoint flowEndpoint = destination;  // what the flow says itself
+  ConnectReply connectReply = ConnectReply::phrase;
+};
+
 /// One proxy connection between a scripted flow, flow1, and scripted outbound ones, with a delegate
-/// that notes "delegate: told". What is carried to the connection's queue is waited for.
+/// that notes "delegate: told".
 class ConnectionFixture : public testing::Test {
  protected:
   static inline const NSError broken{"Test", 7, "broken"};
-  static inline const NWHostEndpoint destination{"host.example", "443"};
+  using Options = ConnectionOptions;
   static inline const NWInterface ethernet{"en0", NWInterface::InterfaceType::wiredEthernet, 2};
+  static inline const ConnectionMode direct = ConnectionMode::directly(std::nullopt);
+  static inline const ConnectionMode proxied = ConnectionMode::httpProxy(
+      NWEndpoint::hostPort(NWEndpoint::Host::name("proxy.example"), NWEndpoint::Port(3128)));
 
-  ~ConnectionFixture() override { connection_ = nullptr; }
+  /// Makes the connection, with everything scripted made anew.
+  void make(const ConnectionMode& mode, const Options& options = {}) {
+    connection_ = nullptr;
+    udpFlow_ = nullptr;
+    tcpFlow_ = nullptr;
+    platform_.reset();
+    platform_.emplace(journal_);
+    if (options.isUDP) {
+      udpFlow_ = platform_->udpFlow();
+    } else {
+      tcpFlow_ = platform_->tcpFlow(options.flowEndpoint);
+    }
+    connection_ = TandorProxyConnection::make(
+        mode, options.isUDP ? ConnectionNetwork::udp(udpFlow_, options.stored)
+                            : ConnectionNetwork::tcp(tcpFlow_, options.stored));
+    connection_->setIsDebug(options.isDebug);
+    connection_->setConnectReply(options.connectReply);
+    connection_->setDelegate(delegate_);
+    queue_ = connection_->nwQueue().shared_from_this();
+    forget();
+  }
+  /// The same, and has it started.
+  void start(const ConnectionMode& mode, const Options& options = {}) {
+    make(mode, options);
+    connection_->start();
+    forget();
+  }
+  /// The same, up to the outbound connection's being ready.
+  void startReady(const ConnectionMode& mode, const Options& options = {}) {
+    start(mode, options);
+    out().enter(State::ready);
+    forget();
+  }
 
-  /// Makes the connection; `stored` is the destination that it is given beside the flow's own.
-  void make(ConnectionMode mode, bool isDebug = false, const NWFlowEndpoint& stored = destination) {
-    adopt(std::move(mode), ConnectionNetwork::tcp(flow_, stored), isDebug);
-  }
-  void makeUDP(ConnectionMode mode, const NWFlowEndpoint& stored = destination) {
-    udpFlow_ = platform_.udpFlow();
-    adopt(std::move(mode), ConnectionNetwork::udp(udpFlow_, stored), false);
-  }
-  [[nodiscard]] static ConnectionMode direct(std::optional<NWInterface> interface = std::nullopt) {
-    return ConnectionMode::directly(std::move(interface));
-  }
-  [[nodiscard]] static ConnectionMode proxied() {
-    return ConnectionMode::httpProxy(
-        NWEndpoint::hostPort(NWEndpoint::Host::name("proxy.example"), NWEndpoint::Port(3128)));
-  }
+  [[nodiscard]] ScriptedConnection& out(std::size_t number = 1) { return platform_->out(number); }
 
-  [[nodiscard]] ScriptedConnection& out(std::size_t number = 1) { return platform_.out(number); }
-
-  /// What happened since the last call, once the connection's queue has come to rest.
+  /// What happened since the last call, once the connection's queue has come to rest; without what
+  /// the parser says about bytes that are no ClientHello.
   [[nodiscard]] Lines happened() {
     queue_->sync([] {});
-    return journal_.take();
+    Lines lines = journal_.take();
+    std::erase(lines, "log: Request did not begin with TLS handshake.");
+    return lines;
   }
-  void forgetWhatHappened() { static_cast<void>(happened()); }
+  void forget() { static_cast<void>(happened()); }
 
   Journal journal_;
-  ScriptedBackend platform_{journal_};
-  std::shared_ptr<ScriptedTCPFlow> flow_ = platform_.tcpFlow(destination);
+  std::optional<ScriptedBackend> platform_;
+  std::shared_ptr<ScriptedTCPFlow> tcpFlow_;
   std::shared_ptr<ScriptedUDPFlow> udpFlow_;
   std::shared_ptr<TandorProxyConnection> connection_;
 
@@ -65,34 +113,8 @@ class ConnectionFixture : public testing::Test {
     Journal& journal;
   };
 
-  void adopt(ConnectionMode mode, ConnectionNetwork network, bool isDebug) {
-    connection_ = TandorProxyConnection::make(std::move(mode), std::move(network));
-    connection_->setIsDebug(isDebug);
-    connection_->setDelegate(delegate_);
-    queue_ = connection_->nwQueue().shared_from_this();
-  }
-
   std::shared_ptr<Delegate> delegate_ = std::make_shared<Delegate>(journal_);
   std::shared_ptr<DispatchQueue> queue_;
 };
-
-/// How the close of flow1 shows, with the delegate's call behind it.
-[[nodiscard]] inline Lines closed(const std::string& error = "nil",
-                                  const std::string& flow = "flow1") {
-  return {flow + ": closeRead " + error, flow + ": closeWrite " + error, "delegate: told"};
-}
-
-/// How a whole end shows: the outbound connection `name` cancelled, then the flow closed.
-[[nodiscard]] inline Lines ended(const std::string& error = "nil", const std::string& name = "out1",
-                                 const std::string& flow = "flow1") {
-  Lines lines = {name + ": handler cleared", name + ": cancel"};
-  for (std::string& line : closed(error, flow)) lines.push_back(std::move(line));
-  return lines;
-}
-
-[[nodiscard]] inline Lines operator+(Lines left, const Lines& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
 
 }  // namespace tandor::test

@@ -1,11 +1,8 @@
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <latch>
-#include <mutex>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -18,167 +15,72 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// The plainest loop: a thread that runs what is posted.
-class ThreadLoop final : public EventLoop, public LoopAffinity {
- public:
-  ThreadLoop() : thread_([this](const std::stop_token& stop) { run(stop); }) {}
-
-  [[nodiscard]] EventLoop& loop() const noexcept override { return const_cast<ThreadLoop&>(*this); }
-  void post(Block block, const DispatchQueue* queue) override {
-    const std::scoped_lock lock(mutex_);
-    posted_.push_back({std::move(block), queue});
-    arrived_.notify_one();
-  }
-  void runPosted(const DispatchQueue& queue) override {
-    while (Block block = takeFirst(&queue)) block();
-  }
-
- private:
-  struct Posted {
-    Block block;
-    const DispatchQueue* queue;
-  };
-
-  void run(const std::stop_token& stop) {
-    setCurrent(this);
-    for (std::unique_lock lock(mutex_);
-         arrived_.wait(lock, stop, [this] { return !posted_.empty(); });) {
-      Block block = std::move(posted_.front().block);
-      posted_.pop_front();
-      lock.unlock();
-      block();
-      lock.lock();
-    }
-    setCurrent(nullptr);
-  }
-  Block takeFirst(const DispatchQueue* queue) {
-    const std::scoped_lock lock(mutex_);
-    for (auto entry = posted_.begin(); entry != posted_.end(); ++entry) {
-      if (entry->queue != queue) continue;
-      Block block = std::move(entry->block);
-      posted_.erase(entry);
-      return block;
-    }
-    return nullptr;
-  }
-
-  std::mutex mutex_;
-  std::condition_variable_any arrived_;
-  std::deque<Posted> posted_;  // guarded by mutex_
-  std::jthread thread_;
-};
-
-enum class Kind : std::uint8_t { free, pinned };
-
-class Queues : public testing::TestWithParam<Kind> {
- protected:
-  std::shared_ptr<ThreadLoop> loop_ = std::make_shared<ThreadLoop>();
-  std::shared_ptr<DispatchQueue> queue_ = GetParam() == Kind::free
-                                              ? DispatchQueue::serial("label")
-                                              : DispatchQueue::serial("label", loop_);
-};
-
-INSTANTIATE_TEST_SUITE_P(BothKinds, Queues, testing::Values(Kind::free, Kind::pinned));
-
-TEST_P(Queues, RunsBlocksInTheOrderOfSubmission) {
-  std::vector<int> order;
-  for (int number = 0; number < 1000; ++number)
-    queue_->async([&order, number] { order.push_back(number); });
-  // The sync comes after all of them, and yields its result.
-  EXPECT_EQ(queue_->sync([&] { return order.size(); }), 1000);
-  EXPECT_TRUE(std::ranges::is_sorted(order));
-}
-
-TEST_P(Queues, RunsOneBlockAtATime) {
+TEST(DispatchQueue, RunsEverythingOneAtATimeInTheOrderOfSubmission) {
   constexpr int rounds = 300;
-  int unguarded = 0;  // for ThreadSanitizer, and for lost additions
-  std::atomic<int> inside{0};
-  const auto block = [&] {
-    EXPECT_EQ(++inside, 1);
-    ++unguarded;
-    --inside;
+  constexpr int threadCount = 4;
+  const auto queue = DispatchQueue::serial("queue");
+  std::array<int, threadCount> last{};  // unguarded, for ThreadSanitizer
+  int count = 0;
+  const auto block = [&](int thread, int number) {
+    EXPECT_EQ(std::exchange(last.at(static_cast<std::size_t>(thread)), number), number - 1);
+    ++count;
   };
   {
-    std::array<std::jthread, 4> threads;
-    for (std::jthread& thread : threads) {
-      thread = std::jthread([&] {
-        for (int round = 0; round < rounds; ++round) {
-          queue_->sync([&] { block(); });
-          queue_->async(block);
-          queue_->carry(block);
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < threadCount; ++thread) {
+      threads.emplace_back([&, thread] {
+        for (int number = 1; number <= 3 * rounds; number += 3) {
+          queue->async([&, thread, number] { block(thread, number); });
+          queue->carry([&, thread, number] { block(thread, number + 1); });
+          queue->sync([&] { block(thread, number + 2); });
         }
       });
     }
   }
-  EXPECT_EQ(queue_->sync([&] { return unguarded; }), 4 * 3 * rounds);
+  EXPECT_EQ(queue->sync([&] { return count; }), threadCount * 3 * rounds);
 }
 
-TEST_P(Queues, SyncAndCarryOnTheQueueItselfRunAtOnce) {
+TEST(DispatchQueue, SyncAndCarryOnTheQueueItselfRunAtOnce) {
+  const auto queue = DispatchQueue::serial("queue");
+  const auto inner = DispatchQueue::serial("inner", nullptr);
   std::vector<int> order;
-  std::latch done(1);
-  queue_->async([&] {
-    EXPECT_TRUE(queue_->isCurrent());
-    queue_->async([&] { order.push_back(9); });
-    queue_->carry([&] { order.push_back(1); });
-    order.push_back(2);
-    done.count_down();
-  });
-  done.wait();
-  queue_->sync([&] {
-    EXPECT_TRUE(queue_->isCurrent());
-    queue_->sync([&] { order.push_back(3); });
-    queue_->carry([&] { order.push_back(4); });
-    order.push_back(5);
-  });
-  EXPECT_FALSE(queue_->isCurrent());
-  EXPECT_EQ(order, (std::vector{1, 2, 9, 3, 4, 5}));
+  const auto run = [&] {
+    queue->async([&] { order.push_back(5); });
+    queue->carry([&] { order.push_back(1); });
+    inner->sync([&] { EXPECT_TRUE(inner->isCurrent() && !queue->isCurrent()); });
+    EXPECT_TRUE(queue->isCurrent() && !inner->isCurrent());
+    queue->sync([&] { order.push_back(2); });
+  };
+  queue->async([&] { run(); });
+  queue->sync([] {});
+  queue->sync([&] { run(); });
+  EXPECT_FALSE(queue->isCurrent());
+  queue->sync([] {});
+  EXPECT_EQ(order, (std::vector{1, 2, 5, 1, 2, 5}));
 }
 
-TEST_P(Queues, CarryFromElsewhereDoesNotWait) {
-  std::latch carried(1);
+TEST(DispatchQueue, CarryFromElsewhereDoesNotWait) {
+  const auto queue = DispatchQueue::serial("queue");
   std::latch release(1);
-  queue_->async([&] { release.wait(); });
-  queue_->carry([&] { carried.count_down(); });
+  std::latch carried(1);
+  queue->async([&] { release.wait(); });
+  queue->carry([&] { carried.count_down(); });
   EXPECT_FALSE(carried.try_wait());
   release.count_down();
   carried.wait();
 }
 
-TEST_P(Queues, LivesUntilItsBlocksHaveRun) {
-  std::latch ran(20);
-  const std::weak_ptr<DispatchQueue> watched = queue_;
-  for (int count = 0; count < 20; ++count)
-    queue_->async([&ran, last = count == 0 ? nullptr : queue_] { ran.count_down(); });
-  queue_ = nullptr;
-  ran.wait();
-  while (!watched.expired()) std::this_thread::yield();  // a queue that stays is a test that hangs
-}
-
-TEST(FreeQueue, KeepsItsExclusionWhenABlockEntersAnother) {
-  const auto outer = DispatchQueue::serial("outer");
-  const auto inner = DispatchQueue::serial("inner");
-  EXPECT_TRUE(outer->sync([&] {
-    inner->sync([&] { EXPECT_TRUE(inner->isCurrent() && !outer->isCurrent()); });
-    return outer->isCurrent() && !inner->isCurrent();
-  }));
-  EXPECT_EQ(outer->label(), "outer");
-  EXPECT_EQ(DispatchQueue::serial("free", nullptr)->affinity(), nullptr);
-}
-
-TEST(PinnedQueue, SyncOnItsLoopComesBehindWhatWasSubmittedBefore) {
-  const auto loop = std::make_shared<ThreadLoop>();
-  const auto queue = DispatchQueue::serial("queue", loop);
-  const auto other = DispatchQueue::serial("other", loop);
-  std::vector<int> order;
-  queue->sync([&] {
-    other->async([&] { order.push_back(9); });
-    queue->async([&] { order.push_back(1); });
-    queue->async([&] { order.push_back(2); });
-    queue->sync([&] { order.push_back(3); });
-  });
-  other->sync([] {});
-  EXPECT_EQ(order, (std::vector{1, 2, 3, 9}));
-  EXPECT_EQ(queue->affinity(), loop);
+TEST(DispatchQueue, LivesUntilItsBlocksHaveRunAndReleasesWhatTheyHeld) {
+  auto queue = DispatchQueue::serial("queue");
+  const std::weak_ptr<DispatchQueue> watched = queue;
+  auto held = std::make_shared<int>(1);
+  const std::weak_ptr<int> watchedHeld = held;
+  queue->async([held = std::move(held)] { std::this_thread::sleep_for(5ms); });
+  queue->sync([&] { EXPECT_TRUE(watchedHeld.expired()); });
+  queue->async([] { std::this_thread::sleep_for(5ms); });
+  queue = nullptr;
+  for (int wait = 0; wait < 5000 && !watched.expired(); ++wait) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(watched.expired());
 }
 
 TEST(GlobalQueue, BlocksThatWaitDoNotHoldUpOthers) {
@@ -194,8 +96,8 @@ TEST(GlobalQueue, BlocksThatWaitDoNotHoldUpOthers) {
   done.wait();
 }
 
-TEST(FreeQueue, ThreadsOfThePoolThatWaitForItGetTheirTurns) {
-  // More blocks than the pool has threads, each of which waits for the same queue.
+// More blocks than the pool has threads, each of which waits for the same queue.
+TEST(GlobalQueue, ThreadsThatWaitForAQueueGetTheirTurns) {
   constexpr int blocks = 100;
   struct Shared {
     std::shared_ptr<DispatchQueue> queue = DispatchQueue::serial("contended");
@@ -203,9 +105,10 @@ TEST(FreeQueue, ThreadsOfThePoolThatWaitForItGetTheirTurns) {
   };
   const auto shared = std::make_shared<Shared>();  // outlives a failure
   shared->queue->sync([&] {
-    for (int count = 0; count < blocks; ++count)
+    for (int count = 0; count < blocks; ++count) {
       GlobalQueue::shared().async(
           [shared] { shared->queue->sync([&] { shared->done.count_down(); }); });
+    }
     std::this_thread::sleep_for(50ms);
     shared->queue->async([shared] {});
   });

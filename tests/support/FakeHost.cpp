@@ -21,7 +21,7 @@ std::size_t openDescriptors() {
       std::ranges::distance(std::filesystem::directory_iterator("/proc/self/fd")));
 }
 
-FakeHost::FakeHost(Manner manner, std::function<void()> afterFirstPiece)
+FakeHost::FakeHost(Manner manner, std::function<void()> afterFirstPiece, std::size_t pathLength)
     : manner_(manner),
       afterFirstPiece_(std::move(afterFirstPiece)),
       directory_(testing::TempDir() + "tandor-XXXXXX"),
@@ -29,6 +29,7 @@ FakeHost::FakeHost(Manner manner, std::function<void()> afterFirstPiece)
   std::signal(SIGPIPE, SIG_IGN);
   EXPECT_NE(::mkdtemp(directory_.data()), nullptr);
   path_ = directory_ + "/host";
+  path_.resize(std::max(path_.size(), pathLength), 't');
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::ranges::copy(path_, address.sun_path);

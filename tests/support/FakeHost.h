@@ -26,8 +26,10 @@ class FakeHost {
     closesAfterGreeting  // closes after its first two bytes were acknowledged
   };
 
-  /// `afterFirstPiece` runs when a proper host has read the beginning of a message.
-  explicit FakeHost(Manner manner = Manner::proper, std::function<void()> afterFirstPiece = {});
+  /// `afterFirstPiece` runs when the beginning of a message was read; `pathLength` is what the path
+  /// has at least.
+  explicit FakeHost(Manner manner = Manner::proper, std::function<void()> afterFirstPiece = {},
+                    std::size_t pathLength = 0);
   FakeHost(const FakeHost&) = delete;
   FakeHost& operator=(const FakeHost&) = delete;
   ~FakeHost();
