@@ -9,7 +9,7 @@
 
 #include "connection/TandorProxyConnection.h"
 #include "support/Journal.h"
-#include "support/ScriptedBackend.h"
+#include "support/ScriptedPlatform.h"
 
 namespace tandor::test {
 

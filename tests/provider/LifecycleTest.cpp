@@ -1,7 +1,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,17 +13,14 @@
 namespace tandor::test {
 namespace {
 
-using Type = NWInterface::InterfaceType;
+using ProviderLifecycle = ProviderFixture;
 
-class ProviderLifecycle : public ProviderFixture {
- protected:
-  static std::string content(const std::vector<std::uint8_t>& message) {
-    constexpr std::size_t contentOffset = 72 + 31;  // behind the name
-    return message.size() < contentOffset
-               ? "none"
-               : std::string(message.begin() + contentOffset, message.end());
-  }
-};
+std::string contentOf(const std::vector<std::uint8_t>& message) {
+  const std::string bytes(message.begin(), message.end());
+  constexpr std::size_t contentOffset =
+      72 + 31;  // behind the lengths, the identifiers and the name
+  return bytes.size() < contentOffset ? "none" : bytes.substr(contentOffset);
+}
 
 TEST_F(ProviderLifecycle, StartInItsOrder) {
   std::signal(SIGPIPE, SIG_DFL);
@@ -36,31 +32,33 @@ TEST_F(ProviderLifecycle, StartInItsOrder) {
                    "path monitor: start",
                    "log: parse config succeed: " + provider_->config()->description(),
                    "host: settings"}));
-  const auto outbound = [](NENetworkRule::Protocol protocol) {
-    return NENetworkRule{.remoteNetwork = std::nullopt,
-                         .localNetwork = std::nullopt,
-                         .protocol = protocol,
-                         .direction = NENetworkRule::Direction::outbound};
-  };
-  EXPECT_EQ(host_.settings(),
-            (NETransparentProxyNetworkSettings{
-                "127.0.0.1",
-                {outbound(NENetworkRule::Protocol::tcp), outbound(NENetworkRule::Protocol::udp)}}));
+  NENetworkRule tcp;
+  tcp.protocol = NENetworkRule::Protocol::tcp;
+  tcp.direction = NENetworkRule::Direction::outbound;
+  NENetworkRule udp = tcp;
+  udp.protocol = NENetworkRule::Protocol::udp;
+  EXPECT_EQ(host_.settings(), (NETransparentProxyNetworkSettings{"127.0.0.1", {tcp, udp}}));
   host_.completeSettings();
   EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", "completed nil"}));
 }
 
-TEST_F(ProviderLifecycle, StartGoesOnFailingWhenTheSettingsFail) {
-  begin(configuration({{"socketPath", "/tandor-nobody-listens"}}));
+TEST_F(ProviderLifecycle, StartTellsThePlatformWhateverHappens) {
+  const auto raw = configuration({{"socketPath", "/tandor-nobody-listens"}});
+  const std::string unreachable = R"(log: ipc send status change failed: bsdError(message: )"
+                                  R"("connect socket failed", errno: 2))";
+  begin(raw);
   static_cast<void>(journal_.take());
   host_.completeSettings(broken);
   EXPECT_EQ(journal_.take(),
             (Lines{"log: setting error while starting provider: broken", "completed broken"}));
-}
-
-TEST_F(ProviderLifecycle, StartCompletesWhenTheProviderIsGone) {
-  FakeHost application;
-  begin(configuration({{"socketPath", application.path()}}));
+  begin(raw);
+  static_cast<void>(journal_.take());
+  host_.completeSettings();
+  EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", unreachable, "completed nil"}));
+  provider_->stopProxy(static_cast<NEProviderStopReason>(99), completed());
+  EXPECT_EQ(journal_.take(),
+            (Lines{"log: stop proxy with reason:unknown(99)", unreachable, "completed"}));
+  begin(raw);
   static_cast<void>(journal_.take());
   provider_ = nullptr;
   host_.completeSettings();
@@ -69,183 +67,142 @@ TEST_F(ProviderLifecycle, StartCompletesWhenTheProviderIsGone) {
 
 TEST_F(ProviderLifecycle, TellsTheHostApplicationOfStartAndStop) {
   FakeHost application;
-  begin(configuration({{"socketPath", application.path()}}));
-  host_.completeSettings();
-  EXPECT_EQ(content(application.nextMessage()), "\x01");
-  const auto flow = relayed();
+  start(configuration({{"socketPath", application.path()}}));
+  EXPECT_EQ(contentOf(application.nextMessage()), "\x01");
+  relayed();
   const auto kept = provider_->proxyConnections();  // or its destructor would close once more
   static_cast<void>(journal_.take());
   provider_->stopProxy(NEProviderStopReason::userInitiated, completed());
   const std::string text = "stop proxy with reason:userInitiated(1)";
   EXPECT_EQ(journal_.take(), (Lines{"log: " + text, "out1: handler cleared", "out1: cancel",
                                     "flow1: closeRead nil", "flow1: closeWrite nil", "completed"}));
-  EXPECT_EQ(content(application.nextMessage()), '\0' + text);
-  EXPECT_TRUE(provider_->proxyConnections().empty());
+  EXPECT_EQ(contentOf(application.nextMessage()), '\0' + text);
   EXPECT_FALSE(provider_->enable());
 }
 
-TEST_F(ProviderLifecycle, AnUnreachableHostApplicationChangesNothing) {
-  begin(configuration({{"socketPath", "/tandor-nobody-listens"}}));
-  static_cast<void>(journal_.take());
-  host_.completeSettings();
-  const std::string failure = R"(log: ipc send status change failed: bsdError(message: )"
-                              R"("connect socket failed", errno: 2))";
-  EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", failure, "completed nil"}));
-  provider_->stopProxy(static_cast<NEProviderStopReason>(99), completed());
-  EXPECT_EQ(journal_.take(),
-            (Lines{"log: stop proxy with reason:unknown(99)", failure, "completed"}));
-}
-
-TEST_F(ProviderLifecycle, SleepClosesAndWakeSwitchesOn) {
+TEST_F(ProviderLifecycle, SwitchingOffClosesEveryConnection) {
   start(configuration());
-  const auto flow = relayed();
-  const auto other = relayed();
-  static_cast<void>(journal_.take());
-  provider_->sleep(completed());
-  const Lines lines = journal_.take();
-  EXPECT_EQ(lines.front(), "log: fall asleep");
-  EXPECT_EQ(lines.back(), "completed");
-  EXPECT_TRUE(flow->isClosed() && other->isClosed());
-  EXPECT_TRUE(provider_->proxyConnections().empty());
-  EXPECT_FALSE(provider_->handleNewFlow(platform_.tcpFlow(destination)));
-  provider_->wake();
-  EXPECT_EQ(journal_.take(), Lines{"log: wake up"});
-  EXPECT_TRUE(provider_->enable());
-  EXPECT_TRUE(provider_->proxyConnections().empty());
-}
-
-TEST_F(ProviderLifecycle, SwitchingOnClosesNothing) {
-  start(configuration());
-  const auto flow = relayed();
-  provider_->setEnable(true);
-  EXPECT_FALSE(flow->isClosed());
-  provider_->setEnable(false);
-  EXPECT_TRUE(flow->isClosed());
-  static_cast<void>(journal_.take());
-  provider_->setEnable(false);
-  EXPECT_EQ(journal_.take(), Lines());
+  for (const bool isSleep : {true, false}) {
+    const auto one = relayed();
+    const auto two = relayed();
+    provider_->setEnable(true);
+    EXPECT_FALSE(one->isClosed() || two->isClosed());
+    static_cast<void>(journal_.take());
+    if (isSleep) {
+      provider_->sleep(completed());
+    } else {
+      provider_->setEnable(false);
+    }
+    const Lines lines = journal_.take();
+    EXPECT_EQ(lines.front() == "log: fall asleep" && lines.back() == "completed", isSleep);
+    EXPECT_TRUE(one->isClosed() && two->isClosed());
+    EXPECT_TRUE(provider_->proxyConnections().empty());
+    EXPECT_FALSE(provider_->handleNewFlow(platform_.tcpFlow(destination)));
+    provider_->wake();
+    EXPECT_EQ(journal_.take(), Lines{"log: wake up"});
+    EXPECT_TRUE(provider_->enable());
+    EXPECT_TRUE(provider_->proxyConnections().empty());
+  }
 }
 
 TEST_F(ProviderLifecycle, FailedStartCompletesAndThenEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   struct OtherProtocol final : NEVPNProtocol {};
-  const struct {
-    std::shared_ptr<NEVPNProtocol> protocol;
-    const char* error;
-  } cases[] = {
-      {nullptr, R"(parseFailed."invalid protocolConfiguration type".)"},
-      {std::make_shared<OtherProtocol>(), R"(parseFailed."invalid protocolConfiguration type".)"},
-      {std::make_shared<NETunnelProviderProtocol>(std::nullopt),
-       R"(parseFailed."provider configuration is nil".)"},
-      {std::make_shared<NETunnelProviderProtocol>(AnyDictionary{}),
-       R"(parseFailed."invalid mode".)"},
-      {std::make_shared<NETunnelProviderProtocol>(configuration({{"mode", std::int64_t{1}}})),
-       R"(parseFailed."invalid mode".)"},
-      {std::make_shared<NETunnelProviderProtocol>(configuration({{"appIds", AnyList{}}})),
-       R"(parseFailed."configuration for appIds is nil".)"},
-      {std::make_shared<NETunnelProviderProtocol>(webProxy({{"proxyPort", std::int64_t{80}}})),
-       R"(parseFailed."invalid proxy port for key .proxyPort.".)"},
+  const auto protocol = [](std::optional<AnyDictionary> raw) {
+    return std::make_shared<NETunnelProviderProtocol>(std::move(raw));
   };
-  for (const auto& [protocol, error] : cases) {
-    provider_->attach(host_, protocol);
-    EXPECT_EXIT(provider_->startProxy({},
-                                      [](const std::optional<NSError>& given) {
-                                        std::fputs(("<" + description(given) + ">").c_str(),
-                                                   stderr);
-                                      }),
-                testing::ExitedWithCode(EXIT_SUCCESS), "^<" + std::string(error) + ">$");
+  const std::pair<std::shared_ptr<NEVPNProtocol>, std::string> cases[] = {
+      {nullptr, "invalid protocolConfiguration type"},
+      {std::make_shared<OtherProtocol>(), "invalid protocolConfiguration type"},
+      {protocol(std::nullopt), "provider configuration is nil"},
+      {protocol(AnyDictionary{}), "invalid mode"},
+      {protocol(configuration({{"mode", std::int64_t{1}}})), "invalid mode"},
+      {protocol(configuration({{"appIds", AnyList{}}})), "configuration for appIds is nil"},
+      {protocol(webProxy({{"proxyPort", std::int64_t{80}}})),
+       "invalid proxy port for key .proxyPort."}};
+  for (const auto& [configuration, error] : cases) {
+    provider_->attach(host_, configuration);
+    const auto show = [](const std::optional<NSError>& given) {
+      std::fputs(("<" + description(given) + ">").c_str(), stderr);
+    };
+    EXPECT_EXIT(provider_->startProxy({}, show), testing::ExitedWithCode(EXIT_SUCCESS),
+                "^<parseFailed.\"" + error + "\".>$");
   }
 }
 
 TEST_F(ProviderLifecycle, InterfaceChoice) {
-  const NWInterface wifi{"wlan0", Type::wifi, 3};
-  const NWInterface wired{"en0", Type::wiredEthernet, 2};
-  const NWInterface second{"en1", Type::wiredEthernet, 4};
-  const NWInterface cellular{"wwan0", Type::cellular, 5};
-  const NWInterface loopback{"lo", Type::loopback, 1};
-  const NWInterface tunnel{"tun0", Type::other, 6};
+  using enum NWInterface::InterfaceType;
+  const NWInterface wlan{"wlan0", wifi, 3};
+  const NWInterface wired{"en0", wiredEthernet, 2};
+  const NWInterface second{"en1", wiredEthernet, 4};
+  const NWInterface mobile{"wwan0", cellular, 5};
+  const NWInterface tunnel{"tun0", other, 6};
   start(configuration());
   begin(configuration());
-  const Lines lines = journal_.take();
-  EXPECT_EQ(std::ranges::count(lines, "path monitor: start"), 0) << "started a second time";
-  const struct {
-    std::vector<NWInterface> available;
-    std::optional<NWInterface> choice;
-  } cases[] = {
-      {{wifi, cellular}, wifi},
-      {{cellular, wifi}, wifi},
-      {{cellular, wifi, second, wired}, second},
-      {{second, wired}, second},
-      {{loopback, tunnel}, std::nullopt},
-      {{tunnel, cellular}, cellular},
-      {{tunnel, cellular}, cellular},
-      {{}, std::nullopt},
-  };
+  const Lines again = journal_.take();
+  EXPECT_EQ(std::ranges::count(again, "path monitor: start"), 0);
+  const std::pair<std::vector<NWInterface>, std::optional<NWInterface>> cases[] = {
+      {{wlan, mobile}, wlan},
+      {{mobile, wlan}, wlan},
+      {{mobile, wlan, second, wired}, second},
+      {{{"lo", loopback, 1}, tunnel}, std::nullopt},
+      {{tunnel, mobile}, mobile},
+      {{tunnel, mobile}, mobile},
+      {{}, std::nullopt}};
   for (const auto& [available, choice] : cases) {
     platform_.reportPath(available);
     EXPECT_EQ(journal_.take(), choice ? Lines{"log: selected interface:" + choice->name} : Lines());
     EXPECT_EQ(provider_->directlyInterface(), choice);
   }
   provider_ = nullptr;
-  platform_.reportPath({wifi});
+  platform_.reportPath({wlan});
   EXPECT_EQ(journal_.take(), Lines{"log: selected interface:wlan0"});
 }
 
-/// A directory that goes with the object.
-struct TemporaryDirectory {
-  TemporaryDirectory() { EXPECT_NE(::mkdtemp(path.data()), nullptr); }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  ~TemporaryDirectory() { std::filesystem::remove_all(path); }
-  std::string path = testing::TempDir() + "tandor-XXXXXX";
+/// The log goes to the file "log" of a directory that goes with the test.
+class LogRedirection : public ProviderFixture {
+ protected:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ASSERT_NE(::mkdtemp(directory_.data()), nullptr);
+  }
+  void TearDown() override { std::filesystem::remove_all(directory_); }
+
+  std::string directory_ = testing::TempDir() + "tandor-XXXXXX";
 };
 
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-TEST_F(ProviderLifecycle, StartRedirectsTheLogBeforeItShowsTheConfiguration) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const TemporaryDirectory directory;
-  const std::string path = directory.path + "/log";
-  std::ofstream(path) << "earlier\n";
-  // In a child, whose outputs may go. It names the file itself: the parent's is not its own.
+TEST_F(LogRedirection, StartRedirectsBeforeItShowsTheConfiguration) {
+  // In a child, whose outputs may go.
   const auto redirected = [&] {
+    const std::string path = directory_ + "/log";
+    std::ofstream(path) << "earlier\n";
     setNSLogSink(nullptr);
     begin(configuration({{"logPath", path}}));
     static_cast<void>(std::puts("standard output"));
     static_cast<void>(std::fflush(stdout));
-    static_cast<void>(std::fputs(contentOf(path).c_str(), stderr));
-    const std::string written = contentOf(path);
-    const bool isAppended = written.starts_with("earlier\n");
+    std::ifstream file(path);
+    const std::string log(std::istreambuf_iterator<char>(file), {});
+    const bool isAppended = log.starts_with("earlier\n") && log.ends_with("standard output\n");
     const bool hasLine =
-        written.contains("] parse config succeed: TransparentProxyProvider.Config:\n{\n");
-    const bool isRedirected =
-        !written.contains("redirect log to:") && written.contains("standard output\n");
-    _exit(isAppended && hasLine && isRedirected ? 0 : 1);
+        log.contains("] parse config succeed: TransparentProxyProvider.Config:\n{\n");
+    std::filesystem::remove_all(directory_);
+    _exit(isAppended && hasLine && !log.contains("redirect log to:") ? 0 : 1);
   };
-  EXPECT_EXIT(redirected(), testing::ExitedWithCode(0), "redirect log to: .*/log");
+  EXPECT_EXIT(redirected(), testing::ExitedWithCode(0), "redirect log to: .*/log\n");
 }
 
-TEST_F(ProviderLifecycle, EmptyLogPathRedirectsNothing) {
+TEST_F(LogRedirection, FailuresLeaveTheOutputs) {
   start(configuration({{"logPath", ""}}));
-  EXPECT_EQ(provider_->config()->logPath, "");
-}
-
-TEST_F(ProviderLifecycle, FailedRedirectionLeavesTheOutputs) {
   TandorTransparentProxyProvider::redirectLog("/no-such-directory/log");
   EXPECT_EQ(journal_.take(), (Lines{"log: redirect log to: /no-such-directory/log",
                                     "log: redirect failed to open file /no-such-directory/log"}));
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const TemporaryDirectory directory;
   const auto redirectWithOneDescriptor = [&] {
     setNSLogSink(nullptr);
     // Descriptor 0 is all that may be opened, so neither output can be replaced.
     const rlimit one{.rlim_cur = 1, .rlim_max = 1};
     ::close(STDIN_FILENO);
     ::setrlimit(RLIMIT_NOFILE, &one);
-    TandorTransparentProxyProvider::redirectLog(directory.path + "/log");
+    TandorTransparentProxyProvider::redirectLog("/dev/null");
     _exit(0);
   };
   EXPECT_EXIT(redirectWithOneDescriptor(), testing::ExitedWithCode(0),
