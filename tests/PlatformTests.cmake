@@ -4,6 +4,7 @@ tandor_test(tandor_platform_tests
     platform/EpollLoopTest.cpp
     platform/FlowTest.cpp
     platform/Objects.cpp
+    platform/RelayTest.cpp
     platform/Support.cpp
     platform/Surroundings.cpp
   LINKS tandor_provider_core tandor_linux nlohmann_json::nlohmann_json)

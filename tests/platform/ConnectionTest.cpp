@@ -157,9 +157,9 @@ TEST_P(ConnectionTest, ReceivesBetweenMinimumAndMaximum) {
 TEST_P(ConnectionTest, CarriesBothWaysAtOnceInSlices) {
   constexpr std::size_t count = (isSanitized ? 3 : 12) * mebibyte;
   auto [connection, peer] = connect();
-  std::jthread answering([&peer = peer] { peer.sendPattern(count); });
-  std::jthread listening([&, &peer = peer] { EXPECT_EQ(peer.receivePattern(count), count); });
-  std::jthread sending([&connection = connection] { sendWholePattern(connection, count); });
+  std::jthread answering([&] { peer.sendPattern(count); });
+  std::jthread listening([&] { EXPECT_EQ(peer.receivePattern(count), count); });
+  std::jthread sending([&] { sendWholePattern(connection, count); });
   std::string text;
   while (text.size() < count) {
     const Received received = connection.receive(1, 2048).get();
@@ -177,7 +177,7 @@ TEST_P(ConnectionTest, CancelDeliversWhatWasAccepted) {
     auto [connection, peer] = connect();
     // Read at once or slowly; or not before the peer has sent as much itself, which nobody reads.
     const Awaited<Transcript> transcript;
-    const std::jthread slow([&, &peer = peer] {
+    const std::jthread slow([&] {
       if (doesPeerSendFirst) peer.sendPattern(count);
       transcript.set(peer.receiveAll(doesPeerSendFirst ? 0ms : 2ms));
       peer.close();
@@ -385,7 +385,7 @@ TEST_P(DatagramConnectionTest, CarriesEachDatagramWhole) {
     SCOPED_TRACE(size);
     const std::string text = pattern(size, size);
     EXPECT_EQ(codeOf(connection.send(text).get()), 0);
-    EXPECT_TRUE(peer.receiveDatagram() == text);
+    EXPECT_TRUE(peer.receiveOnce() == text);
     const auto received = connection.receive(1, 10);  // neither cut to the maximum nor joined
     peer.send(text);
     ASSERT_TRUE(received.get().data);
@@ -395,7 +395,7 @@ TEST_P(DatagramConnectionTest, CarriesEachDatagramWhole) {
   // One that no network carries is lost, as datagrams are; the next one is not.
   EXPECT_EQ(codeOf(connection.send(pattern(65'508)).get()), 0);
   EXPECT_EQ(codeOf(connection.send("next").get()), 0);
-  EXPECT_EQ(peer.receiveDatagram(), "next");
+  EXPECT_EQ(peer.receiveOnce(), "next");
   connection.cancel();
 }
 
@@ -409,13 +409,13 @@ TEST_P(DatagramConnectionTest, KeepsTheOrderOfBursts) {
     for (std::size_t number = 0; number < burst; ++number)
       ASSERT_EQ(codeOf(connection.send(pattern(size, number)).get()), 0);
     for (std::size_t number = 0; number < burst; ++number)
-      ASSERT_TRUE(peer.receiveDatagram() == pattern(size, number)) << number;
+      ASSERT_TRUE(peer.receiveOnce() == pattern(size, number)) << number;
   }
   // What was accepted leaves before a cancel closes the socket.
   const auto received = connection.receive();
   const auto sent = connection.send("last");
   connection.cancel();
-  EXPECT_EQ(peer.receiveDatagram(), "last");
+  EXPECT_EQ(peer.receiveOnce(), "last");
   static_cast<void>(sent.get());
   EXPECT_EQ(codeOf(received.get().error), ECANCELED);
 }

@@ -338,19 +338,19 @@ TEST_F(UDPFlowTest, CarriesDatagramsWholeAndInOrder) {
     for (const std::string& text : burst) pair.app.send(text);
     EXPECT_TRUE(readDatagrams(pair, burst.size()) == burst);
     EXPECT_EQ(codeOf(write(*pair.flow, burst).get()), 0);
-    for (const std::string& text : burst) ASSERT_TRUE(pair.app.receiveDatagram() == text);
+    for (const std::string& text : burst) ASSERT_TRUE(pair.app.receiveOnce() == text);
   }
   for (const std::size_t size : {1U, 2049U, 60'000U, 65'507U}) {
     const std::string text = pattern(size);
     pair.app.send(text);
     EXPECT_TRUE(readDatagrams(pair, 1).front() == text);
     EXPECT_EQ(codeOf(write(*pair.flow, {text, text}).get()), 0);
-    for (int time = 0; time < 2; ++time) EXPECT_TRUE(pair.app.receiveDatagram() == text);
+    for (int time = 0; time < 2; ++time) EXPECT_TRUE(pair.app.receiveOnce() == text);
   }
   // Empty ones reach the application but never a reader.
   EXPECT_EQ(codeOf(write(*pair.flow, {"", "after"}).get()), 0);
-  EXPECT_EQ(pair.app.receiveDatagram(), "");
-  EXPECT_EQ(pair.app.receiveDatagram(), "after");
+  EXPECT_EQ(pair.app.receiveOnce(), "");
+  EXPECT_EQ(pair.app.receiveOnce(), "after");
   const auto pending = read(*pair.flow);
   pair.app.send("");
   passThrough(loop());
@@ -376,7 +376,7 @@ TEST_F(UDPFlowTest, EndsInEveryWay) {
     EXPECT_EQ(codeOf(write(*pair.flow, {"last"}).get()), 0);
     close(*pair.flow, error);
     close(*pair.flow, failure);
-    EXPECT_EQ(pair.app.receiveDatagram(), "last");
+    EXPECT_EQ(pair.app.receiveOnce(), "last");
     EXPECT_FALSE(pending.get().datagrams);
     EXPECT_EQ(pending.get().error, error);
     EXPECT_FALSE(read(*pair.flow).get().datagrams);

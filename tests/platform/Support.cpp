@@ -169,7 +169,7 @@ std::size_t Peer::receivePattern(std::size_t count) const {
   return count;
 }
 
-std::string Peer::receiveDatagram() const {
+std::string Peer::receiveOnce() const {
   std::string text(readSize, '\0');
   const ssize_t count = ::recv(socket_.get(), text.data(), text.size(), 0);
   check(count >= 0, "recv");

@@ -113,8 +113,8 @@ class Peer {
   /// Reads so many bytes and says where the first one stands that is not the pattern's; `count`
   /// when all are.
   [[nodiscard]] std::size_t receivePattern(std::size_t count) const;
-  /// One datagram.
-  [[nodiscard]] std::string receiveDatagram() const;
+  /// What one read brings: of a datagram socket, one datagram.
+  [[nodiscard]] std::string receiveOnce() const;
   /// One datagram from anybody, to whom the socket is connected from here on.
   [[nodiscard]] std::string acceptDatagram() const;
   /// The error of the next read; 0 when it brings bytes or the end.
@@ -145,6 +145,7 @@ class Listener {
   [[nodiscard]] Peer accept() const;
   [[nodiscard]] SocketAddress address() const { return socket_.address(); }
   [[nodiscard]] std::uint16_t port() const { return address().port(); }
+  [[nodiscard]] int descriptor() const noexcept { return socket_.descriptor(); }
   void close() { socket_.close(); }
 
  private:
@@ -159,8 +160,6 @@ class DescriptorTest : public testing::Test {
     EXPECT_TRUE(eventually([this] { return openDescriptors() == before_; }))
         << openDescriptors() << " descriptors are open, not " << before_;
   }
-  /// Also counts what is open now as belonging to the test's surroundings.
-  void acceptDescriptors() { before_ = openDescriptors(); }
 
  private:
   std::size_t before_ = 0;
