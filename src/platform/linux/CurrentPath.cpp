@@ -1,6 +1,8 @@
 #include "platform/linux/CurrentPath.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <expected>
 #include <fstream>
 #include <linux/if.h>
 #include <linux/if_arp.h>
@@ -37,10 +39,23 @@ std::string linkKind(const nlattr& linkInfo) {
   return kind;
 }
 
-std::map<std::uint32_t, Link> links() {
-  std::map<std::uint32_t, Link> found;
+/// What `dump` adds to an empty Found. Asks again when something changed meanwhile, since such an
+/// answer has gaps; where changes never end, the last answer has to do.
+template <typename Found>
+Found wholeDump(std::expected<void, int> (*dump)(Found&)) {
+  constexpr int mostAttempts = 20;
+  for (int attempt = 1;; ++attempt) {
+    Found found;
+    const auto complete = dump(found);
+    if (complete || complete.error() != EINTR || attempt == mostAttempts) return found;
+  }
+}
+
+using Links = std::map<std::uint32_t, Link>;
+
+std::expected<void, int> dumpLinks(Links& found) {
   const ifinfomsg all{};
-  static_cast<void>(dumpNetlink(NETLINK_ROUTE, RTM_GETLINK, bytesOf(all), [&](const nlmsghdr& message) {
+  return dumpNetlink(NETLINK_ROUTE, RTM_GETLINK, bytesOf(all), [&](const nlmsghdr& message) {
     const auto& info = *static_cast<const ifinfomsg*>(::mnl_nlmsg_get_payload(&message));
     Link link{.name = {}, .kind = {}, .flags = info.ifi_flags, .hardware = info.ifi_type};
     forEachAttribute(message, sizeof info, [&](const nlattr& attribute) {
@@ -56,8 +71,7 @@ std::map<std::uint32_t, Link> links() {
       }
     });
     found.emplace(static_cast<std::uint32_t>(info.ifi_index), std::move(link));
-  }));
-  return found;
+  });
 }
 
 /// What the driver says of a device, such as wlan or wwan; empty for plain Ethernet.
@@ -95,13 +109,14 @@ void appendNextHops(const nlattr& multipath, std::vector<std::uint32_t>& interfa
   }
 }
 
+using Metrics = std::map<std::uint32_t, std::uint32_t>;
+
 /// The best metric of an IPv4 default route over each interface, of whatever routing table: a VPN
 /// that takes the traffic by a better route or a rule leaves the physical one where it was.
-std::map<std::uint32_t, std::uint32_t> defaultRouteMetrics() {
-  std::map<std::uint32_t, std::uint32_t> metrics;
+std::expected<void, int> dumpDefaultRouteMetrics(Metrics& metrics) {
   rtmsg all{};
   all.rtm_family = AF_INET;
-  static_cast<void>(dumpNetlink(NETLINK_ROUTE, RTM_GETROUTE, bytesOf(all), [&](const nlmsghdr& message) {
+  return dumpNetlink(NETLINK_ROUTE, RTM_GETROUTE, bytesOf(all), [&](const nlmsghdr& message) {
     const auto& route = *static_cast<const rtmsg*>(::mnl_nlmsg_get_payload(&message));
     if (route.rtm_family != AF_INET || route.rtm_dst_len != 0 || route.rtm_type != RTN_UNICAST)
       return;
@@ -126,8 +141,7 @@ std::map<std::uint32_t, std::uint32_t> defaultRouteMetrics() {
       const auto [entry, isNew] = metrics.emplace(index, metric);
       if (!isNew) entry->second = std::min(entry->second, metric);
     }
-  }));
-  return metrics;
+  });
 }
 
 }  // namespace
@@ -139,8 +153,8 @@ NWPath currentPath() {
     NWInterface interface;
   };
   std::vector<Candidate> candidates;
-  const auto metrics = defaultRouteMetrics();
-  for (const auto& [index, link] : links()) {
+  const auto metrics = wholeDump(dumpDefaultRouteMetrics);
+  for (const auto& [index, link] : wholeDump(dumpLinks)) {
     const auto metric = metrics.find(index);
     if (metric == metrics.end() || (link.flags & upAndConnected) != upAndConnected) continue;
     candidates.push_back({metric->second, {link.name, classify(link), index}});
