@@ -1,11 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <expected>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -22,8 +21,8 @@
 namespace tandor {
 
 /// Answers for every held first packet: finds the application behind it, offers the flow to the
-/// provider, and gives the packet its verdict. A look-up that takes long happens elsewhere, while its
-/// packet waits and the others go on. Lives on a loop of its own.
+/// provider, and gives the packet its verdict. A look-up that takes long happens elsewhere, while
+/// its packet waits and the others go on. Lives on a loop of its own.
 class Admission final : public EpollLoop::Resident,
                         private PacketQueue::Owner,
                         private SocketDestroyWatch::Owner {
@@ -31,12 +30,11 @@ class Admission final : public EpollLoop::Resident,
   /// Everything given outlives the admission. Fails with the words for the user. On the loop.
   [[nodiscard]] static std::expected<std::shared_ptr<Admission>, std::string> make(
       EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-      std::shared_ptr<AnnouncedFlows> flows,
-      FlowRegistry& registry);
+      std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry);
 
   Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-            std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, SocketDiagnosis diagnosis,
-            std::unordered_set<std::uint64_t> socketsAtStart);
+            std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry,
+            SocketDiagnosis diagnosis, std::unordered_set<std::uint64_t> socketsAtStart);
 
   /// Gives up the queue: packets pass from now on. On the loop.
   void end();

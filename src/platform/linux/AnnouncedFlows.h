@@ -15,9 +15,9 @@
 
 namespace tandor {
 
-/// Where the flows that admission took meet the sockets that the kernel makes for them. TCP flows are
-/// here from their first packet until their connection is accepted, UDP flows as long as they live.
-/// Any thread.
+/// Where the flows that admission took meet the sockets that the kernel makes for them. TCP flows
+/// are here from their first packet until their connection is accepted, UDP flows as long as they
+/// live. Any thread.
 class AnnouncedFlows {
  public:
   void add(std::shared_ptr<SocketTCPFlow> flow);
@@ -27,8 +27,8 @@ class AnnouncedFlows {
   /// Takes the TCP flow that a connection was accepted for; null when none was announced.
   [[nodiscard]] std::shared_ptr<SocketTCPFlow> claim(const FlowKey& key);
 
-  /// The UDP flow that a datagram belongs to, and whether this is its first, with which it has to be
-  /// attached; null when there is none.
+  /// The UDP flow that a datagram belongs to, and whether this is its first, with which it has to
+  /// be attached; null when there is none.
   struct Recipient {
     std::shared_ptr<SocketUDPFlow> flow;
     bool isFirst;

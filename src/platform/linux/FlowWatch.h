@@ -4,8 +4,9 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <nlohmann/json_fwd.hpp>
 #include <vector>
+
+#include <nlohmann/json_fwd.hpp>
 
 #include "platform/linux/ControlServer.h"
 #include "platform/linux/FlowRegistry.h"
@@ -26,6 +27,7 @@ class FlowWatch {
       : service_(service), registry_(registry) {}
   FlowWatch(const FlowWatch&) = delete;
   FlowWatch& operator=(const FlowWatch&) = delete;
+  ~FlowWatch() = default;
 
   /// Sends events to the client from now on, until it hangs up. On the service thread.
   void add(ControlServer::Reply client);

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/FlowKey.h"
@@ -32,9 +31,9 @@ struct FlowInfo {
   std::chrono::system_clock::time_point since;
 };
 
-/// What every flow of an application has, of either protocol: its origin, its place in the registry,
-/// its loop. A flow is announced when its first packet is held, and attached to a loop when its
-/// socket is there; until then only the thread that offers it touches it.
+/// What every flow of an application has, of either protocol: its origin, its place in the
+/// registry, its loop. A flow is announced when its first packet is held, and attached to a loop
+/// when its socket is there; until then only the thread that offers it touches it.
 class InterceptedFlow : public LoopAffinity, public EpollLoop::Resident {
  public:
   struct Origin {

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <libmnl/libmnl.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <expected>
+
+#include <libmnl/libmnl.h>
 
 namespace tandor {
 
@@ -20,6 +20,7 @@ class NetlinkRequest {
   }
   NetlinkRequest(const NetlinkRequest&) = delete;
   NetlinkRequest& operator=(const NetlinkRequest&) = delete;
+  ~NetlinkRequest() = default;
 
   /// Adds the fixed header of the request's kind, zeroed. First.
   template <typename Body>

@@ -8,11 +8,10 @@
 #include <span>
 #include <vector>
 
+#include <libmnl/libmnl.h>
+
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/FlowKey.h"
-
-struct mnl_socket;
-struct nlmsghdr;
 
 namespace tandor {
 

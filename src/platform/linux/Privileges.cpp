@@ -16,10 +16,11 @@ constexpr std::uint64_t bit(int capability) {
   return std::uint64_t{1} << capability;
 }
 
-/// For queue, marks and transparent sockets; for iptables where it is the older one; for who owns a
+/// For queue, marks and transparent sockets; for iptables where it is the older one; for sockets that
+/// stand at a flow's destination, whose port is a well-known one more often than not; for who owns a
 /// socket in other users' processes.
-constexpr std::uint64_t needed =
-    bit(CAP_NET_ADMIN) | bit(CAP_NET_RAW) | bit(CAP_SYS_PTRACE) | bit(CAP_DAC_READ_SEARCH);
+constexpr std::uint64_t needed = bit(CAP_NET_ADMIN) | bit(CAP_NET_RAW) | bit(CAP_NET_BIND_SERVICE) |
+                                 bit(CAP_SYS_PTRACE) | bit(CAP_DAC_READ_SEARCH);
 
 }  // namespace
 
@@ -41,11 +42,12 @@ void dropPrivileges() {
   __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
   std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
   if (::syscall(SYS_capget, &header, sets.data()) != 0) return;
-  for (std::size_t half = 0; half < sets.size(); ++half) {
-    const auto kept = static_cast<std::uint32_t>(needed >> (32 * half));
-    sets[half].permitted &= kept;
-    sets[half].effective = sets[half].permitted;
-    sets[half].inheritable &= kept;
+  std::uint64_t kept = needed;
+  for (auto& set : sets) {  // 32 capabilities each, the lower ones first
+    set.permitted &= static_cast<std::uint32_t>(kept);
+    set.effective = set.permitted;
+    set.inheritable &= static_cast<std::uint32_t>(kept);
+    kept >>= 32;
   }
   ::syscall(SYS_capset, &header, sets.data());
 }

@@ -65,7 +65,7 @@ class Session final : private NEProviderHost {
   bool isTerminating_ = false;                            // service thread
   FlowRegistry registry_;
   FlowWatch watch_;
-  std::unique_ptr<Interception> interception_;                       // on queue_
+  std::unique_ptr<Interception> interception_;  // on queue_
   asio::signal_set signals_;
   ControlServer server_;
 };

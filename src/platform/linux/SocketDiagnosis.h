@@ -1,11 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <expected>
 #include <memory>
 #include <optional>
+#include <sys/types.h>
 #include <unordered_set>
 
 #include "platform/linux/FlowKey.h"
@@ -16,10 +15,10 @@ namespace tandor {
 
 /// What the kernel tells of the socket that a flow starts from.
 struct SocketFacts {
-  ino_t inode = 0;               // 0: no process holds it
-  std::uint64_t cookie = 0;      // never given twice
-  std::uint64_t cgroup = 0;      // number in the unified hierarchy; 0: unknown
-  std::uint32_t interface = 0;   // the one that it is bound to; 0: none
+  ino_t inode = 0;              // 0: no process holds it
+  std::uint64_t cookie = 0;     // never given twice
+  std::uint64_t cgroup = 0;     // number in the unified hierarchy; 0: unknown
+  std::uint32_t interface = 0;  // the one that it is bound to; 0: none
 };
 
 /// Asks the kernel for one socket by its addresses. Used by one thread; each question takes about a

@@ -33,8 +33,8 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   void attach(EpollLoop& loop);
   /// Adds a datagram that reached us by another socket than the flow's. On its loop.
   void inject(Data datagram);
-  /// Gives an attached flow its socket, which is connected to the application; a closed one fails its
-  /// opening. On its loop.
+  /// Gives an attached flow its socket, which is connected to the application; a closed one fails
+  /// its opening. On its loop.
   void useSocket(FileDescriptor socket);
   /// Ends the flow as if the application had, after the datagrams that have arrived: its socket is
   /// gone, or it was silent for too long. Once attached; any thread.

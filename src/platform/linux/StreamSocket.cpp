@@ -208,7 +208,7 @@ void StreamSocket::failWriting(int error) {
 
 void StreamSocket::fill() {
   BufferPool::Buffer& buffer = loop_.buffers().borrow();
-  Data whole(buffer, buffer.room().data(), buffer.room().size());
+  const Data whole(buffer, buffer.room().data(), buffer.room().size());
   for (;;) {
     const ssize_t count = ::recv(socket_.get(), buffer.room().data(), whole.count(), MSG_DONTWAIT);
     if (count > 0) {

@@ -103,6 +103,7 @@ std::expected<SubprocessResult, int> runProgram(std::vector<std::string> argumen
   settings.redirect(errorsOfChild->writing, STDERR_FILENO);
 
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   // The daemon's own environment says nothing about where system programs are.

@@ -12,8 +12,8 @@ struct SubprocessResult {
   std::string errors;  // standard error
 };
 
-/// Runs a program, found in the system folders, with `input` on its standard input, and waits for it.
-/// Fails with an error number when it cannot be run.
+/// Runs a program, found in the system folders, with `input` on its standard input, and waits for
+/// it. Fails with an error number when it cannot be run.
 [[nodiscard]] std::expected<SubprocessResult, int> runProgram(std::vector<std::string> arguments,
                                                               const std::string& input);
 

@@ -17,8 +17,8 @@ namespace tandor {
 /// whatever was not announced is refused. Belongs to the loop's thread.
 class TransparentListener final : public EpollLoop::Resident {
  public:
-  /// Listens at `port` of the loopback address, as one of several loops that share it. Fails with an
-  /// error number.
+  /// Listens at `port` of the loopback address, as one of several loops that share it. Fails with
+  /// an error number.
   [[nodiscard]] static std::expected<std::shared_ptr<TransparentListener>, int> make(
       EpollLoop& loop, std::uint16_t port, std::shared_ptr<AnnouncedFlows> flows);
 

@@ -1,0 +1,66 @@
+#include "host/SentConfiguration.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <system_error>
+
+#include "host/JSONValues.h"
+#include "platform/linux/FileDescriptor.h"
+
+namespace tandor::host {
+namespace {
+
+using nlohmann::json;
+
+std::string pathBeside(const std::string& controlPath) { return controlPath + ".sent"; }
+
+std::unexpected<Failure> cannotKeep(const std::string& path, int error) {
+  return fail(fmt::format("cannot keep what was sent in {}: {}", path,
+                          std::generic_category().message(error)),
+              "give every option at the next `tandor update`");
+}
+
+}  // namespace
+
+std::expected<void, Failure> keepSent(const std::string& controlPath,
+                                      const SentConfiguration& sent) {
+  const std::string path = pathBeside(controlPath);
+  const std::string text = jsonLine({{"provider", sent.provider}, {"values", sent.values}});
+  // A new file each time, so that nobody ever reads a part, or has it open from before.
+  std::string pattern = path + ".XXXXXX";
+  const FileDescriptor file(::mkostemp(pattern.data(), O_CLOEXEC));
+  if (!file.isOpen()) return cannotKeep(path, errno);
+  const bool isWritten =
+      ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  if (!isWritten || ::rename(pattern.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    ::unlink(pattern.c_str());
+    return cannotKeep(path, error);
+  }
+  return {};
+}
+
+std::optional<SentConfiguration> lastSent(const std::string& controlPath, pid_t provider) {
+  std::ifstream file(pathBeside(controlPath));
+  const json kept = json::parse(file, nullptr, /*allow_exceptions=*/false);
+  if (!kept.is_object() || numberMember(kept, "provider") != provider) return std::nullopt;
+  const auto values = kept.find("values");
+  if (values == kept.end() || !values->is_object()) return std::nullopt;
+  SentConfiguration sent{provider, {}};
+  for (const auto& [key, value] : values->items()) {
+    if (!value.is_string()) return std::nullopt;
+    sent.values.emplace(key, value.get<std::string>());
+  }
+  return sent;
+}
+
+void forgetSent(const std::string& controlPath) { ::unlink(pathBeside(controlPath).c_str()); }
+
+}  // namespace tandor::host
