@@ -4,6 +4,7 @@ tandor_test(tandor_platform_tests
     platform/EpollLoopTest.cpp
     platform/FlowTest.cpp
     platform/Objects.cpp
+    platform/PathMonitorTest.cpp
     platform/RelayTest.cpp
     platform/Support.cpp
     platform/Surroundings.cpp

@@ -93,7 +93,7 @@ void ip(const std::string& commands) {
   std::FILE* pipe = ::popen("ip -batch -", "w");
   check(pipe != nullptr, "popen");
   std::fputs(commands.c_str(), pipe);
-  if (::pclose(pipe) != 0) throw std::runtime_error("ip failed:\n" + commands);
+  if (::pclose(pipe) != 0) throw std::runtime_error("ip failed: " + commands.substr(0, 200));
 }
 
 Peer::Peer(FileDescriptor socket) : socket_(std::move(socket)) {
