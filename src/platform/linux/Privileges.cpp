@@ -16,9 +16,9 @@ constexpr std::uint64_t bit(int capability) {
   return std::uint64_t{1} << capability;
 }
 
-/// For queue, marks and transparent sockets; for iptables where it is the older one; for sockets that
-/// stand at a flow's destination, whose port is a well-known one more often than not; for who owns a
-/// socket in other users' processes.
+/// For queue, marks and transparent sockets; for iptables where it is the older one; for sockets
+/// that stand at a flow's destination, whose port is a well-known one more often than not; for who
+/// owns a socket in other users' processes.
 constexpr std::uint64_t needed = bit(CAP_NET_ADMIN) | bit(CAP_NET_RAW) | bit(CAP_NET_BIND_SERVICE) |
                                  bit(CAP_SYS_PTRACE) | bit(CAP_DAC_READ_SEARCH);
 
