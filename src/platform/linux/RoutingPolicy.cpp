@@ -13,7 +13,8 @@ namespace tandor {
 namespace {
 
 constexpr std::uint32_t table = 7700;
-constexpr std::uint32_t preference = 100;
+/// Right behind the machine's own addresses: a VPN's rule must not see a taken packet first.
+constexpr std::uint32_t preference = 1;
 constexpr std::uint32_t loopbackIndex = 1;  // in every network namespace
 
 void describeRoute(NetlinkRequest& request) {
