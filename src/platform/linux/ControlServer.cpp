@@ -24,6 +24,8 @@ namespace {
 
 /// Longer lines end the connection: nobody sends a configuration of a mebibyte.
 constexpr std::size_t longestLine = std::size_t{1} << 20;
+/// Whatever handles JSON values descends by recursion, so its depth has a limit.
+constexpr int deepestNesting = 64;
 /// Unread replies that a client may leave behind before it counts as gone.
 constexpr std::size_t mostUnsent = std::size_t{4} << 20;
 /// How long the process may wait for a reply to be handed to the kernel.
@@ -174,8 +176,15 @@ ControlServer::~ControlServer() {
 
 void ControlServer::handleLine(const std::shared_ptr<ControlClient>& client, const Handler& handler,
                                std::string_view line) {
-  const json request = json::parse(line, nullptr, /*allow_exceptions=*/false);
-  if (!request.is_object()) {
+  bool isTooDeep = false;
+  const json request = json::parse(
+      line,
+      [&](int depth, json::parse_event_t /*event*/, const json& /*parsed*/) {
+        isTooDeep = isTooDeep || depth > deepestNesting;
+        return !isTooDeep;
+      },
+      /*allow_exceptions=*/false);
+  if (isTooDeep || !request.is_object()) {
     Reply(client, "null").fail(ControlError::malformed, "not a JSON object");
     return;
   }

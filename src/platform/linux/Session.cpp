@@ -122,14 +122,14 @@ void Session::handle(const std::string& call, const json& request,
   } else if (call == "sleep") {
     withProvider(reply, [this, reply](NETransparentProxyProvider& provider) {
       provider.sleep([this, reply] {
-        enter(State::asleep);
+        if (state() == State::running) enter(State::asleep);
         reply.succeed();
       });
     });
   } else if (call == "wake") {
     withProvider(reply, [this, reply](NETransparentProxyProvider& provider) {
       provider.wake();
-      enter(State::running);
+      if (state() == State::asleep) enter(State::running);
       reply.succeed();
     });
   } else if (call == "appMessage") {
