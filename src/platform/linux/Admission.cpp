@@ -86,7 +86,7 @@ void Admission::end() {
 
 void Admission::packetArrived(const PacketQueue::Packet& packet) {
   const FlowKey& key = packet.flow;
-  if (key.protocol == 0) {
+  if (key.protocol == 0 || !hasBegun_) {
     queue_->accept(packet, leaveMark);
     return;
   }

@@ -36,6 +36,8 @@ class Admission final : public EpollLoop::Resident,
             std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry,
             SocketDiagnosis diagnosis, std::unordered_set<std::uint64_t> socketsAtStart);
 
+  /// Offers flows from now on; until then, whatever is held goes its native way. On the loop.
+  void begin() noexcept { hasBegun_ = true; }
   /// Gives up the queue: packets pass from now on. On the loop.
   void end();
 
@@ -73,6 +75,7 @@ class Admission final : public EpollLoop::Resident,
 
   std::unordered_map<FlowKey, Held> held_;
   bool isSearching_ = false;
+  bool hasBegun_ = false;
   std::unordered_map<std::string, std::shared_ptr<const NEFlowMetaData>> metaData_;
 
   /// UDP sockets that talked before us; their flows are none that begin.

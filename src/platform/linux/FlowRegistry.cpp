@@ -66,6 +66,18 @@ std::vector<FlowInfo> FlowRegistry::liveFlows() const {
   return flows;
 }
 
+std::vector<std::shared_ptr<InterceptedFlow>> FlowRegistry::flowsOf(const EpollLoop& loop) const {
+  std::vector<std::shared_ptr<InterceptedFlow>> flows;
+  const std::scoped_lock lock(mutex_);
+  for (InterceptedFlow* flow = first_; flow != nullptr; flow = flow->next_) {
+    if (flow->residence() != &loop) continue;
+    // Null when it is on its way out already.
+    if (auto alive = std::static_pointer_cast<InterceptedFlow>(flow->self()))
+      flows.push_back(std::move(alive));
+  }
+  return flows;
+}
+
 std::size_t FlowRegistry::liveCount() const {
   const std::scoped_lock lock(mutex_);
   return liveCount_;

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -34,6 +35,8 @@ class FlowRegistry {
   [[nodiscard]] Counts counts() const;
   [[nodiscard]] std::vector<FlowInfo> liveFlows() const;
   [[nodiscard]] std::size_t liveCount() const;
+  /// The live flows that are at home on `loop`.
+  [[nodiscard]] std::vector<std::shared_ptr<InterceptedFlow>> flowsOf(const EpollLoop& loop) const;
 
   /// Null ends the observation; when it has returned, the old observer is not called any more.
   void setObserver(Observer observer);

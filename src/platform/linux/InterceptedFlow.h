@@ -56,6 +56,10 @@ class InterceptedFlow : public LoopAffinity, public EpollLoop::Resident {
   void setOutbound(const SocketAddress& address, const std::string& interface);
   /// Any thread.
   [[nodiscard]] FlowInfo info() const;
+  /// The way to the application is about to go: a closed flow that has delivered everything ends
+  /// now; when it is late, any flow does, and its application sees that something is missing. On
+  /// the loop.
+  virtual void letGo(bool /*isLate*/) {}
 
  protected:
   [[nodiscard]] const NEFlowMetaData& originMetaData() const noexcept { return *origin_.metaData; }

@@ -22,6 +22,7 @@ using namespace std::chrono_literals;
 
 /// How long the end waits for closed flows to deliver what they owe their applications.
 constexpr auto lastBytesPatience = 1500ms;
+constexpr auto lastBytesCheck = 5ms;
 
 /// Runs `function` on the loop's thread and returns its result.
 template <typename Function>
@@ -70,14 +71,16 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
     return std::unexpected(
         "TANDOR_PROTECTED_NETNS names this network namespace: no interception here");
   }
-  if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
-  // Everything that answers is there before the first rule that asks.
+  // Everything that answers is there before the first rule that asks. The queue comes first: it can
+  // have one owner only, and the rules of a process that lives are not ours to clear.
   std::unique_ptr<Interception> interception(
       new Interception(registry));  // NOLINT(*-owning-memory): the constructor is private
-  if (auto listening = interception->listen(backend); !listening)
-    return std::unexpected(listening.error());
   if (auto admitting = interception->admit(std::move(provider)); !admitting)
     return std::unexpected(admitting.error());
+  if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
+  if (auto listening = interception->listen(backend); !listening)
+    return std::unexpected(listening.error());
+  runOn(*interception->loop_, [&] { interception->admission_->begin(); });
   if (auto routed = installRoutingPolicy(); !routed)
     return std::unexpected(describe("cannot add the routing rule", routed.error()));
   if (auto ruled = installPacketRules(); !ruled) return std::unexpected(ruled.error());
@@ -111,20 +114,30 @@ std::expected<void, std::string> Interception::admit(
 }
 
 Interception::~Interception() {
+  // Without the queue, what stands in the packet filter is another process's.
+  if (admission_ == nullptr) return;
   // The provider takes no flow any more; those that it closed still find their way back until their
   // last bytes are delivered.
-  if (admission_ != nullptr) awaitLastBytes();
+  endFlows();
   if (auto clean = cleanUp(); !clean) NSLog("interception: " + clean.error());
-  if (admission_ != nullptr) runOn(*loop_, [this] { admission_->end(); });
+  runOn(*loop_, [this] { admission_->end(); });
   for (const auto& listener : listeners_) runOn(*listener->residence(), [&] { listener->close(); });
   admission_ = nullptr;
   loop_ = nullptr;
 }
 
-void Interception::awaitLastBytes() const {
+void Interception::endFlows() const {
   const auto deadline = std::chrono::steady_clock::now() + lastBytesPatience;
-  while (registry_.liveCount() > 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(10ms);
+  for (bool isLate = false; registry_.liveCount() > 0 && !isLate;) {
+    isLate = std::chrono::steady_clock::now() >= deadline;
+    for (const auto& listener : listeners_) {
+      const EpollLoop& loop = *listener->residence();
+      runOn(*listener->residence(), [&] {
+        for (const auto& flow : registry_.flowsOf(loop)) flow->letGo(isLate);
+      });
+    }
+    std::this_thread::sleep_for(lastBytesCheck);
+  }
 }
 
 }  // namespace tandor

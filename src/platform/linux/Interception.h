@@ -35,7 +35,7 @@ class Interception {
   [[nodiscard]] std::expected<void, std::string> listen(LinuxBackend& backend);
   [[nodiscard]] std::expected<void, std::string> admit(
       std::shared_ptr<NETransparentProxyProvider> provider);
-  void awaitLastBytes() const;
+  void endFlows() const;
 
   FlowRegistry& registry_;
   const std::shared_ptr<AnnouncedFlows> flows_ = std::make_shared<AnnouncedFlows>();

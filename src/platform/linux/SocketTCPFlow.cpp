@@ -101,6 +101,14 @@ void SocketTCPFlow::abandon() {
     completion(NSError::posix(ECONNABORTED));
 }
 
+void SocketTCPFlow::letGo(bool isLate) {
+  if (!unopened_.isOpen()) {
+    stream_->letGo(isLate);
+  } else if (isLate) {
+    refuse();
+  }
+}
+
 void SocketTCPFlow::open(const std::optional<NWHostEndpoint>& /*localEndpoint*/,
                          Completion completion) {
   if (residence() == nullptr) {

@@ -34,6 +34,8 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   /// Whether an announced flow was closed without having been opened.
   [[nodiscard]] bool isRefused() const noexcept { return isReadClosed_ || isWriteClosed_; }
 
+  void letGo(bool isLate) override;
+
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
   [[nodiscard]] const NWFlowEndpoint& remoteEndpoint() const override { return remoteEndpoint_; }
   [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return {self(), this}; }

@@ -289,9 +289,7 @@ void StreamSocket::discardInput() {
 }
 
 void StreamSocket::lingerTimeout() {
-  int unacknowledged = 0;
-  ::ioctl(socket_.get(), SIOCOUTQ, &unacknowledged);
-  const std::size_t unsent = outputBytes_ + static_cast<std::size_t>(std::max(unacknowledged, 0));
+  const std::size_t unsent = undelivered();
   const bool hasProgress = unsent != linger_->unsentAtLastCheck;
   linger_->unsentAtLastCheck = unsent;
   linger_->checksWithoutProgress = hasProgress ? 0 : linger_->checksWithoutProgress + 1;
@@ -300,6 +298,21 @@ void StreamSocket::lingerTimeout() {
     close();
   } else {
     linger_->timer.start(lingerCheck);
+  }
+}
+
+std::size_t StreamSocket::undelivered() const noexcept {
+  int unacknowledged = 0;
+  ::ioctl(socket_.get(), SIOCOUTQ, &unacknowledged);
+  return outputBytes_ + static_cast<std::size_t>(std::max(unacknowledged, 0));
+}
+
+void StreamSocket::letGo(bool isLate) {
+  if (!isOpen()) return;
+  if (linger_ != nullptr && linger_->isShutDown && undelivered() == 0) {
+    close();
+  } else if (isLate) {
+    reset();
   }
 }
 

@@ -68,6 +68,9 @@ class StreamSocket final : private EpollLoop::Source {
   /// comes in is thrown away, so that it provokes no reset. The owner hears no more and is kept
   /// alive until that is done, at most for a limited time.
   void finish();
+  /// Hurries a stream that is being finished: closes it once the peer has everything. When it is
+  /// late, resets it, whatever it was about.
+  void letGo(bool isLate);
   /// Resets the connection. The owner hears no more.
   void reset();
 
@@ -95,6 +98,8 @@ class StreamSocket final : private EpollLoop::Source {
   void linger();
   void lingerTimeout();
   void discardInput();
+  /// Bytes that the peer has not acknowledged; the end of the stream counts as one.
+  [[nodiscard]] std::size_t undelivered() const noexcept;
   void close() noexcept;
   [[nodiscard]] bool isOutputAccepted() const noexcept { return outputBytes_ <= outputBound; }
 
