@@ -53,6 +53,12 @@ void empty(std::vector<Data>& datagrams) {
 
 }  // namespace
 
+void makeRoomForBursts(const FileDescriptor& socket, int bytes) {
+  // Without the privilege, as much as everybody may have.
+  if (::setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
 int DatagramSocket::adopt(FileDescriptor socket) {
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);

@@ -12,6 +12,14 @@
 
 namespace tandor {
 
+/// Gives a datagram socket room for `bytes` that come while its loop is busy. An application that
+/// sends a burst would lose none of it in its own machine; we stand between and must not lose it
+/// either.
+void makeRoomForBursts(const FileDescriptor& socket, int bytes);
+
+/// Room for one flow; taken only while datagrams wait.
+inline constexpr int roomForOneFlow = 1024 * 1024;
+
 /// A connected datagram socket on a loop: datagrams come and go in batches, one system call each.
 /// Belongs to the loop's thread throughout. One read and one write may be outstanding. No callback
 /// runs inside the call that it answers.

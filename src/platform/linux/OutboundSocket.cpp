@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "platform/linux/DatagramSocket.h"
 #include "platform/linux/Marks.h"
 
 namespace tandor {
@@ -19,6 +20,8 @@ std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParame
   if (isStream) {
     const int on = 1;  // the application has decided already what to send at once
     ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  } else {
+    makeRoomForBursts(socket, roomForOneFlow);
   }
   if (const auto& interface = parameters.requiredInterface) {
     if (::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, interface->name.c_str(),

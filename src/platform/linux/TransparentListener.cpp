@@ -12,12 +12,15 @@
 #include <utility>
 
 #include "platform/linux/ConnectionTracking.h"
+#include "platform/linux/DatagramSocket.h"
 
 namespace tandor {
 namespace {
 
 /// Out of descriptors: how long until the next try.
 constexpr auto retryDelay = std::chrono::milliseconds(100);
+/// Room for the datagrams that the packet queue lets go at once.
+constexpr int roomForHeld = 4 * 1024 * 1024;
 
 bool setOption(const FileDescriptor& socket, int level, int option) {
   const int on = 1;
@@ -41,6 +44,7 @@ std::expected<FileDescriptor, int> makeTransparent(int type, const IPv4Endpoint&
 std::expected<FileDescriptor, int> makeFlowSocket(const FlowKey& flow) {
   auto socket = makeTransparent(SOCK_DGRAM, flow.destination, 0);
   if (!socket) return socket;
+  makeRoomForBursts(*socket, roomForOneFlow);
   const sockaddr_in application = flow.source.socketAddress();
   if (::connect(socket->get(), reinterpret_cast<const sockaddr*>(&application),
                 sizeof application) != 0)
@@ -74,6 +78,7 @@ std::expected<std::shared_ptr<TransparentListener>, int> TransparentListener::ma
   if (!tcp) return std::unexpected(tcp.error());
   auto udp = makeTransparent(SOCK_DGRAM, local, SO_REUSEPORT);
   if (!udp) return std::unexpected(udp.error());
+  makeRoomForBursts(*udp, roomForHeld);
   // Accepted connections inherit this.
   if (!setOption(*tcp, IPPROTO_TCP, TCP_NODELAY) || ::listen(tcp->get(), SOMAXCONN) != 0 ||
       !setOption(*udp, SOL_IP, IP_RECVORIGDSTADDR))
