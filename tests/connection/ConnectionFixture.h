@@ -52,8 +52,11 @@ class ConnectionFixture : public testing::Test {
   static inline const ConnectionMode proxied = ConnectionMode::httpProxy(
       NWEndpoint::hostPort(NWEndpoint::Host::name("proxy.example"), NWEndpoint::Port(3128)));
 
+  ~ConnectionFixture() override { rest(); }
+
   /// Makes the connection, with everything scripted made anew.
   void make(const ConnectionMode& mode, const Options& options = {}) {
+    rest();
     connection_ = nullptr;
     udpFlow_ = nullptr;
     tcpFlow_ = nullptr;
@@ -91,7 +94,7 @@ class ConnectionFixture : public testing::Test {
   /// What happened since the last call, once the connection's queue has come to rest; without what
   /// the parser says about bytes that are no ClientHello.
   [[nodiscard]] Lines happened() {
-    queue_->sync([] {});
+    rest();
     Lines lines = journal_.take();
     std::erase(lines, "log: Request did not begin with TLS handshake.");
     return lines;
@@ -112,6 +115,10 @@ class ConnectionFixture : public testing::Test {
     }
     Journal& journal;
   };
+
+  void rest() {
+    if (queue_ != nullptr) queue_->sync([] {});
+  }
 
   std::shared_ptr<Delegate> delegate_ = std::make_shared<Delegate>(journal_);
   std::shared_ptr<DispatchQueue> queue_;
