@@ -13,6 +13,10 @@ InterceptedFlow::InterceptedFlow(Origin origin, FlowRegistry* registry)
 
 InterceptedFlow::~InterceptedFlow() = default;
 
+std::shared_ptr<LoopAffinity> InterceptedFlow::makeAffinity() const {
+  return std::make_shared<Affinity>(std::static_pointer_cast<InterceptedFlow>(self()));
+}
+
 void InterceptedFlow::enlist() {
   since_ = std::chrono::system_clock::now();
   if (registry_ != nullptr) registry_->add(*this);

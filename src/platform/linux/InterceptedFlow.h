@@ -34,8 +34,23 @@ struct FlowInfo {
 /// What every flow of an application has, of either protocol: its origin, its place in the
 /// registry, its loop. A flow is announced when its first packet is held, and attached to a loop
 /// when its socket is there; until then only the thread that offers it touches it.
-class InterceptedFlow : public LoopAffinity, public EpollLoop::Resident {
+class InterceptedFlow : public EpollLoop::Resident {
  public:
+  /// Pins the flow's queue to its loop, and knows the flow while it lives. The queue lives longer:
+  /// until the outbound connection has delivered its last bytes.
+  class Affinity final : public LoopAffinity {
+   public:
+    explicit Affinity(const std::shared_ptr<InterceptedFlow>& flow) noexcept
+        : loop_(*flow->residence()), flow_(flow) {}
+    [[nodiscard]] EventLoop& loop() const noexcept override { return loop_; }
+    /// Null when the flow has ended.
+    [[nodiscard]] std::shared_ptr<InterceptedFlow> flow() const noexcept { return flow_.lock(); }
+
+   private:
+    EpollLoop& loop_;
+    const std::weak_ptr<InterceptedFlow> flow_;
+  };
+
   struct Origin {
     FlowKey key;
     pid_t pid = 0;
@@ -48,7 +63,6 @@ class InterceptedFlow : public LoopAffinity, public EpollLoop::Resident {
   InterceptedFlow(const InterceptedFlow&) = delete;
   InterceptedFlow& operator=(const InterceptedFlow&) = delete;
 
-  [[nodiscard]] EventLoop& loop() const noexcept final { return *residence(); }
   [[nodiscard]] const FlowKey& key() const noexcept { return origin_.key; }
   [[nodiscard]] pid_t pid() const noexcept { return origin_.pid; }
 
@@ -63,6 +77,7 @@ class InterceptedFlow : public LoopAffinity, public EpollLoop::Resident {
 
  protected:
   [[nodiscard]] const NEFlowMetaData& originMetaData() const noexcept { return *origin_.metaData; }
+  [[nodiscard]] std::shared_ptr<LoopAffinity> makeAffinity() const;
   /// Enters the flow into the registry: it is live. Once, on the loop.
   void enlist();
   /// Bytes that the application sent and received so far. Any thread.

@@ -83,7 +83,8 @@ void SocketConnection::tryNextAddress() {
 void SocketConnection::attemptEnded(int error) {
   if (isCancelled_) return;
   if (error == 0) {
-    if (auto* flow = dynamic_cast<InterceptedFlow*>(queue_->affinity().get())) {
+    const auto* affinity = dynamic_cast<const InterceptedFlow::Affinity*>(queue_->affinity().get());
+    if (const auto flow = affinity != nullptr ? affinity->flow() : nullptr) {
       const auto& interface = parameters_.requiredInterface;
       flow->setOutbound(addresses_[nextAddress_ - 1], interface ? interface->name : std::string());
     }

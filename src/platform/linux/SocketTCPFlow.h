@@ -38,7 +38,7 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
 
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
   [[nodiscard]] const NWFlowEndpoint& remoteEndpoint() const override { return remoteEndpoint_; }
-  [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return {self(), this}; }
+  [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return makeAffinity(); }
   void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
   void readData(ReadCompletion completion) override;
   void write(Data data, Completion completion) override;

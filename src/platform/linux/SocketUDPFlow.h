@@ -49,7 +49,7 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   }
 
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
-  [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return {self(), this}; }
+  [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return makeAffinity(); }
   void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
   void readDatagrams(ReadDatagramsCompletion completion) override;
   void writeDatagrams(std::span<const Data> datagrams, std::span<const NWHostEndpoint> sentBy,
