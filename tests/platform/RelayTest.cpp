@@ -244,7 +244,7 @@ TEST_F(RelayTest, ShowsEachSideHowTheOtherEnds) {
     EXPECT_FALSE(offer(origin_.address()));
     provider().wake();
     app.close();
-    far.finishSending();
+    far.close();  // it has been reset, as a sender whom nobody hears
   }
   configure(proxyAt(1));
   EXPECT_EQ(offer(origin_.address())->receiveError(), ECONNRESET);

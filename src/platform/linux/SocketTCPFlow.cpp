@@ -179,7 +179,7 @@ void SocketTCPFlow::close(bool& isDirectionClosed, const std::optional<NSError>&
   } else if (closeError_) {
     stream_->reset();
   } else if (isClosed()) {
-    stream_->finish();
+    stream_->finish(StreamSocket::Peer::local);
   } else if (isWriteClosed_) {
     stream_->finishWriting();
   }

@@ -20,6 +20,8 @@ constexpr auto lingerCheck = 1s;
 constexpr int stalledChecksAllowed = 30;
 /// How long a peer that has received everything may take to end its own side.
 constexpr int silentChecksAllowed = 5;
+/// What such a peer may go on sending until it is told that nobody listens.
+constexpr std::size_t mostDiscarded = std::size_t{256} * 1024;
 
 /// Pieces that may wait as slices of read buffers. Behind them small ones are copied: a trickle
 /// towards a slow reader would otherwise hold a whole buffer a piece.
@@ -37,13 +39,16 @@ void keepUrgentBytes(const FileDescriptor& socket) {
 
 /// What only a finishing socket needs.
 struct StreamSocket::Linger {
-  Linger(StreamSocket& socket, std::shared_ptr<void> owner)
-      : reference(std::move(owner)),
+  Linger(StreamSocket& socket, std::shared_ptr<void> owner, Peer peer)
+      : isPeerLocal(peer == Peer::local),
+        reference(std::move(owner)),
         timer(socket.loop_, EpollLoop::Call::to<&StreamSocket::lingerTimeout>(&socket)) {}
 
+  const bool isPeerLocal;
   std::shared_ptr<void> reference;
   EpollLoop::Timer timer;
   bool isShutDown = false;
+  std::size_t discarded = 0;  // since the shutdown
   std::size_t unsentAtLastCheck = 0;
   int checksWithoutProgress = 0;
 };
@@ -239,7 +244,7 @@ void StreamSocket::finishWriting() {
   if (outputBytes_ == 0) ::shutdown(socket_.get(), SHUT_WR);
 }
 
-void StreamSocket::finish() {
+void StreamSocket::finish(Peer peer) {
   if (phase_ == Phase::finishing) return;
   const bool hasNothingToSay = hasEnded_ && outputBytes_ == 0;
   if (phase_ != Phase::open || hasNothingToSay) {
@@ -250,7 +255,7 @@ void StreamSocket::finish() {
   isReadWanted_ = isWriteWanted_ = false;
   completion_.unlink();
   input_ = {};
-  linger_ = std::make_unique<Linger>(*this, owner_.streamReference());
+  linger_ = std::make_unique<Linger>(*this, owner_.streamReference(), peer);
   linger_->timer.start(lingerCheck);
   loop_.defer(transfer_);
 }
@@ -279,7 +284,13 @@ void StreamSocket::discardInput() {
   for (int rounds = 0; rounds < 16; ++rounds) {
     const ssize_t count =
         ::recv(socket_.get(), nullptr, std::size_t{1} << 20, MSG_DONTWAIT | MSG_TRUNC);
-    if (count > 0) continue;
+    if (count > 0) {
+      if (!linger_->isShutDown) continue;
+      linger_->discarded += static_cast<std::size_t>(count);
+      if (linger_->discarded <= mostDiscarded || undelivered() > 0) continue;
+      reset();
+      return;
+    }
     if (count == 0 || errno != EAGAIN) hasEnded_ = true;
     if (count < 0 && errno != EAGAIN) readError_ = errno;
     isReadable_ = false;
@@ -293,11 +304,14 @@ void StreamSocket::lingerTimeout() {
   const bool hasProgress = unsent != linger_->unsentAtLastCheck;
   linger_->unsentAtLastCheck = unsent;
   linger_->checksWithoutProgress = hasProgress ? 0 : linger_->checksWithoutProgress + 1;
+  const bool isPatient = unsent > 0 && linger_->isPeerLocal;
   const int allowed = unsent > 0 ? stalledChecksAllowed : silentChecksAllowed;
-  if (linger_->checksWithoutProgress >= allowed) {
-    close();
-  } else {
+  if (isPatient || linger_->checksWithoutProgress < allowed) {
     linger_->timer.start(lingerCheck);
+  } else if (unsent > 0) {
+    reset();  // an end in order would say that this was everything
+  } else {
+    close();
   }
 }
 

@@ -64,10 +64,13 @@ class StreamSocket final : private EpollLoop::Source {
 
   /// Ends the sending side once what was written has left; reading goes on.
   void finishWriting();
+  /// A program of this machine may pause for as long as it likes; it is gone when its socket is.
+  enum class Peer : std::uint8_t { remote, local };
   /// Ends the stream in order: what was written is sent, then the end of the stream; what still
-  /// comes in is thrown away, so that it provokes no reset. The owner hears no more and is kept
-  /// alive until that is done, at most for a limited time.
-  void finish();
+  /// comes in is thrown away, so that it provokes no reset, unless it does not end. The owner hears
+  /// no more and is kept alive until that is done; a remote peer that takes nothing is waited for
+  /// only so long.
+  void finish(Peer peer = Peer::remote);
   /// Hurries a stream that is being finished: closes it once the peer has everything. When it is
   /// late, resets it, whatever it was about.
   void letGo(bool isLate);
