@@ -1,0 +1,281 @@
+"""What an application of the tests can do. Runs in a process of its own, whose program is the
+application's identity, and obeys an Application of lab.py over its standard input and output."""
+
+import errno
+import hashlib
+import os
+import pickle
+import resource
+import selectors
+import socket
+import struct
+import sys
+import threading
+import time
+
+TIMEOUT = 20
+sockets = {}
+kept = []
+
+
+def pid():
+    return os.getpid()
+
+
+def open_socket(kind, options):
+    """A new socket. Options: bind (address), device, family, timeout (0: non-blocking), reuse."""
+    family = getattr(socket, options.get("family", "AF_INET"))
+    kinds = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}
+    new = socket.socket(family, kinds[kind])
+    if options.get("reuse"):
+        new.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    if "device" in options:
+        new.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, options["device"].encode())
+    if "bind" in options:
+        new.bind(options["bind"])
+    new.settimeout(options.get("timeout", TIMEOUT))
+    number = max(sockets, default=0) + 1
+    sockets[number] = new
+    return number
+
+
+def use_socket(number, method, arguments):
+    """Calls a function socket_METHOD of this module, or else the socket's own method."""
+    used = sockets.pop(number) if method in ("close", "reset") else sockets[number]
+    own = globals().get("socket_" + method)
+    return own(used, *arguments) if own else getattr(used, method)(*arguments)
+
+
+def socket_reset(stream):
+    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    stream.close()
+
+
+def read(stream, count=None):
+    """Exactly `count` bytes; without a count all until the end of the stream."""
+    pieces = []
+    while count is None or count > 0:
+        piece = stream.recv(min(count or 1 << 18, 1 << 18))
+        if not piece:
+            if count is None:
+                break
+            raise EOFError(f"{count} bytes are missing")
+        pieces.append(piece)
+        if count is not None:
+            count -= len(piece)
+    return b"".join(pieces)
+
+
+socket_read = read
+
+
+class Pattern:
+    """Bytes that differ at every place, cheap to make, with their hash."""
+
+    _block = hashlib.shake_128(b"tandor").digest(1 << 18)
+
+    def __init__(self, length):
+        self.left = length
+        self.hash = hashlib.sha256()
+
+    def __iter__(self):
+        while self.left > 0:
+            start = self.left % 251
+            piece = self._block[start:start + min(self.left, len(self._block) - start)]
+            self.left -= len(piece)
+            self.hash.update(piece)
+            yield piece
+
+
+def transfer(stream, to_send, to_receive):
+    """Sends and receives so many bytes at the same time; the hashes of both."""
+    pattern, received = Pattern(to_send), hashlib.sha256()
+
+    def send():
+        for piece in pattern:
+            stream.sendall(piece)
+
+    sender = threading.Thread(target=send)
+    sender.start()
+    while to_receive > 0:
+        piece = stream.recv(1 << 18)
+        if not piece:
+            raise EOFError(f"{to_receive} bytes are missing")
+        received.update(piece)
+        to_receive -= len(piece)
+    sender.join()
+    return pattern.hash.hexdigest(), received.hexdigest()
+
+
+def socket_transfer(stream, first, to_send, to_receive):
+    if first:
+        stream.sendall(first)
+    return transfer(stream, to_send, to_receive)
+
+
+def exchange_many(address, count, at_once, request, source=None):
+    """`count` connections, `at_once` at the same time, each of which sends `request`, reads as many
+    bytes back, and closes; how many got what, by outcome."""
+    outcomes = {}
+    selector = selectors.DefaultSelector()
+    begun, deadline = 0, time.monotonic() + TIMEOUT * 3
+
+    def conclude(stream, outcome):
+        outcomes[outcome] = outcomes.get(outcome, 0) + 1
+        selector.unregister(stream)
+        stream.close()
+
+    while sum(outcomes.values()) < count and time.monotonic() < deadline:
+        while begun < count and len(selector.get_map()) < at_once:
+            begun += 1
+            stream = socket.socket()
+            stream.setblocking(False)
+            if source:
+                stream.bind((source, 0))
+            stream.connect_ex(address)
+            selector.register(stream, selectors.EVENT_WRITE, [b""])
+        for key, _ in selector.select(1):
+            stream, state = key.fileobj, key.data
+            try:
+                if key.events == selectors.EVENT_WRITE:
+                    stream.send(request)
+                    selector.modify(stream, selectors.EVENT_READ, state)
+                    continue
+                piece = stream.recv(1 << 16)
+                state[0] += piece
+                if state[0] == request:
+                    conclude(stream, "whole")
+                elif not piece:
+                    conclude(stream, "short")
+            except OSError as error:
+                conclude(stream, errno.errorcode[error.errno])
+    for key in list(selector.get_map().values()):
+        conclude(key.fileobj, "unanswered")
+    return outcomes
+
+
+def connect_many(address, count):
+    """Opens connections that stay open until release_all()."""
+    for _ in range(count):
+        kept.append(socket.create_connection(address, TIMEOUT))
+
+
+def exchange_kept(request):
+    """Each of the kept connections sends and gets `request` back; how many did."""
+    for stream in kept:
+        stream.sendall(request)
+    return sum(read(stream, len(request)) == request for stream in kept)
+
+
+def open_many(count):
+    """Opens so many sockets that do nothing."""
+    kept.extend(socket.socket() for _ in range(count))
+
+
+def release_all():
+    for stream in kept:
+        stream.close()
+    kept.clear()
+
+
+def send_once(address, datagram, count=1):
+    """Each datagram from a socket of its own, which is closed at once; their ports."""
+    ports = []
+    for _ in range(count):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            sender.connect(address)
+            ports.append(sender.getsockname()[1])
+            sender.send(datagram)
+    return ports
+
+
+def socket_send_all(sender, datagrams):
+    for datagram in datagrams:
+        sender.send(datagram)
+
+
+def socket_exchange(sender, datagrams):
+    """Sends each datagram and waits for one back."""
+    answers = []
+    for datagram in datagrams:
+        sender.send(datagram)
+        answers.append(sender.recv(1 << 16))
+    return answers
+
+
+def socket_refusal_delay(sender):
+    """Sends a datagram; the seconds until the socket says that it was refused."""
+    begin = time.monotonic()
+    sender.send(b"refuse me")
+    try:
+        answer = sender.recv(1 << 16)
+    except ConnectionRefusedError:
+        return time.monotonic() - begin
+    raise AssertionError(f"got {answer!r}")
+
+
+def socket_send_until_failure(stream):
+    """Sends without an end; the error, and the bytes before it."""
+    sent = 0
+    try:
+        while True:
+            sent += stream.send(bytes(1 << 16))
+    except OSError as error:
+        return error, sent
+
+
+def become(program, script, keep=None):
+    """Replaces the program of this process, which goes on obeying; its sockets are gone, all but the
+    one that it is to keep, which has the number 1 from then on."""
+    inherited = []
+    if keep is not None:
+        os.set_inheritable(sockets[keep].fileno(), True)
+        inherited = [str(sockets[keep].fileno())]
+    answer(True, None)
+    os.execv(program, [program, "-I", "-S", script, *inherited])
+
+
+def fork_and_exchange(number, address, request):
+    """A child connects a socket that this process has opened, and exchanges bytes."""
+    reading, writing = os.pipe()
+    if os.fork() == 0:
+        try:
+            sockets[number].connect(address)
+            sockets[number].sendall(request)
+            os.write(writing, read(sockets[number], len(request)))
+        finally:
+            os._exit(0)
+    os.close(writing)
+    with os.fdopen(reading, "rb") as pipe:
+        result = pipe.read()
+    os.wait()
+    return result
+
+
+def answer(is_result, value):
+    pickle.dump((is_result, value), sys.stdout.buffer)
+    sys.stdout.buffer.flush()
+
+
+def main():
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    for descriptor in sys.argv[1:]:
+        inherited = socket.socket(fileno=int(descriptor))
+        inherited.settimeout(TIMEOUT)
+        sockets[1] = inherited
+    while True:
+        try:
+            function, arguments = pickle.load(sys.stdin.buffer)
+        except EOFError:
+            return
+        try:
+            result = globals()[function](*arguments)
+        except Exception as error:
+            answer(False, error)
+        else:
+            answer(True, result)
+
+
+if __name__ == "__main__":
+    main()

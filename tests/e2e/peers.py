@@ -1,0 +1,204 @@
+"""What applications talk to: servers and proxies of the laboratory, and the bytes that they know."""
+
+import selectors
+import socket
+import struct
+import threading
+
+from clients import read, socket_reset
+from lab import PATIENCE, eventually
+
+SO_RCVBUFFORCE = 33  # Python has no name for it
+ESTABLISHED = b"HTTP/1.1 200 Connection Established\r\n\r\n"
+
+
+class Listener:
+    """A listening socket of a namespace; what it accepts is for the test to script."""
+
+    def __init__(self, namespace, address):
+        family = socket.AF_INET6 if ":" in address[0] else socket.AF_INET
+        with namespace:
+            self._socket = socket.socket(family, socket.SOCK_STREAM)
+        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self._socket.bind(address)
+        self._socket.listen(4096)
+        self._socket.settimeout(PATIENCE)
+
+    def accept(self):
+        connection, source = self._socket.accept()
+        return Peer(connection, source)
+
+    def is_idle(self):
+        """Whether nobody has connected whom nobody has accepted."""
+        self._socket.settimeout(0)
+        try:
+            self._socket.accept()[0].close()
+            return False
+        except BlockingIOError:
+            return True
+        finally:
+            self._socket.settimeout(PATIENCE)
+
+    def fileno(self):
+        return self._socket.fileno()
+
+    def close(self):
+        try:
+            self._socket.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass  # closed already
+        self._socket.close()
+
+
+class Peer:
+    """A server's end of a connection."""
+
+    def __init__(self, connection, source):
+        connection.settimeout(PATIENCE)
+        self.socket = connection
+        self.source = source[:2]
+
+    def read(self, count=None):
+        return read(self.socket, count)
+
+    def read_head(self):
+        """Bytes up to the blank line, and no more."""
+        head = b""
+        while not head.endswith(b"\r\n\r\n"):
+            head += self.read(1)
+        return head
+
+    def send(self, data):
+        self.socket.sendall(data)
+
+    def close(self):
+        self.socket.close()
+
+    def reset(self):
+        socket_reset(self.socket)
+
+    def ending(self):
+        """How the stream ends: "end" or "reset"; what still comes is thrown away."""
+        try:
+            self.read()
+            return "end"
+        except ConnectionResetError:
+            return "reset"
+
+
+class Server:
+    """Serves each connection by a function, on a thread of its own."""
+
+    def __init__(self, namespace, address, serve):
+        self._listener = Listener(namespace, address)
+        self._serve = serve
+        self.errors = []
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            try:
+                peer = self._listener.accept()
+            except TimeoutError:
+                continue
+            except OSError:
+                return
+            threading.Thread(target=self._run, args=(peer,), daemon=True).start()
+
+    def _run(self, peer):
+        try:
+            self._serve(peer)
+        except Exception as error:
+            self.errors.append(error)
+        finally:
+            peer.close()
+
+    def close(self):
+        self._listener.close()
+
+
+class Echo:
+    """Sends back whatever comes, for thousands at once, over TCP and UDP at all its addresses. Knows
+    what came from where."""
+
+    def __init__(self, namespace, *addresses):
+        self.received = []  # (address, source, bytes)
+        self._selector = selectors.DefaultSelector()
+        for address in addresses:
+            listener = Listener(namespace, address)
+            self._selector.register(listener, selectors.EVENT_READ, (self._accept, address))
+            with namespace:
+                datagrams = socket.socket(
+                    socket.AF_INET6 if ":" in address[0] else socket.AF_INET, socket.SOCK_DGRAM)
+            datagrams.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 1 << 25)
+            datagrams.bind(address)
+            self._selector.register(datagrams, selectors.EVENT_READ, (self._answer, address))
+        self._is_ending = False
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while not self._is_ending:
+            for key, _ in self._selector.select(0.1):
+                serve, *details = key.data
+                serve(key.fileobj, *details)
+        for key in list(self._selector.get_map().values()):
+            key.fileobj.close()
+
+    def _accept(self, listener, address):
+        peer = listener.accept()
+        self._selector.register(peer.socket, selectors.EVENT_READ,
+                                (self._echo, address, peer.source))
+
+    def _echo(self, connection, address, source):
+        try:
+            data = connection.recv(1 << 18)
+            if data:
+                self.received.append((address, source, data))
+                connection.sendall(data)
+                return
+        except OSError:
+            pass
+        self._selector.unregister(connection)
+        connection.close()
+
+    def _answer(self, datagrams, address):
+        data, source = datagrams.recvfrom(1 << 16)
+        self.received.append((address, source[:2], data))
+        datagrams.sendto(data, source)
+
+    def heard(self, data):
+        """Which address got these bytes, and from where; waits until they come."""
+        return eventually(lambda: next(((address, source) for address, source, received
+                                        in reversed(self.received) if received == data), None),
+                          "the bytes come")
+
+    def close(self):
+        self._is_ending = True
+        self._thread.join(PATIENCE)
+
+
+def client_hello(name, length=0, records=1):
+    """A TLS 1.3 ClientHello for a host name; padded to `length` bytes of handshake message, and
+    divided into so many records."""
+
+    def extension(number, body):
+        return struct.pack(">HH", number, len(body)) + body
+
+    host = name.encode()
+    extensions = extension(0, struct.pack(">HBH", len(host) + 3, 0, len(host)) + host)
+    extensions += extension(43, b"\x02\x03\x04")
+    start = b"\x03\x03" + bytes(range(32)) + b"\x20" + bytes(32) + b"\x00\x02\x13\x01" + b"\x01\x00"
+    unpadded = 4 + len(start) + 2 + len(extensions)
+    if length > unpadded:
+        extensions += extension(21, bytes(length - unpadded - 4))
+    body = start + struct.pack(">H", len(extensions)) + extensions
+    message = b"\x01" + len(body).to_bytes(3, "big") + body
+    size = -(-len(message) // records)
+    pieces = [message[start:start + size] for start in range(0, len(message), size)]
+    return b"".join(b"\x16\x03\x01" + struct.pack(">H", len(piece)) + piece for piece in pieces)
+
+
+def connect_request(name, port):
+    return (f"CONNECT {name}:{port} HTTP/1.1\r\nHost: {name}:{port}\r\n"
+            "Proxy-Connection: keep-alive\r\n\r\n").encode()

@@ -1,0 +1,304 @@
+"""What becomes of the bytes, and of flows whose ends come at awkward moments."""
+
+import resource
+import time
+
+import clients
+from lab import OTHER, PROXY, SERVER, SLOWNESS, EndToEnd, eventually
+from peers import ESTABLISHED, Echo, Listener, Server, client_hello
+
+WEB, QUIC = (SERVER, 80), (SERVER, 443)
+#: Nobody answers there, not even with a refusal.
+BLACK_HOLE = ("203.0.113.98", 80)
+MEGABYTE = 1 << 20
+
+
+class Bulk(EndToEnd):
+    def test_bulk_both_ways(self):
+        amount = 200 * MEGABYTE // SLOWNESS
+        hello = client_hello("www.example.org")
+        hashes = []
+
+        def serve(peer):
+            if peer.socket.getsockname()[:2] == PROXY:
+                peer.read_head()
+                peer.send(ESTABLISHED)
+                peer.read(len(hello))
+            hashes.append(clients.transfer(peer.socket, amount, amount))
+
+        for address in (WEB, PROXY):
+            self.closing(Server(self.lab.net, address, serve))
+        for mode, address, first in (("directlyWhiteList", WEB, b""), ("webProxy", QUIC, hello)):
+            with self.subTest(mode):
+                self.start(mode)
+                flow = self.listed.connect(address)
+                sent, received = flow.transfer(first, amount, amount)
+                eventually(lambda: hashes, "the server has everything")
+                self.assertEqual(hashes.pop(), (received, sent))
+                flow.close()
+                traffic = self.daemon.status()["bytes"]
+                self.assertGreaterEqual(min(traffic["in"], traffic["out"]), amount)
+
+
+class Datagrams(EndToEnd):
+    def setUp(self):
+        super().setUp()
+        self.echo = self.closing(Echo(self.lab.net, WEB, (OTHER, 53)))
+        self.start("directlyWhiteList")
+
+    def test_order_and_boundaries(self):
+        sizes = [1, 2, 1471, 1472, 1473, 9000, 59999, 60000] + [7 * n % 1400 + 1 for n in range(400)]
+        datagrams = [b"%06d" % number + bytes(size) for number, size in enumerate(sizes)]
+        with self.subTest("one after the other"):
+            flow = self.listed.connect(WEB, "udp")
+            self.assertEqual(flow.exchange(datagrams), datagrams)
+        with self.subTest("a burst from the first on"):
+            flow = self.listed.connect((OTHER, 53), "udp")
+            del self.echo.received[:]
+            flow.send_all(datagrams)
+            eventually(lambda: len(self.echo.received) >= len(datagrams), "all come")
+            self.assertEqual([data for _, _, data in self.echo.received], datagrams)
+            self.assertEqual({source for _, source, _ in self.echo.received},
+                             {self.echo.received[0][1]})
+
+    def test_empty_datagrams(self):
+        """One from the application would be the end of the flow to the relay, and is dropped; one to
+        the application arrives."""
+        with self.lab.net:
+            server = self.closing(clients.socket.socket(type=clients.socket.SOCK_DGRAM))
+        server.bind((SERVER, 5000))
+        server.settimeout(20)
+        flow = self.listed.connect((SERVER, 5000), "udp")
+        for datagram in (b"", b"first", b"", b"second"):
+            flow.send(datagram)
+        self.assertEqual(server.recvfrom(99)[0], b"first")
+        data, source = server.recvfrom(99)
+        self.assertEqual(data, b"second")
+        for datagram in (b"", b"answer"):
+            server.sendto(datagram, source)
+            self.assertEqual(flow.recv(99), datagram)
+
+    def test_flow_ends_with_its_socket(self):
+        flows = [self.listed.connect(WEB, "udp") for _ in range(20)]
+        for flow in flows:
+            flow.exchange([b"hello"])
+        self.assertEqual(len(self.daemon.flows()), 20)
+        for flow in flows:
+            flow.close()
+        self.daemon.await_no_flows()
+
+    def test_last_words(self):
+        """Datagrams of sockets that are closed at once arrive, whoever carries them."""
+        for application in (self.listed, self.unlisted):
+            ports = application.call("send_once", WEB, application.name.encode(), 200)
+            eventually(lambda: len([1 for _, _, data in self.echo.received
+                                    if data == application.name.encode()]) == len(ports), "all come")
+        self.daemon.await_no_flows()
+
+    def test_same_ports_another_application(self):
+        """What follows on a socket's ports inherits nothing from it."""
+        for attempt in range(10):
+            for application, way in ((self.listed, "eth0"), (self.unlisted, "native")):
+                with self.subTest(attempt=attempt, app=application.name):
+                    self.assertWay(way, application, WEB, "tcp", bind=("10.8.0.2", 4000), reuse=True)
+                    self.assertWay(way, application, WEB, "udp", bind=("10.8.0.2", 4000))
+                    eventually(lambda: not [1 for line, _ in self.lab.tracked()
+                                            if "udp" in line and "sport=4000 " in line],
+                               "the socket's flow is forgotten")
+
+    def test_sockets_that_talked_before_a_start_or_during_it(self):
+        self.stop()
+        before = self.listed.connect(WEB, "udp")
+        before.exchange([b"before"])
+        self.start("directlyWhiteList")
+        during = self.listed.connect(WEB, "udp")
+        for flow, word, is_native in ((before, b"goes on", True), (during, b"is new", False)):
+            flow.exchange([word])
+            self.assertEqual(self.echo.heard(word)[1] == flow.getsockname(), is_native, word)
+        self.stop()
+        during.exchange([b"on its own"])
+        self.assertEqual(self.echo.heard(b"on its own")[1], during.getsockname())
+
+
+class Mass(EndToEnd):
+    def setUp(self):
+        super().setUp()
+        self.echo = self.closing(Echo(self.lab.net, WEB))
+        self.start("directlyWhiteList")
+
+    def test_flows_at_once(self):
+        count = 2000 // SLOWNESS
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))  # the other ends are here
+        self.listed.call("connect_many", WEB, count)
+        self.assertEqual(self.listed.call("exchange_kept", b"hello"), count)
+        self.assertEqual(len(self.daemon.flows()), count)
+        self.assertEqual({source[0] for _, source, _ in self.echo.received}, {"192.0.2.2"})
+        self.listed.call("release_all")
+        self.daemon.await_no_flows()
+
+    def test_many_short_ones(self):
+        count = 3000 // SLOWNESS
+        others = self.lab.application("others")
+        others.begin("exchange_many", WEB, count, 20, b"left")
+        outcomes = self.listed.call("exchange_many", WEB, count, 50, b"taken")
+        self.assertEqual(outcomes, {"whole": count})
+        self.assertEqual(others.finish(), {"whole": count})
+        others.end()
+        self.daemon.await_no_flows()
+
+    def test_an_application_with_many_sockets_among_many_processes(self):
+        self.listed.call("open_many", 5000)
+        crowd = [self.lab.app.popen("sleep", "60") for _ in range(300)]
+        try:
+            for attempt in range(5):
+                for application, way in ((self.listed, "eth0"), (self.unlisted, "native")):
+                    begin = time.monotonic()
+                    self.assertWay(way, application, WEB)
+                    self.assertLess(time.monotonic() - begin, 1)
+        finally:
+            for process in crowd:
+                process.kill()
+                process.wait()
+            self.listed.call("release_all")
+
+
+class AwkwardEnds(EndToEnd):
+    def setUp(self):
+        super().setUp()
+        self.server = self.closing(Listener(self.lab.net, WEB))
+        self.start("directlyWhiteList")
+
+    def flow(self):
+        """A flow and the server's end of it, with the first bytes exchanged."""
+        flow = self.listed.connect(WEB)
+        flow.sendall(b"hello")
+        peer = self.closing(self.server.accept())
+        self.assertEqual(peer.read(5), b"hello")
+        peer.send(b"welcome")
+        self.assertEqual(flow.read(7), b"welcome")
+        return flow, peer
+
+    def test_before_the_outbound_connection_is_ready(self):
+        """What the application had sent when it went arrives as soon as there is a way."""
+        rule = ("INPUT", "-p", "tcp", "--dport", "80", "-j", "DROP")
+        for ending in ("close", "half-close", "reset"):
+            with self.subTest(ending):
+                self.lab.net.run("iptables", "-A", *rule)
+                flow = self.listed.connect(WEB)
+                flow.sendall(b"last words" * 1000)
+                flow.shutdown(1) if ending == "half-close" else getattr(flow, ending)()
+                self.lab.net.run("iptables", "-D", *rule)
+                if ending == "reset":
+                    continue
+                peer = self.closing(self.server.accept())
+                self.assertEqual(peer.read(), b"last words" * 1000)
+                if ending == "half-close":
+                    self.assertEqual(flow.read(), b"")
+                    flow.close()
+        self.daemon.await_no_flows()
+
+    def test_nobody_answers(self):
+        flows = [self.listed.connect(BLACK_HOLE) for _ in range(3)]
+        flows[0].close()
+        flows[1].reset()
+        eventually(lambda: len(self.daemon.flows()) == 3)
+        self.stop()
+        self.assertEqual(flows[2].read(), b"")
+
+    def test_destination_refuses(self):
+        with self.assertRaises(ConnectionResetError):
+            flow = self.listed.connect((SERVER, 9))
+            flow.sendall(b"hello")
+            flow.read()
+
+    def test_connections_that_are_given_up_at_once(self):
+        for _ in range(100):
+            self.listed.connect(WEB).close()
+            flow = self.listed.socket(timeout=0)
+            flow.connect_ex(WEB)
+            flow.close()
+        self.daemon.await_no_flows()
+
+    def test_the_application_ends_while_it_sends(self):
+        amount = 8 * MEGABYTE
+        with self.subTest("close: everything arrives"):
+            flow, peer = self.flow()
+            flow.begin("sendall", bytes(amount))
+            time.sleep(0.2)  # the server is slow
+            self.assertEqual(len(peer.read(amount // 2)), amount // 2)
+            self.listed.finish()
+            flow.close()
+            self.assertEqual(len(peer.read()), amount // 2)
+        with self.subTest("half-close: the end of what it sends is the end of the flow"):
+            flow, peer = self.flow()
+            flow.sendall(b"request")
+            flow.shutdown(1)
+            self.assertEqual(peer.read(), b"request")
+            self.assertEqual(flow.read(), b"")
+            flow.close()
+        with self.subTest("reset"):
+            flow, peer = self.flow()
+            flow.setblocking(False)
+            self.assertRaises(BlockingIOError, lambda: [flow.send(bytes(amount))
+                                                        for _ in range(1000)])
+            flow.reset()
+            peer.ending()
+        self.daemon.await_no_flows()
+
+    def test_the_application_ends_while_it_receives(self):
+        for ending in ("close", "reset", "kill"):
+            with self.subTest(ending):
+                flow, peer = self.flow()
+                peer.socket.setblocking(False)
+                while True:
+                    try:
+                        peer.socket.send(bytes(MEGABYTE))
+                    except BlockingIOError:
+                        break
+                flow.read(1000)
+                if ending == "kill":
+                    self.listed.process.kill()
+                    self.listed.process.wait()
+                    type(self).listed = self.lab.application("listed")
+                else:
+                    getattr(flow, ending)()
+                peer.socket.settimeout(20)
+                with self.assertRaises((ConnectionResetError, BrokenPipeError)):
+                    while True:
+                        peer.send(bytes(MEGABYTE))
+                self.daemon.await_no_flows()
+
+    def test_the_server_ends_while_it_sends(self):
+        """A clean end means that everything has come; a failure is seen as one."""
+        amount = 8 * MEGABYTE
+        with self.subTest("close"):
+            flow, peer = self.flow()
+            peer.socket.setblocking(True)
+            sender = clients.threading.Thread(target=lambda: (peer.send(bytes(amount)), peer.close()))
+            sender.start()
+            time.sleep(0.2)  # the application is slow
+            self.assertEqual(len(flow.read()), amount)
+            sender.join()
+            flow.close()
+        with self.subTest("reset"):
+            flow, peer = self.flow()
+            peer.send(b"some bytes")
+            self.assertEqual(flow.read(10), b"some bytes")
+            peer.reset()
+            self.assertRaises(ConnectionResetError, flow.read)
+        with self.subTest("reset while the application sends"):
+            flow, peer = self.flow()
+            flow.begin("send_until_failure")
+            peer.read(MEGABYTE)
+            peer.reset()
+            error, _ = self.listed.finish()
+            self.assertIn(type(error), (ConnectionResetError, BrokenPipeError))
+        with self.subTest("close while the application sends"):
+            flow, peer = self.flow()
+            flow.begin("send_until_failure")
+            peer.read(MEGABYTE)
+            peer.close()  # unread bytes make it a reset
+            error, _ = self.listed.finish()
+            self.assertIn(type(error), (ConnectionResetError, BrokenPipeError))
+        self.daemon.await_no_flows()

@@ -1,0 +1,285 @@
+"""Which flows are taken, and the way that each goes."""
+
+import itertools
+import time
+
+from lab import (ETH0, NOWHERE, OTHER, PRIVATE, PROXY, SERVER, SERVER6, VPN, EndToEnd, eventually)
+from peers import ESTABLISHED, Echo, Listener, client_hello, connect_request
+
+MODES = ("webProxy", "directlyWhiteList", "tunnelWhiteList")
+WEB, QUIC = (SERVER, 80), (SERVER, 443)
+
+
+class Modes(EndToEnd):
+    def setUp(self):
+        super().setUp()
+        self.echo = self.closing(Echo(self.lab.net, WEB, QUIC, (OTHER, 53), (PRIVATE, 80),
+                                      (SERVER6, 80), PROXY))
+
+    def test_ways_of_the_modes(self):
+        ways = {("webProxy", "listed", "tcp"): "proxy",
+                ("directlyWhiteList", "listed", "tcp"): "eth0",
+                ("directlyWhiteList", "listed", "udp"): "eth0",
+                ("tunnelWhiteList", "unlisted", "tcp"): "eth0",
+                ("tunnelWhiteList", "unlisted", "udp"): "eth0"}
+        self.start("directlyWhiteList")
+        for change in ("update", "restart"):
+            for mode in MODES:
+                if change == "restart":
+                    self.start(mode)
+                else:
+                    self.daemon.update(mode, [self.listed.program])
+                for application, kind in itertools.product((self.listed, self.unlisted),
+                                                           ("tcp", "udp")):
+                    with self.subTest(change=change, mode=mode, kind=kind, app=application.name):
+                        way = ways.get((mode, application.name, kind), "native")
+                        self.assertWay(way, application, WEB if kind == "tcp" else (OTHER, 53), kind)
+
+    def test_flows_that_are_nobodys_business(self):
+        """Private and IPv6 destinations, the machine itself, and sockets bound to a device."""
+        here = self.closing(Echo(self.lab.app, (ETH0, 81)))
+        taken = self.daemon.status()["flows"]["taken"]
+        for mode in MODES:
+            self.start(mode)
+            for application, kind in itertools.product((self.listed, self.unlisted), ("tcp", "udp")):
+                with self.subTest(mode=mode, app=application.name, kind=kind):
+                    self.assertWay("native", application, (PRIVATE, 80), kind)
+                    self.assertWay("native", application, (SERVER6, 80), kind, family="AF_INET6")
+                    self.assertWay("native", application, WEB, kind, device="vpn0")
+                    self.assertWay("native", application, WEB, kind, device="eth1")
+                    flow = application.connect((ETH0, 81), kind)
+                    flow.send(b"hello")
+                    self.assertEqual(flow.recv(99), b"hello")
+                    self.assertEqual(here.received[-1][1], flow.getsockname())
+                    flow.close()
+            self.assertEqual(self.daemon.status()["flows"]["taken"], taken)
+
+    def test_ipv4_in_ipv6_sockets_is_ipv4(self):
+        self.start("directlyWhiteList")
+        mapped = ("::ffff:" + SERVER, 80)
+        for kind in ("tcp", "udp"):
+            with self.subTest(kind=kind):
+                self.assertWay("eth0", self.listed, mapped, kind, family="AF_INET6")
+
+    def test_a_vpn_takes_the_rest(self):
+        """However a VPN draws the traffic, direct flows leave by the physical interface."""
+        vpns = {"better route": ("", ""),
+                "halves": ("route add 0.0.0.0/1 dev vpn0 via 10.8.0.1\n"
+                           "route add 128.0.0.0/1 dev vpn0 via 10.8.0.1",
+                           "route del 0.0.0.0/1\nroute del 128.0.0.0/1"),
+                "policy": ("route add default via 10.8.0.1 dev vpn0 table 51\n"
+                           "rule add pref 50 lookup 51", "rule del pref 50\nroute flush table 51")}
+        self.start("directlyWhiteList")
+        for name, (begin, finish) in vpns.items():
+            with self.subTest(vpn=name):
+                self.lab.app.ip(begin)
+                try:
+                    for application, way, interface, other in (
+                            (self.listed, "eth0", "eth0", "vpn0"),
+                            (self.unlisted, "native", "vpn0", "eth0")):
+                        before = {link: self.lab.net.counters(link)[0] for link in (interface, other)}
+                        for _ in range(20):
+                            self.assertWay(way, application, WEB)
+                        after = {link: self.lab.net.counters(link)[0] for link in (interface, other)}
+                        self.assertGreaterEqual(after[interface] - before[interface], 20 * 4)
+                        self.assertLess(after[other] - before[other], 20)
+                finally:
+                    self.lab.app.ip(finish)
+
+    def test_quic_is_refused_at_once(self):
+        self.start("webProxy")
+        refused = self.daemon.status()["flows"]["refused"]
+        for attempt in range(3):  # no answer to the first is inherited by the next
+            flow = self.listed.connect(QUIC, "udp")
+            for datagram in range(2):
+                with self.subTest(attempt=attempt, datagram=datagram):
+                    self.assertLess(flow.refusal_delay(), 0.1)
+            flow.close()
+        self.assertEqual(self.daemon.status()["flows"]["refused"], refused + 6)
+        self.assertWay("native", self.unlisted, QUIC, "udp")
+        self.daemon.update("directlyWhiteList", [self.listed.program])
+        self.assertWay("eth0", self.listed, QUIC, "udp")
+
+
+class Proxying(EndToEnd):
+    """Through an HTTP proxy whose every word is ours."""
+
+    def setUp(self):
+        super().setUp()
+        self.proxy = self.closing(Listener(self.lab.net, PROXY))
+        self.server = self.closing(Listener(self.lab.net, QUIC))
+        self.start("webProxy", connectReply="phrase")
+
+    def tunnel(self, hello, reply=ESTABLISHED):
+        """A flow that has sent its hello and got a tunnel; its socket and the tunnel's other end."""
+        flow = self.listed.connect(QUIC)
+        flow.sendall(hello)
+        peer = self.closing(self.proxy.accept())
+        peer.read_head()
+        peer.send(reply)
+        self.assertEqual(peer.read(len(hello)), hello)
+        return flow, peer
+
+    def assertDirect(self, flow, first):
+        """The flow has reached its destination by itself, first bytes first, and works."""
+        peer = self.closing(self.server.accept())
+        self.assertEqual(peer.source[0], VPN)  # a fallback is not bound to an interface
+        self.assertNotEqual(peer.source, flow.getsockname())
+        self.assertEqual(peer.read(len(first)), first)
+        peer.send(b"served")
+        self.assertEqual(flow.read(6), b"served")
+        flow.sendall(b"thanks")
+        self.assertEqual(peer.read(6), b"thanks")
+
+    def test_connect_request_and_tunnel(self):
+        for name, port in (("www.example.org", 443), ("x.example", 8443), ("a" * 250, 1)):
+            with self.subTest(name=name, port=port):
+                flow = self.listed.connect((SERVER, port))
+                hello = client_hello(name)
+                flow.sendall(hello)
+                peer = self.closing(self.proxy.accept())
+                self.assertEqual(peer.read_head(), connect_request(name, port))
+                peer.socket.setblocking(False)
+                self.assertRaises(BlockingIOError, peer.socket.recv, 1)  # nothing behind the head
+                peer.socket.setblocking(True)
+                peer.send(ESTABLISHED)
+                self.assertEqual(peer.read(len(hello)), hello)
+                peer.send(b"server's turn")
+                self.assertEqual(flow.read(13), b"server's turn")
+                flow.sendall(b"application's turn")
+                self.assertEqual(peer.read(18), b"application's turn")
+                peer.close()
+                self.assertEqual(flow.read(), b"")
+                flow.close()
+
+    def test_hellos_in_pieces(self):
+        big = client_hello("www.example.org", length=16384)
+        longest = client_hello("www.example.org", length=16384 + 5000, records=2)
+        hello = client_hello("www.example.org")
+        cases = {"two segments": (hello, [hello[:100], hello[100:]]),
+                 "header apart": (hello, [hello[:3], hello[3:]]),
+                 "byte by byte": (hello, [hello[at:at + 1] for at in range(len(hello))]),
+                 "a whole record": (big, [big]),
+                 "a whole record in segments": (big, [big[:1400], big[1400:9000], big[9000:]])}
+        for name, (whole, pieces) in cases.items():
+            with self.subTest(name):
+                flow = self.listed.connect(QUIC)
+                flow.setsockopt(6, 1, 1)  # TCP_NODELAY
+                for piece in pieces:
+                    flow.sendall(piece)
+                peer = self.closing(self.proxy.accept())
+                self.assertEqual(peer.read_head(), connect_request("www.example.org", 443))
+                peer.send(ESTABLISHED)
+                self.assertEqual(peer.read(len(whole)), whole)
+                flow.close()
+        with self.subTest("more than one record: its extensions end in the second"):
+            flow = self.listed.connect(QUIC)
+            flow.sendall(longest)
+            self.assertDirect(flow, longest)
+        with self.subTest("a hello that stays incomplete"):
+            flow = self.listed.connect(QUIC)
+            flow.sendall(hello[:-1])
+            self.assertDirect(flow, hello[:-1])
+
+    def test_plain_http_goes_unchanged(self):
+        request = b"GET http://example.org/ HTTP/1.1\r\nHost: example.org\r\nX-\xc3\xa4: 1\r\n\r\n"
+        flow = self.listed.connect((SERVER, 80))
+        flow.sendall(request)
+        peer = self.closing(self.proxy.accept())
+        self.assertEqual(peer.read(len(request)), request)
+        peer.send(b"HTTP/1.1 200 OK\r\n\r\n")
+        self.assertEqual(flow.read(19), b"HTTP/1.1 200 OK\r\n\r\n")
+        flow.close()
+        self.assertEqual(peer.ending(), "end")
+
+    def test_anything_else_goes_direct(self):
+        for first in (b"SSH-2.0-OpenSSH_9.2\r\n", b"\x00\xff" * 100, b"GET / HTTP/1.0\r\n\r\n",
+                      b"\x16\x03\x01\x00\x04\x02\x00\x00\x00", client_hello("x.example")[:5],
+                      b"GET / HTTP/1.1\r\nX: \xff\r\n\r\n"):
+            with self.subTest(first=first[:20]):
+                flow = self.listed.connect(QUIC)
+                flow.sendall(first)
+                self.closing(self.proxy.accept())
+                self.assertDirect(flow, first)
+                flow.close()
+
+    def test_refused_tunnels_fall_back(self):
+        hello = client_hello("www.example.org")
+        refusals = {"403": lambda peer: peer.send(b"HTTP/1.1 403 Forbidden\r\n\r\n"),
+                    "other words": lambda peer: peer.send(b"HTTP/1.1 200 OK\r\n\r\n"),
+                    "too late a phrase": lambda peer: (peer.send(b"HTTP/1.1 200 "), time.sleep(0.2),
+                                                       peer.send(b"Connection Established\r\n\r\n")),
+                    "not text": lambda peer: peer.send(b"\xff\xfe Connection Established\r\n\r\n"),
+                    "hang-up": lambda peer: peer.close(),
+                    "reset": lambda peer: peer.reset()}
+        for name, refuse in refusals.items():
+            with self.subTest(name):
+                flow = self.listed.connect(QUIC)
+                flow.sendall(hello)
+                peer = self.closing(self.proxy.accept())
+                peer.read_head()
+                refuse(peer)
+                self.assertDirect(flow, hello)
+                flow.close()
+
+    def test_replies_by_status(self):
+        self.daemon.update("webProxy", [self.listed.program], connectReply="status")
+        hello = client_hello("www.example.org")
+        ok = b"HTTP/1.1 200 OK\r\nVia: squid\r\n\r\n"
+        long = b"HTTP/1.0 200 Fine\r\nX: " + b"x" * (16384 - 26) + b"\r\n\r\n"
+        cases = {"words": ([ok], b""), "no words": ([b"HTTP/1.0 299\r\n\r\n"], b""),
+                 "byte by byte": ([ok[at:at + 1] for at in range(len(ok))], b""),
+                 "split blank line": ([ok[:-3], ok[-3:]], b""), "longest head": ([long], b""),
+                 "bytes behind": ([ok + b"server first"], b"server first"),
+                 "bytes behind a split head": ([ok[:9], ok[9:] + b"220 hi\r\n"], b"220 hi\r\n")}
+        self.assertEqual(len(long), 16384)
+        for name, (pieces, behind) in cases.items():
+            with self.subTest(name):
+                flow = self.listed.connect(QUIC)
+                flow.sendall(hello)
+                peer = self.closing(self.proxy.accept())
+                peer.read_head()
+                peer.socket.setsockopt(6, 1, 1)  # TCP_NODELAY
+                for piece in pieces:
+                    peer.send(piece)
+                    time.sleep(0.002)
+                self.assertEqual(peer.read(len(hello)), hello)
+                peer.send(b"reply")
+                self.assertEqual(flow.read(len(behind) + 5), behind + b"reply")
+                flow.close()
+        for refusal in (b"HTTP/1.1 407 Connection Established\r\n\r\n", b"HTTP/2 200 OK\r\n\r\n",
+                        b"HTTP/1.1 100 Continue\r\n\r\n", long.replace(b"X: ", b"X:  ")):
+            with self.subTest(refusal=refusal[:30]):
+                flow = self.listed.connect(QUIC)
+                flow.sendall(hello)
+                peer = self.closing(self.proxy.accept())
+                peer.read_head()
+                peer.send(refusal)
+                self.assertDirect(flow, hello)
+                flow.close()
+
+    def test_a_silent_proxy_holds_the_flow_only(self):
+        hello = client_hello("www.example.org")
+        waiting = self.listed.connect(QUIC)
+        waiting.sendall(hello)
+        silent = self.closing(self.proxy.accept())
+        silent.read_head()
+        flow, _ = self.tunnel(hello)
+        flow.close()
+        waiting.reset()
+        self.assertTrue(self.server.is_idle())
+        silent.close()
+
+    def test_a_proxy_that_is_down_resets(self):
+        down = {"refuses": (PROXY[0], "3129"), "unreachable": (NOWHERE, "80"),
+                "unknown": ("no-such-host.invalid", "80")}
+        for name, (host, port) in down.items():
+            with self.subTest(name):
+                self.daemon.update("webProxy", [self.listed.program], proxyHostname=host,
+                                   proxyPort=port)
+                with self.assertRaises(ConnectionResetError):
+                    flow = self.listed.connect(QUIC)
+                    flow.sendall(client_hello("www.example.org"))
+                    flow.read()
+                self.assertTrue(self.server.is_idle())  # no fallback
+        self.assertIn("proxy failed:", self.daemon.log())
