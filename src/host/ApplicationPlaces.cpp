@@ -1,9 +1,8 @@
-#include <pwd.h>
-#include <unistd.h>
-
 #include <cstdlib>
+#include <pwd.h>
 #include <string_view>
 #include <system_error>
+#include <unistd.h>
 
 #include "host/ApplicationResolver.h"
 
@@ -23,7 +22,8 @@ void appendFolders(std::vector<fs::path>& folders, std::string_view list,
   while (!list.empty()) {
     const std::string_view folder = list.substr(0, list.find(':'));
     list.remove_prefix(std::min(folder.size() + 1, list.size()));
-    if (folder.starts_with('/')) folders.push_back(below.empty() ? folder : fs::path(folder) / below);
+    if (folder.starts_with('/'))
+      folders.push_back(below.empty() ? folder : fs::path(folder) / below);
   }
 }
 

@@ -1,9 +1,5 @@
 #include "host/ApplicationResolver.h"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -11,7 +7,11 @@
 #include <set>
 #include <sstream>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "host/Suggestions.h"
 #include "platform/linux/application/Identifier.h"
@@ -73,7 +73,8 @@ std::string scriptWarning(const fs::path& script, const fs::path& interpreter) {
   if (shells.contains(interpreter.filename().string())) {
     return fmt::format(
         "{} is a shell script. Most such scripts only start another program, whose flows are not "
-        "{}'s: start it and look with `tandor apps` for what runs. Every shell script is meant now.",
+        "{}'s: start it and look with `tandor apps` for what runs. Every shell script is meant "
+        "now.",
         script.string(), interpreter.string());
   }
   return fmt::format("{} is a script, so its flows are those of {}: every script of it is meant.",
@@ -159,9 +160,9 @@ std::expected<ResolvedApplication, Failure> ApplicationResolver::resolveEntry(
   if (!entry.snap.empty()) return application("snap." + entry.snap);
   if (entry.program.contains('/')) return resolveProgram(entry.program);
   if (const auto command = commandNamed(entry.program)) return resolveProgram(*command);
-  return wrongUsage(fmt::format("the program of {}.desktop, {}, is not installed", entry.id,
-                                entry.program),
-                    "install it, or name the program that you mean by its path");
+  return wrongUsage(
+      fmt::format("the program of {}.desktop, {}, is not installed", entry.id, entry.program),
+      "install it, or name the program that you mean by its path");
 }
 
 std::expected<ResolvedApplication, Failure> ApplicationResolver::resolveProgram(
@@ -195,12 +196,12 @@ std::expected<ResolvedApplication, Failure> ApplicationResolver::resolveProgram(
   }
   const auto command =
       interpreter.contains('/') ? std::optional(fs::path(interpreter)) : commandNamed(interpreter);
-  auto resolved = command ? resolveProgram(*command, depth + 1)
-                          : std::unexpected(notFound(interpreter));
+  auto resolved =
+      command ? resolveProgram(*command, depth + 1) : std::unexpected(notFound(interpreter));
   if (!resolved) {
     Failure failure = resolved.error();
-    failure.message = fmt::format("the interpreter of the script {}: {}", path.string(),
-                                  failure.message);
+    failure.message =
+        fmt::format("the interpreter of the script {}: {}", path.string(), failure.message);
     return std::unexpected(std::move(failure));
   }
   if (resolved->warning.empty()) resolved->warning = scriptWarning(path, resolved->identifier);

@@ -1,17 +1,16 @@
 #include "host/ChildProcess.h"
 
+#include <array>
+#include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
-#include <filesystem>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 #include "host/ApplicationResolver.h"
@@ -46,7 +45,7 @@ std::optional<Pipe> makePipe() {
   ::dup2(errors, STDERR_FILENO);
   ::setpgid(0, 0);
   ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-  ::signal(SIGPIPE, SIG_DFL);
+  for (const int signal : {SIGPIPE, SIGINT, SIGTERM, SIGHUP}) ::signal(signal, SIG_DFL);
   sigset_t none;
   ::sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <expected>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "platform/linux/FileDescriptor.h"

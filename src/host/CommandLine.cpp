@@ -1,14 +1,14 @@
 #include "host/CommandLine.h"
 
-#include <fmt/format.h>
-
-#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <functional>
 #include <iostream>
 #include <memory>
 #include <system_error>
 #include <utility>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include "host/Completions.h"
 #include "host/Failure.h"
@@ -68,8 +68,8 @@ class CommandLine {
   }
 
   void addConfiguring() {
-    CLI::App* run = addCommand(
-        "run", "Start a provider, show what it does, and stop it on Ctrl-C", Command::run);
+    CLI::App* run = addCommand("run", "Start a provider, show what it does, and stop it on Ctrl-C",
+                               Command::run);
     CLI::App* start = addCommand("start", "Start the provider of the service", Command::start);
     addCommand("stop", "Stop the provider", Command::stop);
     CLI::App* update =
@@ -81,21 +81,27 @@ class CommandLine {
   void addConfiguration(CLI::App& command) {
     command.add_option("--mode", mode_, "Whose flows are taken, and how they travel")
         ->check(CLI::IsMember(list(modeNames)));
-    command.add_option("--app", apps_,
-                       "An application: a path, a command, a Flatpak id, a snap, the name in a "
-                       "menu, or id:IDENTIFIER; once for each")
+    command
+        .add_option("--app", apps_,
+                    "An application: a path, a command, a Flatpak id, a snap, the name in a "
+                    "menu, or id:IDENTIFIER; once for each")
         ->type_name("APP")
         ->allow_extra_args(false);
     command.add_option("--proxy", proxy_, "The HTTP proxy of webProxy mode")
         ->type_name("HOST:PORT");
     command.add_option("--log", options_.settings.log, "File that the provider writes its log to")
         ->type_name("FILE");
-    command.add_flag("--debug,!--no-debug", options_.settings.debug, "Log every flow");
-    command.add_option("--config", options_.configurationFile,
-                       "Configuration file (default of run and start: /etc/tandor/tandor.json)")
+    command.add_flag_callback(
+        "--debug", [this] { options_.settings.debug = true; }, "Log every flow");
+    command.add_flag_callback(
+        "--no-debug", [this] { options_.settings.debug = false; }, "Log only what matters");
+    command
+        .add_option("--config", options_.configurationFile,
+                    "Configuration file (default of run and start: /etc/tandor/tandor.json)")
         ->type_name("FILE");
-    command.add_option("--connect-reply", connectReply_,
-                       "What tells that the proxy agrees: the status code, or the customary phrase")
+    command
+        .add_option("--connect-reply", connectReply_,
+                    "What tells that the proxy agrees: the status code, or the customary phrase")
         ->check(CLI::IsMember(list(connectReplyNames)));
   }
 
@@ -117,8 +123,8 @@ class CommandLine {
       options_.command = Command::demo;
       options_.demoArguments = demo->remaining();
     });
-    CLI::App* completions = addCommand("completions", "Print completions for a shell",
-                                       Command::completions);
+    CLI::App* completions =
+        addCommand("completions", "Print completions for a shell", Command::completions);
     completions->add_option("shell", options_.shell, "The shell")
         ->required()
         ->check(CLI::IsMember({"bash", "zsh", "fish"}));
@@ -141,9 +147,10 @@ class CommandLine {
     if (proxy_.empty()) return {};
     auto proxy = Proxy::parse(proxy_);
     if (!proxy) {
-      return fmt::format("--proxy {}: {}\ntandor: write it as HOST:PORT, such as "
-                         "proxy.example:3128",
-                         proxy_, proxy.error());
+      return fmt::format(
+          "--proxy {}: {}\ntandor: write it as HOST:PORT, such as "
+          "proxy.example:3128",
+          proxy_, proxy.error());
     }
     settings.proxy = std::move(*proxy);
     return {};

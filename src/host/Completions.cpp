@@ -1,11 +1,11 @@
 #include "host/Completions.h"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-
-#include <CLI/CLI.hpp>
 #include <iterator>
 #include <sstream>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace tandor::host {
 namespace {
@@ -76,16 +76,17 @@ std::string bash(const CompletableCommand& tree) {
   fmt::memory_buffer script;
   const auto out = std::back_inserter(script);
   fmt::format_to(out, "# bash completion for {0}\n_{0}() {{\n", tree.name);
-  fmt::format_to(out,
-                 "  local current=${{COMP_WORDS[COMP_CWORD]}} previous=${{COMP_WORDS[COMP_CWORD-1]}}"
-                 " command= word\n"
-                 "  for word in \"${{COMP_WORDS[@]:1:COMP_CWORD-1}}\"; do\n"
-                 "    case $word in\n"
-                 "      {}) command=$word; break ;;\n"
-                 "    esac\n"
-                 "  done\n"
-                 "  case $command$previous in\n",
-                 fmt::join(commandNames(tree), " | "));
+  fmt::format_to(
+      out,
+      "  local current=${{COMP_WORDS[COMP_CWORD]}} previous=${{COMP_WORDS[COMP_CWORD-1]}}"
+      " command= word\n"
+      "  for word in \"${{COMP_WORDS[@]:1:COMP_CWORD-1}}\"; do\n"
+      "    case $word in\n"
+      "      {}) command=$word; break ;;\n"
+      "    esac\n"
+      "  done\n"
+      "  case $command$previous in\n",
+      fmt::join(commandNames(tree), " | "));
   const auto addValues = [&](const CompletableCommand& command, std::string_view name) {
     for (const CompletableOption& option : command.options) {
       if (option.value == Value::none || option.names.empty()) continue;
@@ -143,24 +144,28 @@ std::string zsh(const CompletableCommand& tree) {
       for (const std::string& name : option.names)
         fmt::format_to(out, " \\\n{}{}", indent, zshSpecification(option, name));
   };
-  fmt::format_to(out, "#compdef {0}\n_{0}() {{\n  local curcontext=$curcontext state line\n"
-                      "  typeset -A opt_args\n  _arguments -C",
+  fmt::format_to(out,
+                 "#compdef {0}\n_{0}() {{\n  local curcontext=$curcontext state line\n"
+                 "  typeset -A opt_args\n  _arguments -C",
                  tree.name);
   addArguments(tree, "    ");
-  fmt::format_to(out, " \\\n    '1:command:->command' \\\n    '*::argument:->arguments'\n"
-                      "  case $state in\n    command)\n      local -a commands=(\n");
+  fmt::format_to(out,
+                 " \\\n    '1:command:->command' \\\n    '*::argument:->arguments'\n"
+                 "  case $state in\n    command)\n      local -a commands=(\n");
   for (const CompletableCommand& command : tree.commands)
     fmt::format_to(out, "        {}\n", inQuotes(command.name + ":" + command.description));
-  fmt::format_to(out, "      )\n      _describe command commands\n      ;;\n"
-                      "    arguments)\n      case $line[1] in\n");
+  fmt::format_to(out,
+                 "      )\n      _describe command commands\n      ;;\n"
+                 "    arguments)\n      case $line[1] in\n");
   for (const CompletableCommand& command : tree.commands) {
     fmt::format_to(out, "        {})\n          _arguments", command.name);
     addArguments(command, "            ");
     fmt::format_to(out, "\n          ;;\n");
   }
-  fmt::format_to(out, "      esac\n      ;;\n  esac\n}}\n"
-                      "if [ \"$funcstack[1]\" = _{0} ]; then\n  _{0} \"$@\"\nelse\n"
-                      "  compdef _{0} {0}\nfi\n",
+  fmt::format_to(out,
+                 "      esac\n      ;;\n  esac\n}}\n"
+                 "if [ \"$funcstack[1]\" = _{0} ]; then\n  _{0} \"$@\"\nelse\n"
+                 "  compdef _{0} {0}\nfi\n",
                  tree.name);
   return fmt::to_string(script);
 }
@@ -178,7 +183,8 @@ std::string fish(const CompletableCommand& tree) {
         fmt::format_to(out, " {} {}", isLong ? "-l" : "-s", name.substr(isLong ? 2 : 1));
       }
       if (option.value == Value::choice)
-        fmt::format_to(out, " -x -a {}", inQuotes(fmt::format("{}", fmt::join(option.choices, " "))));
+        fmt::format_to(out, " -x -a {}",
+                       inQuotes(fmt::format("{}", fmt::join(option.choices, " "))));
       if (option.value == Value::file) fmt::format_to(out, " -r -F");
       if (option.value == Value::command)
         fmt::format_to(out, " -r -F -a '(__fish_complete_command)'");
@@ -204,9 +210,8 @@ CompletableCommand commandTree(const CLI::App& app) {
     if (below->get_group().empty()) continue;
     CompletableCommand command = commandTree(*below);
     for (const CompletableOption& option : tree.options) {
-      const bool isKnown = std::ranges::any_of(command.options, [&](const auto& other) {
-        return other.names == option.names;
-      });
+      const bool isKnown = std::ranges::any_of(
+          command.options, [&](const auto& other) { return other.names == option.names; });
       if (!isKnown) command.options.push_back(option);
     }
     tree.commands.push_back(std::move(command));

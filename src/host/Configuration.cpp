@@ -1,8 +1,8 @@
 #include "host/Configuration.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace tandor::host {
@@ -49,7 +49,9 @@ std::expected<void, Failure> checkComplete(const Settings& settings) {
   return {};
 }
 
-std::string_view textOf(bool value) { return value ? "true" : "false"; }
+std::string_view textOf(bool value) {
+  return value ? "true" : "false";
+}
 
 }  // namespace
 
@@ -76,7 +78,8 @@ ProviderValues Configuration::values(const std::string& socketPath) const {
 std::string Configuration::description() const {
   std::string text(nameOf(mode));
   if (mode == Mode::webProxy && proxy) text += " through " + proxy->description();
-  if (mode == Mode::tunnelWhiteList) text += apps.empty() ? " for all applications" : " for all but";
+  if (mode == Mode::tunnelWhiteList)
+    text += apps.empty() ? " for all applications" : " for all but";
   if (mode != Mode::tunnelWhiteList) text += " for";
   if (!apps.empty())
     text += fmt::format(" {} application{}", apps.size(), apps.size() == 1 ? "" : "s");

@@ -1,17 +1,17 @@
 #include "host/ConfigurationFile.h"
 
-#include <fmt/format.h>
-
 #include <cerrno>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 #include <system_error>
 #include <utility>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "platform/foundation/Text.h"
 
@@ -33,11 +33,12 @@ struct Position {
 /// Walks over a text and tells how far it is, which the parser itself keeps for its own errors.
 class CountingIterator {
  public:
-  using iterator_category = std::input_iterator_tag;  // NOLINT(*-identifier-naming): as std names it
-  using value_type = char;                            // NOLINT(*-identifier-naming)
-  using difference_type = std::ptrdiff_t;             // NOLINT(*-identifier-naming)
-  using pointer = const char*;                        // NOLINT(*-identifier-naming)
-  using reference = const char&;                      // NOLINT(*-identifier-naming)
+  using iterator_category =
+      std::input_iterator_tag;             // NOLINT(*-identifier-naming): as std names it
+  using value_type = char;                 // NOLINT(*-identifier-naming)
+  using difference_type = std::ptrdiff_t;  // NOLINT(*-identifier-naming)
+  using pointer = const char*;             // NOLINT(*-identifier-naming)
+  using reference = const char&;           // NOLINT(*-identifier-naming)
 
   CountingIterator(const char* character, Position& position) noexcept
       : character_(character), position_(&position) {}
@@ -64,7 +65,8 @@ class CountingIterator {
 /// Takes the values as the parser meets them, while the line is known.
 class FileReader : public nlohmann::json_sax<json> {
  public:
-  FileReader(const std::string& path, const Position& position) : path_(path), position_(position) {}
+  FileReader(const std::string& path, const Position& position)
+      : path_(path), position_(position) {}
 
   [[nodiscard]] Settings& settings() noexcept { return settings_; }
   [[nodiscard]] const std::string& error() const noexcept { return error_; }
@@ -116,7 +118,8 @@ class FileReader : public nlohmann::json_sax<json> {
                                                      "debug", "enable", "connectReply"};
     key_ = name;
     if (!known.contains(name)) {
-      return fail("is unknown; the keys are mode, apps, proxy, log, debug, enable and connectReply");
+      return fail(
+          "is unknown; the keys are mode, apps, proxy, log, debug, enable and connectReply");
     }
     return keys_.insert(name).second || fail("is there twice");
   }
@@ -127,8 +130,8 @@ class FileReader : public nlohmann::json_sax<json> {
     if (const std::size_t dash = why.find(" - "); dash != std::string_view::npos)
       why.remove_prefix(dash + 3);
     error_ = fmt::format("{}:{}: {}{}no valid JSON: {}", path_, position_.lineOfToken(),
-                         key_.empty() ? "" : tandor::quoted(key_), key_.empty() ? "" : " or behind it: ",
-                         why);
+                         key_.empty() ? "" : tandor::quoted(key_),
+                         key_.empty() ? "" : " or behind it: ", why);
     return false;
   }
 

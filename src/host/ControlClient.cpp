@@ -1,16 +1,16 @@
 #include "host/ControlClient.h"
 
-#include <fmt/format.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "host/JSONValues.h"
 
@@ -84,9 +84,8 @@ std::expected<json, Failure> ControlClient::call(std::string_view name, json mem
   json reply = std::move(*std::exchange(reply_, std::nullopt));
   const json error = reply.value("error", json());
   if (error.is_null()) return reply;
-  return std::unexpected(
-      Failure{textMember(error, "description").value_or("the provider refused"),
-              adviceFor(numberMember(error, "code").value_or(0))});
+  return std::unexpected(Failure{textMember(error, "description").value_or("the provider refused"),
+                                 adviceFor(numberMember(error, "code").value_or(0))});
 }
 
 bool ControlClient::send(std::string_view line) {
@@ -133,8 +132,9 @@ Failure connectFailure(const std::string& path, int error) {
   switch (error) {
     case ENOENT:
     case ECONNREFUSED:
-      return {fmt::format("no provider listens on {}", path),
-              "start one with `sudo tandor run`, or the service with `sudo systemctl start tandor`"};
+      return {
+          fmt::format("no provider listens on {}", path),
+          "start one with `sudo tandor run`, or the service with `sudo systemctl start tandor`"};
     case EACCES:
     case EPERM:
       return {fmt::format("not permitted to talk to the provider on {}", path),

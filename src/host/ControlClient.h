@@ -5,10 +5,11 @@
 #include <expected>
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include <nlohmann/json.hpp>
 
 #include "host/EventLoop.h"
 #include "host/Failure.h"

@@ -1,11 +1,11 @@
 // The commands that call a provider once.
 
-#include <fmt/format.h>
-
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "host/Commands.h"
 #include "host/ConfigurationFile.h"
@@ -55,27 +55,25 @@ json describeJSON(const Configuration& configuration) {
     if (!app.warning.empty()) entry["warning"] = app.warning;
     apps.push_back(std::move(entry));
   }
-  return {{"mode", nameOf(configuration.mode)},
-          {"proxy", configuration.proxy ? json(configuration.proxy->description()) : json()},
-          {"apps", std::move(apps)},
-          {"log", configuration.log.empty() ? json() : json(configuration.log)},
-          {"debug", configuration.debug},
-          {"enable", configuration.enable},
-          {"connectReply",
-           connectReplyNames[static_cast<std::size_t>(configuration.connectReply)]}};
+  return {
+      {"mode", nameOf(configuration.mode)},
+      {"proxy", configuration.proxy ? json(configuration.proxy->description()) : json()},
+      {"apps", std::move(apps)},
+      {"log", configuration.log.empty() ? json() : json(configuration.log)},
+      {"debug", configuration.debug},
+      {"enable", configuration.enable},
+      {"connectReply", connectReplyNames[static_cast<std::size_t>(configuration.connectReply)]}};
 }
 
-std::expected<Configuration, Failure> configurationToStart(const Options& options,
-                                                           Output& output) {
+std::expected<Configuration, Failure> configurationToStart(const Options& options, Output& output) {
   Options withFile = options;
   std::error_code ignored;
   if (!options.configurationFile && std::filesystem::exists(defaultConfigurationFile, ignored))
     withFile.configurationFile = defaultConfigurationFile;
   const auto file = settingsOfFile(withFile);
   if (!file) return std::unexpected(file.error());
-  auto configuration =
-      makeConfiguration(overlay(options.settings, *file),
-                        ApplicationResolver(ApplicationPlaces::ofThisMachine()));
+  auto configuration = makeConfiguration(overlay(options.settings, *file),
+                                         ApplicationResolver(ApplicationPlaces::ofThisMachine()));
   if (configuration) showApplications(*configuration, output);
   return configuration;
 }
@@ -95,11 +93,10 @@ Outcome startCommand(const Options& options, Output& output) {
   const auto folder = PrivateFolder::make("tandor-start", places);
   if (!folder) return std::unexpected(folder.error());
   bool isStarted = false;
-  const auto status =
-      StatusSocket::listen(loop, (folder->path() / "status").string(),
-                           [&](const StatusChange& change) {
-                             isStarted = change.status == ProxyProviderStatus::started;
-                           });
+  const auto status = StatusSocket::listen(
+      loop, (folder->path() / "status").string(), [&](const StatusChange& change) {
+        isStarted = change.status == ProxyProviderStatus::started;
+      });
   if (!status) return std::unexpected(status.error());
   if (auto started = provider->start(configuration->values((*status)->path())); !started)
     return std::unexpected(started.error());
@@ -108,10 +105,9 @@ Outcome startCommand(const Options& options, Output& output) {
   const ProviderValues values = configuration->values({});
   if (auto updated = provider->update(values); !updated) output.failure(updated.error());
   keep(*provider, values, output);
-  output.line(fmt::format("{}: {} (provider {}, process {})",
-                          output.paint(Output::Colour::green, "started"),
-                          printable(configuration->description()), provider->status.version,
-                          provider->status.pid));
+  output.line(fmt::format(
+      "{}: {} (provider {}, process {})", output.paint(Output::Colour::green, "started"),
+      printable(configuration->description()), provider->status.version, provider->status.pid));
   json result = {{"state", "running"}, {"pid", provider->status.pid}};
   result["configuration"] = describeJSON(*configuration);
   output.value(result);
@@ -149,7 +145,8 @@ Outcome updateCommand(const Options& options, Output& output) {
   if (sent && last.log.value_or("") != configuration->log)
     output.note("the log moves to its new file with the next start");
   output.line(printable("updated: " + configuration->description()));
-  output.value({{"state", provider->status.state}, {"configuration", describeJSON(*configuration)}});
+  output.value(
+      {{"state", provider->status.state}, {"configuration", describeJSON(*configuration)}});
   return exitDone;
 }
 

@@ -1,10 +1,9 @@
-#include <unistd.h>
-
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <unistd.h>
 #include <vector>
 
 #include "host/ChildProcess.h"

@@ -50,8 +50,8 @@ std::vector<std::string> words(std::string_view command) {
 std::string argumentBehind(const std::vector<std::string>& line, std::string_view command,
                            std::string_view verb) {
   if (line.size() < 3 || fs::path(line[0]).filename() != command || line[1] != verb) return {};
-  const auto argument = std::find_if(line.begin() + 2, line.end(),
-                                     [](const std::string& word) { return !word.starts_with('-'); });
+  const auto argument = std::find_if(
+      line.begin() + 2, line.end(), [](const std::string& word) { return !word.starts_with('-'); });
   return argument == line.end() ? std::string() : *argument;
 }
 
@@ -100,8 +100,8 @@ std::vector<DesktopEntry> readDesktopEntries(const std::vector<fs::path>& folder
   std::set<std::string> known;
   for (const fs::path& folder : folders) {
     std::error_code error;
-    fs::recursive_directory_iterator file(
-        folder, fs::directory_options::skip_permission_denied, error);
+    fs::recursive_directory_iterator file(folder, fs::directory_options::skip_permission_denied,
+                                          error);
     for (; !error && file != fs::recursive_directory_iterator(); file.increment(error)) {
       if (file.depth() >= deepestFolder) file.disable_recursion_pending();
       if (file->path().extension() != ".desktop") continue;

@@ -1,10 +1,10 @@
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
 #include <vector>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "host/Commands.h"
 #include "host/Doctor.h"
@@ -51,9 +51,9 @@ void print(const std::vector<Finding>& findings, Output& output) {
   for (const Finding& finding : findings) width = std::max(width, finding.check.size());
   for (const Finding& finding : findings) {
     const auto index = static_cast<std::size_t>(finding.result);
-    output.line(fmt::format(
-        "{} {:<{}}  {}", output.paint(colours[index], fmt::format("{:<7}", resultNames[index])),
-        printable(finding.check), width, printable(finding.text)));
+    output.line(fmt::format("{} {:<{}}  {}",
+                            output.paint(colours[index], fmt::format("{:<7}", resultNames[index])),
+                            printable(finding.check), width, printable(finding.text)));
     if (!finding.advice.empty())
       output.line(fmt::format("{:8}{:<{}}  {}", "", "", width, printable("-> " + finding.advice)));
   }
@@ -72,8 +72,8 @@ Outcome doctorCommand(const Options& options, Output& output) {
   findings.push_back(checkPort(machine, isRunning));
   findings.push_back(checkQueue(machine, isRunning));
   findings.push_back(control);
-  for (const auto check : {checkDefaultRoute, checkDirectInterface, checkReversePathFilter,
-                           checkMarks})
+  for (const auto check :
+       {checkDefaultRoute, checkDirectInterface, checkReversePathFilter, checkMarks})
     findings.push_back(check(machine));
 
   const auto failed = std::ranges::count(findings, Result::failure, &Finding::result);

@@ -1,12 +1,12 @@
 // What interception needs of the kernel and of the packet filter's tools.
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-
 #include <charconv>
 #include <optional>
 #include <sstream>
 #include <string_view>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "host/Doctor.h"
 
@@ -83,8 +83,7 @@ struct Kernel {
       return {check, Result::unknown, "this kernel does not tell what it has",
               "a start will tell: its error names what is missing"};
     }
-    return {check, Result::failure,
-            fmt::format("the running kernel {} does not have it", release),
+    return {check, Result::failure, fmt::format("the running kernel {} does not have it", release),
             fmt::format("start a kernel with CONFIG_{}, such as the distribution's own; behind an "
                         "upgrade of the kernel, start the machine again",
                         feature.option)};
@@ -106,8 +105,8 @@ std::optional<std::uint64_t> effectiveCapabilities(const Machine& machine) {
     if (!line.starts_with(key)) continue;
     const std::string_view number = std::string_view(line).substr(key.size());
     std::uint64_t capabilities = 0;
-    const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(),
-                                              capabilities, 16);
+    const auto [end, error] =
+        std::from_chars(number.data(), number.data() + number.size(), capabilities, 16);
     if (error == std::errc()) return capabilities;
   }
   return std::nullopt;
@@ -123,8 +122,7 @@ Finding checkPrivileges(const Machine& machine) {
   static constexpr Capability needed[] = {
       {12, "CAP_NET_ADMIN"}, {19, "CAP_SYS_PTRACE"}, {2, "CAP_DAC_READ_SEARCH"}};
   const auto effective = effectiveCapabilities(machine);
-  if (!effective)
-    return {"privileges", Result::unknown, "/proc does not tell", "mount /proc"};
+  if (!effective) return {"privileges", Result::unknown, "/proc does not tell", "mount /proc"};
   std::vector<std::string_view> missing;
   for (const auto& [number, name] : needed)
     if ((*effective >> number & 1U) == 0) missing.push_back(name);

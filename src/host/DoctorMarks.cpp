@@ -1,13 +1,13 @@
 // Packet marks of other software that get in the way of ours.
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <optional>
 #include <sstream>
 #include <string_view>
+
+#include <fmt/format.h>
 
 #include "host/Doctor.h"
 
@@ -109,8 +109,7 @@ Finding checkMarks(const Machine& machine) {
   }
   auto rule = foreignRule(saved.value_or(""));
   if (!rule) rule = foreignStatement(ruleset.value_or(""));
-  if (!rule)
-    return {"packet marks", Result::good, "nobody else uses bits 0x70000000", ""};
+  if (!rule) return {"packet marks", Result::good, "nobody else uses bits 0x70000000", ""};
   return {"packet marks", Result::warning,
           fmt::format("a rule of other software changes bits 0x70000000: {}", *rule),
           "give that software a mask that leaves them out, such as 0x0fffffff"};

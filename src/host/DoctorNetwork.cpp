@@ -1,12 +1,12 @@
 // What interception needs of the network and of other software.
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-
 #include <algorithm>
 #include <optional>
 #include <sstream>
 #include <utility>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "host/Doctor.h"
 #include "host/InternetSockets.h"

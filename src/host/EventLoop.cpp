@@ -1,8 +1,7 @@
 #include "host/EventLoop.h"
 
-#include <poll.h>
-
 #include <algorithm>
+#include <poll.h>
 #include <vector>
 
 namespace tandor::host {

@@ -18,8 +18,7 @@ class EventLoop {
   class Watch {
    public:
     Watch() noexcept = default;
-    Watch(Watch&& other) noexcept
-        : loop_(std::exchange(other.loop_, nullptr)), key_(other.key_) {}
+    Watch(Watch&& other) noexcept : loop_(std::exchange(other.loop_, nullptr)), key_(other.key_) {}
     Watch& operator=(Watch&& other) noexcept {
       std::swap(loop_, other.loop_);
       std::swap(key_, other.key_);

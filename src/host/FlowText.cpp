@@ -1,10 +1,10 @@
 #include "host/FlowText.h"
 
-#include <fmt/chrono.h>
-#include <fmt/format.h>
-
 #include <chrono>
 #include <map>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "host/JSONValues.h"
@@ -25,12 +25,16 @@ std::string bytes(const json& flow, std::string_view key) {
 
 }  // namespace
 
-bool isAboutLeftFlow(const json& event) { return textMember(event, "event") == "left"; }
+bool isAboutLeftFlow(const json& event) {
+  return textMember(event, "event") == "left";
+}
 
 std::string describeEvent(const json& event, const Output& output) {
-  static const std::map<std::string, Colour, std::less<>> colours = {
-      {"open", Colour::green}, {"close", Colour::plain}, {"left", Colour::dim},
-      {"refused", Colour::yellow}, {"gap", Colour::red}};
+  static const std::map<std::string, Colour, std::less<>> colours = {{"open", Colour::green},
+                                                                     {"close", Colour::plain},
+                                                                     {"left", Colour::dim},
+                                                                     {"refused", Colour::yellow},
+                                                                     {"gap", Colour::red}};
   const std::string kind = text(event, "event");
   const auto colour = colours.find(kind);
   std::string line = fmt::format(
@@ -57,8 +61,8 @@ std::string describeEvent(const json& event, const Output& output) {
 }
 
 Table flowTable(const json& flows) {
-  Table table({"APPLICATION", "PID", "PROTOCOL", "DESTINATION", "OUTBOUND", "INTERFACE", "IN",
-               "OUT"});
+  Table table(
+      {"APPLICATION", "PID", "PROTOCOL", "DESTINATION", "OUTBOUND", "INTERFACE", "IN", "OUT"});
   const auto orDash = [](std::string value) { return value.empty() ? std::string("-") : value; };
   for (const json& flow : flows) {
     table.add({text(flow, "app"), std::to_string(numberMember(flow, "pid").value_or(0)),

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
+
+#include <nlohmann/json_fwd.hpp>
 
 #include "host/Output.h"
 

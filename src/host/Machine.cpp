@@ -1,16 +1,15 @@
 #include "host/Machine.h"
 
-#include <linux/ethtool.h>
-#include <linux/sockios.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <fstream>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
 #include <sstream>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <system_error>
 #include <utility>
 
@@ -49,19 +48,18 @@ Kind kindOf(const Machine& machine, const std::string& interface) {
 }
 
 bool isUp(const Machine& machine, const std::string& interface) {
-  const std::string state =
-      machine.read("/sys/class/net/" + interface + "/operstate").value_or("");
+  const std::string state = machine.read("/sys/class/net/" + interface + "/operstate").value_or("");
   return state != "down\n" && state != "lowerlayerdown\n";
 }
 
 }  // namespace
 
 Machine Machine::thisOne() {
-  return {.root = "/",
-          .outputOf = [](std::vector<std::string> arguments) {
-            return host::outputOf(std::move(arguments));
-          },
-          .driverOf = driverName};
+  return {
+      .root = "/",
+      .outputOf =
+          [](std::vector<std::string> arguments) { return host::outputOf(std::move(arguments)); },
+      .driverOf = driverName};
 }
 
 std::optional<std::string> Machine::read(const std::string& path) const {

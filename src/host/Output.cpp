@@ -1,13 +1,13 @@
 #include "host/Output.h"
 
-#include <fmt/format.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <iterator>
+#include <unistd.h>
+
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "host/JSONValues.h"
@@ -75,7 +75,7 @@ std::string byteCount(std::uint64_t bytes) {
   std::size_t unit = 0;
   // What would be rounded up to 1000 belongs to the next unit.
   for (; count >= 999.5 && unit + 1 < units.size(); ++unit) count /= 1000;
-  return fmt::format(count < 9.95 ? "{:.1f} {}" : "{:.0f} {}", count, units.at(unit));
+  return fmt::format("{:.{}f} {}", count, count < 9.95 ? 1 : 0, units.at(unit));
 }
 
 std::string timeSpan(std::chrono::seconds span) {

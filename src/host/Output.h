@@ -2,10 +2,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <nlohmann/json_fwd.hpp>
 
 #include "host/Failure.h"
 

@@ -1,14 +1,14 @@
 #include "host/PrivateFolder.h"
 
-#include <fmt/format.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
 #include <optional>
+#include <signal.h>
 #include <system_error>
+#include <unistd.h>
+
+#include <fmt/format.h>
 
 #include "platform/foundation/Text.h"
 
@@ -31,7 +31,9 @@ std::optional<pid_t> makerOf(const fs::path& folder, std::string_view name) {
   return static_cast<pid_t>(*pid);
 }
 
-bool isRunning(pid_t process) { return ::kill(process, 0) == 0 || errno == EPERM; }
+bool isRunning(pid_t process) {
+  return ::kill(process, 0) == 0 || errno == EPERM;
+}
 
 /// Calls `visit` with each folder of this name and whether its maker still runs.
 template <typename Visit>

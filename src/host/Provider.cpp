@@ -1,13 +1,13 @@
 #include "host/Provider.h"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
+#include <unistd.h>
 #include <utility>
 #include <vector>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "host/JSONValues.h"
 #include "host/PrivateFolder.h"
@@ -91,9 +91,9 @@ std::expected<Provider, Failure> Provider::connect(EventLoop& loop,
 
 std::expected<void, Failure> Provider::checkVersion() const {
   if (status.version == TANDOR_VERSION) return {};
-  return fail(fmt::format("the provider is version {}, this program {}", status.version,
-                          TANDOR_VERSION),
-              "install the same version of both, then `sudo systemctl restart tandor`");
+  return fail(
+      fmt::format("the provider is version {}, this program {}", status.version, TANDOR_VERSION),
+      "install the same version of both, then `sudo systemctl restart tandor`");
 }
 
 std::expected<void, Failure> Provider::checkIdle() const {

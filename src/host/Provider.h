@@ -1,13 +1,13 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <expected>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
 
 #include "host/ControlClient.h"
 #include "host/EventLoop.h"

@@ -1,17 +1,17 @@
 #include "host/ProviderProcess.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <signal.h>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace tandor::host {
 namespace {
@@ -58,9 +58,9 @@ std::expected<std::unique_ptr<ProviderProcess>, Failure> ProviderProcess::start(
   auto child = ChildProcess::start({*program, "--control", controlPath},
                                    {.output = writing.get(), .errors = writing.get()});
   if (!child) {
-    return fail(fmt::format("cannot run {}: {}", *program,
-                            std::generic_category().message(child.error())),
-                "check that the file is the program that was installed");
+    return fail(
+        fmt::format("cannot run {}: {}", *program, std::generic_category().message(child.error())),
+        "check that the file is the program that was installed");
   }
   return std::unique_ptr<ProviderProcess>(
       new ProviderProcess(loop, std::move(*child), std::move(reading),  // NOLINT(*-owning-memory)
@@ -102,8 +102,8 @@ void ProviderProcess::readLog() {
 Failure ProviderProcess::unexpectedEnd() {
   // Its last words may still be in the pipe.
   static_cast<void>(loop_.runUntil([] { return false; }, 50ms));
-  std::string message = fmt::format("the provider has ended {}",
-                                    howItEnded(child_.wait(killLimit).value_or(0)));
+  std::string message =
+      fmt::format("the provider has ended {}", howItEnded(child_.wait(killLimit).value_or(0)));
   if (!isLogShown_ && !lastLines_.empty()) {
     message += "; it said last:";
     for (const std::string& line : lastLines_) message += "\n  " + line;

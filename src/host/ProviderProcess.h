@@ -17,8 +17,8 @@ namespace tandor::host {
 /// A provider that this command started for itself.
 class ProviderProcess {
  public:
-  /// Starts it with its control socket at `controlPath`. What it logs is read inside the loop, which
-  /// outlives it, and shown if `isLogShown`.
+  /// Starts it with its control socket at `controlPath`. What it logs is read inside the loop,
+  /// which outlives it, and shown if `isLogShown`.
   [[nodiscard]] static std::expected<std::unique_ptr<ProviderProcess>, Failure> start(
       EventLoop& loop, const std::string& controlPath, bool isLogShown);
 

@@ -1,15 +1,15 @@
 // A provider in the foreground: started, shown while it works, stopped.
 
-#include <fmt/format.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
+#include <unistd.h>
 #include <utility>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "host/Commands.h"
 #include "host/FlowText.h"
@@ -39,10 +39,10 @@ class RunSession {
       : options_(options), output_(output), signals_(loop_, [this] { isEndWanted_ = true; }) {}
 
   [[nodiscard]] Outcome run(const Configuration& configuration) {
-    const auto result = attach()
-                            .and_then([&] { return start(configuration); })
-                            .and_then([&] { return watchUntilTheEnd(); });
-    return finish(result);
+    Result result = attach();
+    if (result) result = start(configuration);
+    if (result) result = watchUntilTheEnd();
+    return finish(std::move(result));
   }
 
  private:
@@ -75,12 +75,12 @@ class RunSession {
 
   [[nodiscard]] Result launch(const std::vector<std::filesystem::path>& places) {
     if (::geteuid() != 0) {
-      return fail("not permitted to intercept flows",
-                  "run it with sudo: sudo tandor run ...; or let an administrator start the service");
+      return fail(
+          "not permitted to intercept flows",
+          "run it with sudo: sudo tandor run ...; or let an administrator start the service");
     }
     if (auto made = makeFolder(runFolderName, places); !made) return made;
-    const std::string path =
-        options_.control.value_or((folder_->path() / "control.sock").string());
+    const std::string path = options_.control.value_or((folder_->path() / "control.sock").string());
     auto process = ProviderProcess::start(loop_, path, options_.settings.debug.value_or(false));
     if (!process) return std::unexpected(process.error());
     process_ = std::move(*process);
@@ -148,9 +148,8 @@ class RunSession {
   }
 
   [[nodiscard]] Result watchUntilTheEnd() {
-    static_cast<void>(loop_.runUntil([this] {
-      return isEndWanted_ || hasStopped_ || hasProviderEnded() || !output_.isRead();
-    }));
+    static_cast<void>(loop_.runUntil(
+        [this] { return isEndWanted_ || hasStopped_ || hasProviderEnded() || !output_.isRead(); }));
     if (hasStopped_ && !isEndWanted_) {
       // Somebody else stopped it, or the whole provider ends.
       output_.note("the provider was stopped by somebody else");

@@ -1,15 +1,15 @@
 #include "host/SentConfiguration.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <system_error>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "host/JSONValues.h"
 #include "platform/linux/FileDescriptor.h"
@@ -19,7 +19,9 @@ namespace {
 
 using nlohmann::json;
 
-std::string pathBeside(const std::string& controlPath) { return controlPath + ".sent"; }
+std::string pathBeside(const std::string& controlPath) {
+  return controlPath + ".sent";
+}
 
 std::unexpected<Failure> cannotKeep(const std::string& path, int error) {
   return fail(fmt::format("cannot keep what was sent in {}: {}", path,
@@ -61,6 +63,8 @@ std::optional<SentConfiguration> lastSent(const std::string& controlPath, pid_t 
   return sent;
 }
 
-void forgetSent(const std::string& controlPath) { ::unlink(pathBeside(controlPath).c_str()); }
+void forgetSent(const std::string& controlPath) {
+  ::unlink(pathBeside(controlPath).c_str());
+}
 
 }  // namespace tandor::host

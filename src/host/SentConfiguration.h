@@ -1,10 +1,9 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <expected>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 #include "host/Failure.h"
 #include "host/Settings.h"

@@ -1,10 +1,10 @@
 #include "host/Settings.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <iterator>
 #include <limits>
+
+#include <fmt/format.h>
 
 #include "host/ApplicationResolver.h"
 #include "platform/foundation/JSON.h"
@@ -22,15 +22,19 @@ std::optional<Value> named(const auto& names, std::string_view name) {
 
 bool isHostCharacter(char character) {
   const auto value = static_cast<unsigned char>(character);
-  return value > ' ' && value != 0x7F && std::string_view("/@?#[]\\\"").find(character) ==
-                                             std::string_view::npos;
+  return value > ' ' && value != 0x7F &&
+         std::string_view("/@?#[]\\\"").find(character) == std::string_view::npos;
 }
 
 }  // namespace
 
-std::optional<Mode> modeNamed(std::string_view name) { return named<Mode>(modeNames, name); }
+std::optional<Mode> modeNamed(std::string_view name) {
+  return named<Mode>(modeNames, name);
+}
 
-std::string_view nameOf(Mode mode) { return modeNames[static_cast<std::size_t>(mode)]; }
+std::string_view nameOf(Mode mode) {
+  return modeNames[static_cast<std::size_t>(mode)];
+}
 
 std::optional<ConnectReply> connectReplyNamed(std::string_view name) {
   return named<ConnectReply>(connectReplyNames, name);
@@ -56,14 +60,14 @@ std::expected<Proxy, std::string> Proxy::parse(std::string_view text) {
   if (host.empty()) return std::unexpected("the host is missing");
   if (!std::ranges::all_of(host, isHostCharacter))
     return std::unexpected("the host has characters that no host name has");
-  const auto port =
-      parseDecimal(text.substr(colon + 1), std::numeric_limits<std::uint16_t>::max());
+  const auto port = parseDecimal(text.substr(colon + 1), std::numeric_limits<std::uint16_t>::max());
   if (!port || *port == 0) return std::unexpected("the port is no number from 1 to 65535");
   return Proxy{std::string(host), static_cast<std::uint16_t>(*port)};
 }
 
 std::string Proxy::description() const {
-  return fmt::format(host.contains(':') ? "[{}]:{}" : "{}:{}", host, port);
+  const bool isAddress = host.contains(':');
+  return fmt::format("{}{}{}:{}", isAddress ? "[" : "", host, isAddress ? "]" : "", port);
 }
 
 Settings overlay(Settings upper, const Settings& lower) {

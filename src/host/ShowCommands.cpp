@@ -1,15 +1,15 @@
 // The commands that show what is there.
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <nlohmann/json.hpp>
 #include <set>
+#include <unistd.h>
 #include <vector>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <nlohmann/json.hpp>
 
 #include "host/Commands.h"
 #include "host/FlowText.h"
@@ -47,15 +47,16 @@ std::string since(const std::string& text) {
 }
 
 std::uint64_t count(const json& group, std::string_view key) {
-  return static_cast<std::uint64_t>(std::max<std::int64_t>(0, numberMember(group, key).value_or(0)));
+  return static_cast<std::uint64_t>(
+      std::max<std::int64_t>(0, numberMember(group, key).value_or(0)));
 }
 
 void printStatus(const Provider& provider, const std::optional<SentConfiguration>& sent,
                  Output& output) {
   const json& whole = provider.status.whole;
   const auto row = [&](std::string_view name, std::string_view value) {
-    output.line(fmt::format("{}{}", output.paint(Output::Colour::dim, fmt::format("{:<15}", name)),
-                            value));
+    output.line(
+        fmt::format("{}{}", output.paint(Output::Colour::dim, fmt::format("{:<15}", name)), value));
   };
   const bool isRunning = provider.status.state == "running";
   row("state", output.paint(isRunning ? Output::Colour::green : Output::Colour::yellow,
@@ -69,8 +70,8 @@ void printStatus(const Provider& provider, const std::optional<SentConfiguration
   row("flows", fmt::format("{} open, {} taken, {} left, {} refused", count(flows, "open"),
                            count(flows, "taken"), count(flows, "left"), count(flows, "refused")));
   const json bytes = whole.value("bytes", json::object());
-  row("bytes", fmt::format("{} in, {} out", byteCount(count(bytes, "in")),
-                           byteCount(count(bytes, "out"))));
+  row("bytes",
+      fmt::format("{} in, {} out", byteCount(count(bytes, "in")), byteCount(count(bytes, "out"))));
   if (sent) row("configuration", describeValues(sent->values));
 }
 

@@ -33,7 +33,9 @@ class Cursor {
   std::span<const std::uint8_t> bytes_;
 };
 
-std::string textOf(std::span<const std::uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
+std::string textOf(std::span<const std::uint8_t> bytes) {
+  return {bytes.begin(), bytes.end()};
+}
 
 /// `payload` is at least as long as an empty one.
 std::expected<HostMessage, std::string_view> readPayload(std::span<const std::uint8_t> payload) {

@@ -1,15 +1,15 @@
 #include "host/StatusSocket.h"
 
-#include <fmt/format.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <system_error>
+#include <unistd.h>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "ipc/IPCClient.h"
 
@@ -57,9 +57,9 @@ std::expected<std::unique_ptr<StatusSocket>, Failure> StatusSocket::listen(Event
       ::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       ::listen(listener.get(), backlog) != 0)
     return cannotListen(path, std::generic_category().message(errno));
-  return std::unique_ptr<StatusSocket>(
-      new StatusSocket(loop, std::move(listener), path,  // NOLINT(*-owning-memory): private
-                       std::move(handler)));
+  return std::unique_ptr<StatusSocket>(new StatusSocket(loop, std::move(listener),
+                                                        path,  // NOLINT(*-owning-memory): private
+                                                        std::move(handler)));
 }
 
 StatusSocket::StatusSocket(EventLoop& loop, FileDescriptor listener, std::string path,
@@ -70,11 +70,12 @@ StatusSocket::StatusSocket(EventLoop& loop, FileDescriptor listener, std::string
       handler_(std::move(handler)),
       watch_(loop.whenReadable(listener_.get(), [this] { accept(); })) {}
 
-StatusSocket::~StatusSocket() { ::unlink(path_.c_str()); }
+StatusSocket::~StatusSocket() {
+  ::unlink(path_.c_str());
+}
 
 void StatusSocket::accept() {
-  FileDescriptor socket(
-      ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  FileDescriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!socket.isOpen()) return;
   if (clients_.size() >= mostClients) clients_.pop_front();  // whoever waits longest hangs
   auto client = std::make_unique<Client>();
