@@ -13,7 +13,7 @@ struct Logger {
   /// verbatim: a percent sign means nothing here. Any thread; always writes, never fails.
   template <typename... Items>
   static void log(const Items&... items) {
-    std::string message;
+    std::string message;  // NOLINT(misc-const-correctness): constant only without items
     [[maybe_unused]] const char* separator = "";  // unused without items
     ((message += separator, message += description(items), separator = " "), ...);
     NSLog(message);

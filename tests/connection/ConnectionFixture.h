@@ -52,7 +52,7 @@ class ConnectionFixture : public testing::Test {
   static inline const ConnectionMode proxied = ConnectionMode::httpProxy(
       NWEndpoint::hostPort(NWEndpoint::Host::name("proxy.example"), NWEndpoint::Port(3128)));
 
-  ~ConnectionFixture() override { rest(); }
+  void TearDown() override { rest(); }
 
   /// Makes the connection, with everything scripted made anew.
   void make(const ConnectionMode& mode, const Options& options = {}) {

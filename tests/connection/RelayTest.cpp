@@ -12,16 +12,16 @@ class Relay : public ConnectionFixture {
   using Step = std::function<void()>;
 
   // What may happen to a relay.
-  Step read(std::optional<Data> data, Error error = {}) {
+  Step read(const std::optional<Data>& data, const Error& error = {}) {
     return [=, this] { tcpFlow_->completeRead(data, error); };
   }
-  Step sent(Error error = {}) {
+  Step sent(const Error& error = {}) {
     return [=, this] { out().completeSend(error); };
   }
-  Step received(std::optional<Data> data, bool isComplete = false, Error error = {}) {
+  Step received(const std::optional<Data>& data, bool isComplete = false, const Error& error = {}) {
     return [=, this] { out().completeReceive(data, isComplete, error); };
   }
-  Step written(Error error = {}) {
+  Step written(const Error& error = {}) {
     return [=, this] { tcpFlow_->completeWrite(error); };
   }
 

@@ -27,6 +27,7 @@ TEST(DispatchQueue, RunsEverythingOneAtATimeInTheOrderOfSubmission) {
   };
   {
     std::vector<std::jthread> threads;
+    threads.reserve(threadCount);
     for (int thread = 0; thread < threadCount; ++thread) {
       threads.emplace_back([&, thread] {
         for (int number = 1; number <= 3 * rounds; number += 3) {

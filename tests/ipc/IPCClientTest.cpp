@@ -51,9 +51,9 @@ TEST_F(IPCClientTest, SendsOneMessageBehindTheHandshake) {
 }
 
 TEST_F(IPCClientTest, FailuresOfTheMakingLeaveNoDescriptor) {
-  FakeHost silent(Manner::silent);
-  FakeHost atOnce(Manner::closesAtOnce);
-  FakeHost later(Manner::closesAfterGreeting);
+  const FakeHost silent(Manner::silent);
+  const FakeHost atOnce(Manner::closesAtOnce);
+  const FakeHost later(Manner::closesAfterGreeting);
   const std::pair<std::string, std::string> cases[] = {
       {"", failure("connect socket failed", EINVAL)},
       {std::string(103, 'p'), failure("connect socket failed", ENOENT)},
@@ -72,7 +72,7 @@ TEST_F(IPCClientTest, FailuresOfTheMakingLeaveNoDescriptor) {
 }
 
 TEST_F(IPCClientTest, ConnectsToAPathOf103Bytes) {
-  FakeHost host(Manner::proper, {}, 103);
+  const FakeHost host(Manner::proper, {}, 103);
   ASSERT_EQ(host.path().size(), 103);
   EXPECT_EQ(errorOf(IPCClient::make(host.path())), "");
 }

@@ -26,11 +26,11 @@ TEST_F(HostMessages, UpdateConfigReplacesTheConfigurationAndNothingElse) {
   const auto flow = relayed();
   const std::string message =
       update(R"({"mode": "directlyWhiteList", "appIds": "[]", "enable": "false"})");
+  const std::string raw = R"(log: parse config raw: ["appIds": "[]", "enable": "false", )"
+                          R"("mode": "directlyWhiteList"])";
   const Lines lines = sent(message);
   EXPECT_EQ(lines, (Lines{"log: handle app message: " + message,
-                          "log: receive app message: updateConfig [64] bytes",
-                          R"(log: parse config raw: ["appIds": "[]", "enable": "false", )"
-                          R"("mode": "directlyWhiteList"])",
+                          "log: receive app message: updateConfig [64] bytes", raw,
                           "log: parse config succeed: " + provider_->config()->description(),
                           "reply: " + message}));
   EXPECT_FALSE(provider_->enable());
