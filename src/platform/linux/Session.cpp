@@ -53,6 +53,13 @@ void releaseControlSocket() {
   if (!ownedControlPath().empty()) ::unlink(ownedControlPath().c_str());
 }
 
+/// Before anybody is served: the first request may end the process.
+FileDescriptor releasedAtExit(ControlSocket socket) {
+  ownedControlPath() = std::move(socket.ownedPath);
+  std::at_quick_exit(releaseControlSocket);
+  return std::move(socket.descriptor);
+}
+
 }  // namespace
 
 Session::Session(LinuxBackend& backend, ControlSocket socket,
@@ -62,11 +69,9 @@ Session::Session(LinuxBackend& backend, ControlSocket socket,
       since_(std::chrono::system_clock::now()),
       watch_(backend.service(), registry_),
       signals_(backend.service().context(), SIGTERM, SIGINT),
-      server_(backend.service(), std::move(socket.descriptor),
+      server_(backend.service(), releasedAtExit(std::move(socket)),
               [this](const std::string& call, const json& request,
                      const ControlServer::Reply& reply) { handle(call, request, reply); }) {
-  ownedControlPath() = std::move(socket.ownedPath);
-  std::at_quick_exit(releaseControlSocket);
   awaitSignal();
   ::sd_notify(0, "READY=1");
 }
