@@ -137,17 +137,18 @@ class ControlTest : public DescriptorTest {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, nullptr, 0);
     }
-    EXPECT_EQ(log().find("Sanitizer"), std::string::npos) << log();
+    EXPECT_FALSE(log().contains("Sanitizer")) << log();
     files::remove_all(folder_);
     DescriptorTest::TearDown();
   }
 
   [[nodiscard]] std::string path(const std::string& name) const { return folder_ / name; }
-  [[nodiscard]] std::string log() const {
+  [[nodiscard]] static std::string contents(const std::string& file) {
     std::stringstream text;
-    text << std::ifstream(path("stderr")).rdbuf();
+    text << std::ifstream(file).rdbuf();
     return text.str();
   }
+  [[nodiscard]] std::string log() const { return contents(path("stderr")); }
 
   void launch(const std::vector<std::string>& arguments, int descriptor3 = -1) {
     std::vector<char*> argv;
@@ -167,7 +168,12 @@ class ControlTest : public DescriptorTest {
   /// Starts the daemon and waits until it listens.
   void serve() {
     launch({TANDOR_PROVIDER, "--control", path("control")});
-    ASSERT_TRUE(eventually([this] { return unixSocket(path("control"), false).isOpen(); }));
+    awaitService(path("control"));
+  }
+  /// Waits until the daemon answers there: from then on it also hears signals.
+  static void awaitService(const std::string& path) {
+    ASSERT_TRUE(eventually([&] { return unixSocket(path, false).isOpen(); }));
+    EXPECT_EQ(Control(path).state(), "idle");
   }
   /// How the process that was launched last has ended: its status, or what killed it, negative.
   [[nodiscard]] int exitStatus() {
@@ -176,7 +182,18 @@ class ControlTest : public DescriptorTest {
     running_.pop_back();
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
-  void signal(int number) const { ::kill(running_.back(), number); }
+  void signal(int number) const {
+    if (!isSanitized) {
+      ::kill(running_.back(), number);
+      return;
+    }
+    // ThreadSanitizer holds back what the parked main thread gets: another one takes it.
+    const auto tasks = fmt::format("/proc/{}/task", running_.back());
+    for (const auto& task : files::directory_iterator(tasks)) {
+      if (contents(task.path() / "comm") != "tandor-loop-0\n") continue;
+      ::syscall(SYS_tgkill, running_.back(), std::stoi(task.path().filename()), number);
+    }
+  }
 
   [[nodiscard]] json startRequest(std::map<std::string, std::string> settings = {}) const {
     settings.emplace("mode", "directlyWhiteList");
@@ -309,11 +326,10 @@ TEST_F(ControlTest, LeadsAProviderThroughItsStates) {
     EXPECT_EQ(control.state(), "stopped");
     EXPECT_EQ(control.errorOf({{"call", "stopProxy"}}), -4);
   }
-  std::stringstream text;
-  text << std::ifstream(path("log")).rdbuf();
-  EXPECT_NE(text.str().find("parse config succeed:"), std::string::npos);
-  EXPECT_NE(text.str().find("stop proxy with reason:configurationDisabled(9)"), std::string::npos);
-  EXPECT_EQ(log().find("parse config succeed:"), std::string::npos);
+  const std::string redirected = contents(path("log"));
+  EXPECT_TRUE(redirected.contains("parse config succeed:"));
+  EXPECT_TRUE(redirected.contains("stop proxy with reason:configurationDisabled(9)"));
+  EXPECT_FALSE(log().contains("parse config succeed:"));
 }
 
 TEST_F(ControlTest, EndsWithAFailedStart) {
@@ -396,7 +412,7 @@ TEST_F(ControlTest, OwnsItsSocket) {
   }
   launch({TANDOR_PROVIDER, "--control", path("control")});  // a second one
   EXPECT_EQ(exitStatus(), 1);
-  EXPECT_NE(log().find("already listens"), std::string::npos);
+  EXPECT_TRUE(log().contains("already listens"));
   EXPECT_EQ(Control(path("control")).state(), "idle");
   signal(SIGTERM);
   EXPECT_EQ(exitStatus(), 0);
@@ -422,12 +438,12 @@ TEST_F(ControlTest, OwnsItsSocket) {
 
   // The folder is made when it is missing; a socket of the service manager stays in place.
   launch({TANDOR_PROVIDER, "--control", path("new/folder/control")});
-  EXPECT_TRUE(eventually([&] { return unixSocket(path("new/folder/control"), false).isOpen(); }));
+  awaitService(path("new/folder/control"));
   signal(SIGTERM);
   EXPECT_EQ(exitStatus(), 0);
   const FileDescriptor passed = unixSocket(path("passed"), true);
   launch({"/bin/sh", "-c", "LISTEN_PID=$$ LISTEN_FDS=1 exec " TANDOR_PROVIDER}, passed.get());
-  EXPECT_EQ(Control(path("passed")).state(), "idle");
+  awaitService(path("passed"));
   signal(SIGTERM);
   EXPECT_EQ(exitStatus(), 0);
   EXPECT_TRUE(files::exists(path("passed")));

@@ -26,7 +26,7 @@ class TCPFlowTest : public LoopTest {
   std::size_t fill(const TCPFlow& pair, std::size_t limit = 64 * mebibyte) {
     return writePattern(
         limit, [&](const std::string& text) { return write(*pair.flow, text); },
-        [this] { passThrough(loop()); }, held_);
+        [this] { settle(); }, held_);
   }
   static void writeWholePattern(const TCPFlow& pair, std::size_t count) {
     constexpr std::size_t piece = 2048;

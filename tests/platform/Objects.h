@@ -132,7 +132,13 @@ class LoopTest : public DescriptorTest {
   }
   void TearDown() override {
     DescriptorTest::TearDown();
+    settle();  // from here on nobody comes to the loop any more
     loop_.reset();
+  }
+  /// Returns once everything that was ready has been handled, on whatever queue.
+  virtual void settle() const {
+    passThrough(loop());
+    passThrough(loop());
   }
 
   [[nodiscard]] EpollLoop& loop() const { return *loop_; }
