@@ -37,6 +37,11 @@ void keepUrgentBytes(const FileDescriptor& socket) {
 
 }  // namespace
 
+void setResetOnClose(const FileDescriptor& socket, bool isReset) noexcept {
+  const linger option{.l_onoff = isReset ? 1 : 0, .l_linger = 0};
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &option, sizeof option);
+}
+
 /// What only a finishing socket needs.
 struct StreamSocket::Linger {
   Linger(StreamSocket& socket, std::shared_ptr<void> owner, Peer peer)
@@ -61,6 +66,7 @@ StreamSocket::~StreamSocket() {
 
 int StreamSocket::adopt(FileDescriptor socket) {
   keepUrgentBytes(socket);
+  setResetOnClose(socket, true);
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);
   phase_ = Phase::open;
@@ -71,6 +77,7 @@ int StreamSocket::adopt(FileDescriptor socket) {
 
 int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, socklen_t length) {
   keepUrgentBytes(socket);
+  setResetOnClose(socket, true);
   if (::connect(socket.get(), &address, length) != 0 && errno != EINPROGRESS) return errno;
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);
@@ -248,6 +255,7 @@ void StreamSocket::finish(Peer peer) {
   if (phase_ == Phase::finishing) return;
   const bool hasNothingToSay = hasEnded_ && outputBytes_ == 0;
   if (phase_ != Phase::open || hasNothingToSay) {
+    if (isOpen()) setResetOnClose(socket_, false);
     close();
     return;
   }
@@ -273,6 +281,8 @@ void StreamSocket::linger() {
   }
   if (!linger_->isShutDown) {
     linger_->isShutDown = true;
+    // The kernel has every byte: from here on it can do the rest alone.
+    setResetOnClose(socket_, false);
     if (!hasEnded_) ::shutdown(socket_.get(), SHUT_WR);
   }
   if (!hasEnded_ && isReadable_) discardInput();
@@ -331,10 +341,7 @@ void StreamSocket::letGo(bool isLate) {
 }
 
 void StreamSocket::reset() {
-  if (isOpen()) {
-    const struct linger immediate{.l_onoff = 1, .l_linger = 0};
-    ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &immediate, sizeof immediate);
-  }
+  if (isOpen()) setResetOnClose(socket_, true);
   close();
 }
 

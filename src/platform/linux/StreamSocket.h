@@ -14,8 +14,13 @@
 
 namespace tandor {
 
+/// Whether closing the socket resets its connection, also when the process ends without a word.
+void setResetOnClose(const FileDescriptor& socket, bool isReset) noexcept;
+
 /// A connected stream socket on a loop: reads large pieces and hands out slices of them, gathers
 /// what is written and sends it in one call a turn. Belongs to the loop's thread throughout.
+/// Until it is finished it resets its connection when it closes: a relay that was killed must not
+/// look like the end of what it carried.
 ///
 /// One read and one write may be outstanding. No callback runs inside the call that it answers.
 class StreamSocket final : private EpollLoop::Source {

@@ -13,6 +13,7 @@
 
 #include "platform/linux/ConnectionTracking.h"
 #include "platform/linux/DatagramSocket.h"
+#include "platform/linux/StreamSocket.h"
 
 namespace tandor {
 namespace {
@@ -50,11 +51,6 @@ std::expected<FileDescriptor, int> makeFlowSocket(const FlowKey& flow) {
                 sizeof application) != 0)
     return std::unexpected(errno);
   return socket;
-}
-
-void resetConnection(const FileDescriptor& socket) {
-  const struct linger immediate { .l_onoff = 1, .l_linger = 0 };
-  ::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &immediate, sizeof immediate);
 }
 
 /// Where a datagram was going before it was brought here.
@@ -137,7 +133,7 @@ void TransparentListener::accept() {
     if (const auto flow = flows_->claim(key)) {
       flow->attach(*residence(), std::move(socket));
     } else {
-      resetConnection(socket);
+      setResetOnClose(socket, true);
     }
   }
 }
