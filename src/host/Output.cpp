@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "host/JSONValues.h"
 #include "platform/foundation/Text.h"
@@ -118,7 +119,8 @@ void Output::failure(const Failure& failure) const {
     writeAll(STDERR_FILENO, jsonLine({{"error", failure.message}, {"advice", failure.advice}}));
     return;
   }
-  note(printable(failure.message));
+  std::istringstream lines(failure.message);
+  for (std::string line; std::getline(lines, line);) note(printable(line));
   if (!failure.advice.empty()) note(printable(failure.advice));
 }
 

@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 constexpr auto endLimit = 10s;
 constexpr auto killLimit = 5s;
 constexpr auto cleanUpLimit = 10s;
-constexpr std::size_t mostLines = 8;
+constexpr std::size_t mostLines = 5;
 
 std::string howItEnded(int status) {
   constexpr int killedBySignal = 128;

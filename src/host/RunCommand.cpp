@@ -115,20 +115,19 @@ class RunSession {
     configured["pid"] = provider_->status.pid;
     configured["configuration"] = describeJSON(configuration);
     output_.value(configured);
-    if (auto started = provider_->start(values); !started) {
-      // A configuration that it cannot use makes it end.
-      return std::unexpected(started.error());
-    }
+    output_.line(printable(configuration.description()));
+    if (auto started = provider_->start(values); !started) return started;
     isStarted_ = true;
     if (auto kept = keepSent(provider_->controlPath, {provider_->status.pid, values}); !kept)
       output_.failure(kept.error());
-    output_.line(printable(configuration.description()));
     output_.line("Ctrl-C stops it; in another terminal: tandor status, flows, update");
     return {};
   }
 
   void hear(const StatusChange& change) {
     const bool hasStarted = change.status == ProxyProviderStatus::started;
+    // One whose start has failed tells when it is ended, too; that is no news.
+    if (!hasStarted && !isStarted_) return;
     if (!hasStarted) hasStopped_ = true;
     const std::string_view name = hasStarted ? "started" : "stopped";
     output_.line(output_.paint(hasStarted ? Output::Colour::green : Output::Colour::bold, name) +

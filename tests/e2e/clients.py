@@ -154,6 +154,13 @@ def exchange_many(address, count, at_once, request, source=None):
     return outcomes
 
 
+def echo_bulk(address, amount):
+    """Whether so many bytes come back from an echo as they went."""
+    with socket.create_connection(address, TIMEOUT) as stream:
+        sent, received = transfer(stream, amount, amount)
+    return sent == received
+
+
 def connect_many(address, count):
     """Opens connections that stay open until release_all()."""
     for _ in range(count):

@@ -246,7 +246,7 @@ class Lab:
         return path
 
     def application(self, name, *prefix):
-        application = Application(self.app, self.program(name), prefix)
+        application = Application(self, self.program(name), prefix)
         self._undo.append(application.end)
         return application
 
@@ -387,10 +387,11 @@ class Application:
 
     _script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.py")
 
-    def __init__(self, namespace, program, prefix=()):
+    def __init__(self, lab, program, prefix=()):
+        self._lab = lab
         self.program = program
         self.name = os.path.basename(program)
-        self.process = namespace.popen(
+        self.process = lab.app.popen(
             *prefix, program, "-I", "-S", self._script, stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, env={"PYTHONHOME": sys.base_prefix})
         self.pid = self.call("pid")
@@ -418,6 +419,10 @@ class Application:
         remote = self.socket(kind, **options)
         remote.connect(address)
         return remote
+
+    def twin(self):
+        """Another process of the same application."""
+        return self._lab.application(self.name)
 
     def end(self):
         end(self.process)

@@ -1,0 +1,302 @@
+"""Start, stop, sleep, wake, update and every kind of end, under load; what is missing, foreign or in
+short supply."""
+
+import os
+import re
+import signal
+import socket
+import threading
+import time
+
+from lab import (ETH0, OTHER, PROVIDER, SERVER, SLOWNESS, ControlError, EndToEnd, eventually)
+from peers import Echo, Listener
+
+WEB = (SERVER, 80)
+
+
+class UnderLoad(EndToEnd):
+    """Flows that come, go and stay while something happens to the provider."""
+
+    def setUp(self):
+        super().setUp()
+        self.echo = self.closing(Echo(self.lab.net, WEB, (OTHER, 53)))
+        self.server = self.closing(Listener(self.lab.net, (SERVER, 81)))
+
+    def worker(self, application):
+        """Another process of an application, for one thing that takes long."""
+        twin = application.twin()
+        self.addCleanup(twin.end)
+        return twin
+
+    def load(self):
+        """Begins an upload without an end, a UDP flow, short flows of the listed application, and a
+        left transfer that must not notice anything."""
+        self.daemon.start("directlyWhiteList", [self.listed.program])
+        self.datagrams = self.listed.connect((OTHER, 53), "udp")
+        self.datagrams.exchange([b"taken"])
+        self.left = self.unlisted.connect(WEB)
+        self.left.exchange([b"left"])
+        self.bystander = self.worker(self.unlisted)
+        self.bystander.begin("echo_bulk", WEB, (64 << 20) // SLOWNESS)
+        self.uploader = self.worker(self.listed)
+        upload = self.uploader.connect((SERVER, 81))
+        upload.begin("send_until_failure")
+        self.upload_peer = self.closing(self.server.accept())
+        self.upload_peer.read(1 << 20)
+        self.short = 1500 // SLOWNESS
+        self.shorts = self.worker(self.listed)
+        taken = self.daemon.status()["flows"]["taken"]
+        self.shorts.begin("exchange_many", WEB, self.short, 30, b"short")
+        eventually(lambda: self.daemon.status()["flows"]["taken"] > taken + self.short // 10, "load")
+
+    def finish_load(self, failures=60):
+        """What was left never failed, and of the short flows only those of the moment."""
+        outcomes = self.shorts.finish()
+        self.assertEqual(sum(outcomes.values()), self.short)
+        self.assertLessEqual(set(outcomes), {"whole", "short", "ECONNRESET", "EPIPE"}, outcomes)
+        self.assertGreaterEqual(outcomes["whole"], self.short - failures, outcomes)
+        self.assertIsInstance(self.uploader.finish()[0], ConnectionError)
+        self.assertTrue(self.bystander.finish())
+        self.assertEqual(self.left.exchange([b"still here"]), [b"still here"])
+        self.left.close()
+
+    def assertNative(self):
+        """New flows go their native way at once, those on old sockets, too."""
+        begin = time.monotonic()
+        for kind in ("tcp", "udp"):
+            self.assertWay("native", self.listed, WEB, kind)
+        self.assertLess(time.monotonic() - begin, 0.9)  # before anything is sent again
+
+    def assertDatagramsNative(self):
+        """The UDP socket of a flow that was taken goes on by itself."""
+        self.assertEqual(self.datagrams.exchange([b"native now"]), [b"native now"])
+        self.assertEqual(self.echo.heard(b"native now")[1], self.datagrams.getsockname())
+        self.datagrams.close()
+
+    def test_stop(self):
+        self.load()
+        # What the application has sent is still delivered.
+        threading.Thread(target=self.upload_peer.ending).start()
+        self.stop()
+        self.assertNative()
+        self.assertDatagramsNative()
+        self.finish_load()
+
+    def test_sleep_and_wake(self):
+        self.load()
+        self.daemon.call("sleep")
+        self.assertEqual(self.daemon.status()["state"], "asleep")
+        self.assertNative()
+        self.assertDatagramsNative()
+        self.finish_load()
+        self.daemon.await_no_flows()
+        self.daemon.call("wake")
+        self.assertWay("eth0", self.listed, WEB)
+
+    def test_update_disturbs_nobody(self):
+        self.load()
+        for mode in ("tunnelWhiteList", "directlyWhiteList") * 5:
+            self.daemon.update(mode, [self.listed.program])
+        self.daemon.update("directlyWhiteList", [])
+        self.assertNative()
+        self.upload_peer.read(8 << 20)
+        self.datagrams.exchange([b"goes on"])
+        self.assertNotEqual(self.echo.heard(b"goes on")[1], self.datagrams.getsockname())
+        self.upload_peer.reset()
+        self.finish_load(failures=0)
+
+    def end_by_signal(self, number, reason):
+        self.load()
+        self.assertEqual(self.daemon.terminate(number), 0)
+        self.assertEqual(self.lab.traces(), [])
+        self.assertFalse(os.path.exists(self.daemon.path))
+        self.assertNative()
+        self.assertDatagramsNative()
+        self.finish_load()
+        self.assertIn(reason, self.daemon.log().partition("stop proxy with reason:")[2])
+
+    def test_terminated(self):
+        self.end_by_signal(signal.SIGTERM, "(5)")
+
+    def test_interrupted(self):
+        self.end_by_signal(signal.SIGINT, "(1)")
+
+    def kill(self):
+        """Kills the daemon under load: everything is native at once, whatever remains of it."""
+        self.load()
+        download = self.listed.connect((SERVER, 81))
+        download.sendall(b"x")
+        peer = self.closing(self.server.accept())
+        peer.send(b"half of it")
+        self.assertEqual(download.read(10), b"half of it")
+        self.daemon.kill()
+        self.assertNative()
+        # Nobody is told that this was everything.
+        self.assertRaises(ConnectionResetError, download.read)
+        self.assertEqual(self.upload_peer.ending(), "reset")
+        self.finish_load()
+
+    def test_killed_then_cleaned_up(self):
+        self.kill()
+        self.lab.app.run(PROVIDER, "--cleanup")
+        self.assertEqual(self.lab.traces(), [])
+        self.assertDatagramsNative()
+
+    def test_killed_then_started(self):
+        self.kill()
+        type(self).daemon = self.lab.daemon()
+        self.daemon.start("directlyWhiteList", [self.listed.program])
+        self.assertWay("eth0", self.listed, WEB)
+        self.stop()
+        self.assertDatagramsNative()
+
+
+class Surroundings(EndToEnd):
+    def setUp(self):
+        super().setUp()
+        self.echo = self.closing(Echo(self.lab.net, WEB))
+
+    def test_interfaces_that_come_and_go(self):
+        route = "route replace default via 192.0.2.1 dev eth0 metric 100\n"
+        changes = [(self.lab.app, "link set eth0 down", "eth1"),
+                   (self.lab.app, "link set eth0 up\n" + route, "eth0"),
+                   (self.lab.net, "link set eth0 down", "eth1"),  # the cable is pulled
+                   (self.lab.app, "link set eth1 down", None),
+                   (self.lab.net, "link set eth0 up", "eth0")]
+        self.start("directlyWhiteList")
+        for namespace, change, interface in changes:
+            with self.subTest(change):
+                namespace.ip(change)
+                eventually(lambda: self.daemon.status()["directInterface"] == interface)
+                # Without a physical interface, direct flows go wherever the routes say.
+                self.assertWay(interface or "vpn0", self.listed, WEB)
+                self.assertWay(interface or "vpn0", self.listed, WEB, "udp")
+        self.lab.app.ip("link set eth1 up\nroute replace default via 192.0.2.65 dev eth1 metric 200")
+
+    def test_a_flow_outlives_the_choice_of_another_interface(self):
+        self.start("directlyWhiteList")
+        flow = self.listed.connect(WEB)
+        flow.exchange([b"before"])
+        self.lab.app.ip("route del default dev eth0")
+        eventually(lambda: self.daemon.status()["directInterface"] == "eth1")
+        self.lab.app.ip("route add default via 192.0.2.1 dev eth0 metric 300")
+        flow.exchange([b"after"])
+        self.assertEqual(self.echo.heard(b"before"), self.echo.heard(b"after"))
+        self.assertWay("eth1", self.listed, WEB)
+        self.lab.app.ip("route del default dev eth0\n"
+                        "route add default via 192.0.2.1 dev eth0 metric 100")
+
+    def test_out_of_descriptors(self):
+        self.daemon.end()
+        type(self).daemon = self.lab.daemon(wrapper=("prlimit", "--nofile=400:400"))
+        self.start("directlyWhiteList")
+        room, count = (400 - 256) // 2, 200
+        self.listed.call("connect_many", WEB, count)
+        self.assertEqual(self.listed.call("exchange_kept", b"hello"), count)
+        native = sum(source[0] != ETH0 for _, source, _ in self.echo.received)
+        self.assertEqual(native, count - room)
+        begin = self.daemon.cpu_seconds()
+        time.sleep(1)
+        self.assertLess(self.daemon.cpu_seconds() - begin, 0.1)
+        self.assertEqual(self.daemon.log().count("out of descriptors"), 1)
+        self.listed.call("release_all")
+        self.daemon.await_no_flows()
+        self.assertWay("eth0", self.listed, WEB)
+        self.stop()
+        self.daemon.end()
+
+    def test_starts_that_fail(self):
+        def port_taken():
+            with self.lab.app:
+                taken = self.closing(socket.socket())
+            taken.bind(("127.0.0.1", 15001))
+            return self.lab.daemon(), taken.close
+
+        without = ("unshare", "--mount", "sh", "-c", 'mount -t tmpfs none /usr/sbin; exec "$0" "$@"')
+        cases = {"port": (port_taken, "15001.*already in use"),
+                 "iptables": (lambda: (self.lab.daemon(wrapper=without), None),
+                              "iptables-save is not installed; install the package iptables"),
+                 "privilege": (lambda: (self.lab.daemon(
+                     wrapper=("setpriv", "--bounding-set", "-net_admin")), None),
+                     "tandor-provider needs root or CAP_NET_ADMIN")}
+        for name, (arrange, words) in cases.items():
+            with self.subTest(name):
+                daemon, repair = arrange()
+                descriptors = daemon.descriptors()
+                for attempt in range(2):
+                    with self.assertRaisesRegex(ControlError, words):
+                        daemon.start("directlyWhiteList", [self.listed.program])
+                    self.assertEqual(daemon.status()["state"], "failed")
+                self.assertEqual([trace for trace in self.lab.traces() if "3A99" not in trace], [])
+                self.assertLessEqual(daemon.descriptors(), descriptors + 2)  # the path monitor's
+                self.assertWay("native", self.listed, WEB)
+                if repair:
+                    repair()
+                    daemon.start("directlyWhiteList", [self.listed.program])
+                    self.assertWay("eth0", self.listed, WEB)
+                daemon.end()
+
+    def test_two_daemons(self):
+        self.start("directlyWhiteList")
+        flow = self.listed.connect(WEB, "udp")
+        flow.exchange([b"first"])
+        traces = self.lab.traces()
+        second = self.lab.daemon()
+        for attempt in range(2):
+            with self.assertRaisesRegex(ControlError, "packet queue 77"):
+                second.start("directlyWhiteList", [self.listed.program])
+        second.terminate()
+        self.assertEqual([re.sub(r"\d+", "", trace) for trace in self.lab.traces()],
+                         [re.sub(r"\d+", "", trace) for trace in traces])
+        flow.exchange([b"second"])
+        self.assertEqual(self.echo.heard(b"first"), self.echo.heard(b"second"))
+        for _ in range(20):
+            self.assertWay("eth0", self.listed, WEB)
+
+    def test_foreign_rules_and_marks(self):
+        """Other software's rules, its bits of the marks and its routing by them stay as they are."""
+        foreign = """*mangle
+:FOREIGN - [0:0]
+-A OUTPUT -j FOREIGN
+-A FOREIGN -m owner --uid-owner 0 -j MARK --set-xmark 0x85/0x800000ff
+-A FOREIGN -j CONNMARK --set-xmark 0x4600/0xff00
+-A POSTROUTING -m mark --mark 0x80000085/0x800000ff -m connmark --mark 0x4600/0xff00
+COMMIT
+*filter
+-A OUTPUT -d 192.0.2.255/32 -j DROP
+COMMIT
+*nat
+-A OUTPUT -d 203.0.113.77/32 -p tcp -j DNAT --to-destination 203.0.113.10
+COMMIT
+""".replace("0x85/", "0x80000085/")
+        self.lab.app.run("iptables-restore", "--noflush", input=foreign)
+        self.lab.app.ip("rule add pref 7000 fwmark 0x85/0xff lookup 52\n"
+                        "route add default via 192.0.2.65 dev eth1 table 52")
+
+        def rules():
+            return (re.sub(r"\[\d+:\d+\]|^#.*$", "", self.lab.app.run("iptables-save"), flags=re.M),
+                    self.lab.app.run("ip", "rule"))
+
+        def counted():
+            saved = self.lab.app.run("iptables-save", "-c", "-t", "mangle")
+            return int(re.search(r"^\[(\d+):.*POSTROUTING -m mark", saved, re.M)[1])
+
+        try:
+            before = rules()
+            self.start("directlyWhiteList")
+            for application, way in ((self.listed, "eth0"), (self.unlisted, "native")):
+                for kind in ("tcp", "udp"):
+                    with self.subTest(app=application.name, kind=kind):
+                        packets = counted()
+                        self.assertWay(way, application, WEB, kind)
+                        self.assertGreater(counted(), packets)
+            flow = self.unlisted.connect(WEB)
+            self.assertEqual({mark & 0xFF00 for line, mark in self.lab.tracked()
+                              if "udp" in line or "tcp" in line}, {0x4600})
+            self.stop()
+            self.assertEqual(rules(), before)
+            self.assertEqual(flow.exchange([b"goes on"]), [b"goes on"])
+        finally:
+            self.lab.app.run("sh", "-c", "iptables -t mangle -F; iptables -t mangle -X;"
+                             "iptables -F; iptables -t nat -F")
+            self.lab.app.ip("rule del pref 7000\nroute flush table 52")
