@@ -1,14 +1,13 @@
 #include "platform/linux/TransparentListener.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
-
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
 #include <utility>
 
 #include "platform/linux/ConnectionTracking.h"
@@ -40,8 +39,8 @@ std::expected<FileDescriptor, int> makeTransparent(int type, const IPv4Endpoint&
   return socket;
 }
 
-/// The socket of one UDP flow: what the application sends to the destination arrives there, and what
-/// it sends comes from the destination.
+/// The socket of one UDP flow: what the application sends to the destination arrives there, and
+/// what it sends comes from the destination.
 std::expected<FileDescriptor, int> makeFlowSocket(const FlowKey& flow) {
   auto socket = makeTransparent(SOCK_DGRAM, flow.destination, 0);
   if (!socket) return socket;
@@ -85,8 +84,8 @@ std::expected<std::shared_ptr<TransparentListener>, int> TransparentListener::ma
   return listener;
 }
 
-TransparentListener::TransparentListener(EpollLoop& loop, std::shared_ptr<AnnouncedFlows> flows, FileDescriptor tcp,
-                                         FileDescriptor udp)
+TransparentListener::TransparentListener(EpollLoop& loop, std::shared_ptr<AnnouncedFlows> flows,
+                                         FileDescriptor tcp, FileDescriptor udp)
     : flows_(std::move(flows)),
       tcp_(std::move(tcp), EpollLoop::Call::to<&TransparentListener::accept>(this)),
       udp_(std::move(udp), EpollLoop::Call::to<&TransparentListener::receive>(this)),
@@ -94,7 +93,9 @@ TransparentListener::TransparentListener(EpollLoop& loop, std::shared_ptr<Announ
   settle(loop);
 }
 
-TransparentListener::~TransparentListener() { close(); }
+TransparentListener::~TransparentListener() {
+  close();
+}
 
 int TransparentListener::watch() {
   return residence()->add(tcp_.get(), tcp_) && residence()->add(udp_.get(), udp_) ? 0 : errno;
@@ -159,9 +160,8 @@ void TransparentListener::receive() {
     }
     const auto destination = originalDestination(message);
     if (!destination) continue;
-    const FlowKey key{.protocol = IPPROTO_UDP,
-                      .source = IPv4Endpoint::of(peer),
-                      .destination = *destination};
+    const FlowKey key{
+        .protocol = IPPROTO_UDP, .source = IPv4Endpoint::of(peer), .destination = *destination};
     const auto [flow, isFirst] = flows_->recipient(key);
     if (flow == nullptr) {
       // Its flow has ended; the next datagram is a new flow's first.
@@ -171,7 +171,8 @@ void TransparentListener::receive() {
     if (isFirst) attachNew(flow);
     flow->inject(Data::copying(std::span(room).first(static_cast<std::size_t>(count))));
   }
-  // From when its socket was made, a flow's datagrams go there; those that were here are read first.
+  // From when its socket was made, a flow's datagrams go there; those that were here are read
+  // first.
   for (auto& [flow, socket] : std::exchange(arriving_, {})) {
     flow->useSocket(std::move(socket));
     if (flows_->attached(flow->key())) flow->end();
