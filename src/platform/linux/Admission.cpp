@@ -1,11 +1,11 @@
 #include "platform/linux/Admission.h"
 
-#include <fmt/format.h>
-#include <sys/resource.h>
-
 #include <chrono>
+#include <sys/resource.h>
 #include <system_error>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "platform/dispatch/DispatchQueue.h"
 #include "platform/foundation/NSLog.h"
@@ -42,10 +42,10 @@ std::unexpected<std::string> failure(std::string_view what, int error) {
 
 std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
     EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-      std::shared_ptr<AnnouncedFlows> flows,
-    FlowRegistry& registry) {
+    std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry) {
   auto diagnosis = SocketDiagnosis::make();
-  if (!diagnosis) return failure("the kernel does not tell about sockets (inet_diag)", diagnosis.error());
+  if (!diagnosis)
+    return failure("the kernel does not tell about sockets (inet_diag)", diagnosis.error());
   auto sockets = SocketDiagnosis::udpSockets();
   if (!sockets) return failure("the kernel does not list UDP sockets (udp_diag)", sockets.error());
   auto admission = makeResident<Admission>(loop, std::move(provider), std::move(flows), registry,
@@ -55,8 +55,13 @@ std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
   admission->destroyWatch_ = std::move(*watch);
   auto queue = PacketQueue::make(loop, packetQueueNumber, *admission);
   if (!queue) {
-    return failure(fmt::format("cannot bind packet queue {} (the kernel needs nfnetlink_queue, and "
-                               "no other program may use that queue)",
+    if (queue.error() == EPERM || queue.error() == EBUSY) {
+      return std::unexpected(
+          fmt::format("packet queue {} has an owner already: another tandor-provider, most likely; "
+                      "stop it first",
+                      packetQueueNumber));
+    }
+    return failure(fmt::format("cannot bind packet queue {} (the kernel needs nfnetlink_queue)",
                                packetQueueNumber),
                    queue.error());
   }
@@ -65,8 +70,8 @@ std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
 }
 
 Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-                     std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, SocketDiagnosis diagnosis,
-                     std::unordered_set<std::uint64_t> socketsAtStart)
+                     std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry,
+                     SocketDiagnosis diagnosis, std::unordered_set<std::uint64_t> socketsAtStart)
     : provider_(std::move(provider)),
       flows_(std::move(flows)),
       registry_(registry),
@@ -139,8 +144,8 @@ void Admission::ownersFound(const std::vector<ino_t>& searched,
   });
   for (const auto& [key, held] : concluded) {
     const auto place = places.find(held.facts.inode);
-    const auto owner = place == places.end() ? std::nullopt
-                                             : owners_.confirm(place->second, held.facts.inode);
+    const auto owner =
+        place == places.end() ? std::nullopt : owners_.confirm(place->second, held.facts.inode);
     conclude(key, held.facts, owner ? &*owner : nullptr, held.packets);
   }
   searchOwners();  // for those that came meanwhile
@@ -169,8 +174,8 @@ std::uint32_t Admission::offer(const InterceptedFlow::Origin& origin) {
   }
   return offerAs<SocketUDPFlow>(origin, [&](const std::shared_ptr<SocketUDPFlow>& flow) {
     return provider_->handleNewUDPFlow(
-        flow, NWHostEndpoint{origin.key.destination.host(),
-                             std::to_string(origin.key.destination.port)});
+        flow,
+        NWHostEndpoint{origin.key.destination.host(), std::to_string(origin.key.destination.port)});
   });
 }
 
@@ -193,13 +198,13 @@ std::uint32_t Admission::offerAs(const InterceptedFlow::Origin& origin, Handle h
 
 bool Admission::hasRoomForAnother() {
   const std::uint64_t needed =
-      (registry_.liveCount() + 1) * descriptorsAFlow + reservedDescriptors;
+      (registry_.existingCount() + 1) * descriptorsAFlow + reservedDescriptors;
   if (needed <= descriptorLimit()) return true;
   const auto now = EpollLoop::Clock::now();
   if (now - lastComplaint_ >= complaintInterval) {
     lastComplaint_ = now;
     NSLog(fmt::format("out of descriptors at {} flows: new ones are left to the kernel",
-                      registry_.liveCount()));
+                      registry_.existingCount()));
   }
   return false;
 }

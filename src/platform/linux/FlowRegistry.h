@@ -35,6 +35,10 @@ class FlowRegistry {
   [[nodiscard]] Counts counts() const;
   [[nodiscard]] std::vector<FlowInfo> liveFlows() const;
   [[nodiscard]] std::size_t liveCount() const;
+  /// How many flows there are, those included whose sockets have yet to come.
+  [[nodiscard]] std::size_t existingCount() const noexcept {
+    return existing_.load(std::memory_order_relaxed);
+  }
   /// The live flows that are at home on `loop`.
   [[nodiscard]] std::vector<std::shared_ptr<InterceptedFlow>> flowsOf(const EpollLoop& loop) const;
 
@@ -56,6 +60,7 @@ class FlowRegistry {
   std::uint64_t closedBytesIn_ = 0;
   std::uint64_t closedBytesOut_ = 0;
   Observer observer_;
+  std::atomic<std::size_t> existing_{0};
   std::atomic<std::uint64_t> taken_{0};
   std::atomic<std::uint64_t> left_{0};
   std::atomic<std::uint64_t> refused_{0};

@@ -9,9 +9,13 @@
 namespace tandor {
 
 InterceptedFlow::InterceptedFlow(Origin origin, FlowRegistry* registry)
-    : origin_(std::move(origin)), registry_(registry) {}
+    : origin_(std::move(origin)), registry_(registry) {
+  if (registry_ != nullptr) registry_->existing_.fetch_add(1, std::memory_order_relaxed);
+}
 
-InterceptedFlow::~InterceptedFlow() = default;
+InterceptedFlow::~InterceptedFlow() {
+  if (registry_ != nullptr) registry_->existing_.fetch_sub(1, std::memory_order_relaxed);
+}
 
 std::shared_ptr<LoopAffinity> InterceptedFlow::makeAffinity() const {
   return std::make_shared<Affinity>(std::static_pointer_cast<InterceptedFlow>(self()));

@@ -13,6 +13,7 @@
 #include "platform/foundation/NSLog.h"
 #include "platform/linux/ConnectionTracking.h"
 #include "platform/linux/PacketRules.h"
+#include "platform/linux/Privileges.h"
 #include "platform/linux/RoutingPolicy.h"
 
 namespace tandor {
@@ -71,6 +72,8 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
     return std::unexpected(
         "TANDOR_PROTECTED_NETNS names this network namespace: no interception here");
   }
+  // The packet queue says the same of an owner before us as of a missing privilege.
+  if (!mayAdministerNetwork()) return std::unexpected(describe("cannot intercept", EPERM));
   // Everything that answers is there before the first rule that asks. The queue comes first: it can
   // have one owner only, and the rules of a process that lives are not ours to clear.
   std::unique_ptr<Interception> interception(

@@ -35,6 +35,13 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+bool mayAdministerNetwork() {
+  __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
+  return ::syscall(SYS_capget, &header, sets.data()) == 0 &&
+         (sets[0].effective & bit(CAP_NET_ADMIN)) != 0;
+}
+
 void dropPrivileges() {
   for (int capability = 0; ::prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0; ++capability)
     if ((needed & bit(capability)) == 0) ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);

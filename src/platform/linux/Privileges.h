@@ -11,4 +11,7 @@ void raiseDescriptorLimit();
 /// Programs that it runs have no more. Nothing to drop is no failure.
 void dropPrivileges();
 
+/// Whether the calling thread may change how the network works.
+[[nodiscard]] bool mayAdministerNetwork();
+
 }  // namespace tandor
