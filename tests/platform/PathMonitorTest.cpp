@@ -84,9 +84,9 @@ TEST_F(PathMonitorTest, FollowsInterfacesAndDefaultRoutes) {
       {"route add default dev path2 metric 50", {bridge, ethernet}},
       {"route add default dev path2 metric 500", {bridge, ethernet}},
       {"route delete default dev path2 metric 50", {ethernet, bridge}},
-      {"route add default dev path3 metric 90 table 77", {second, ethernet, bridge}},
+      {"route add default dev path3 metric 90 table 77", {ethernet, bridge, second}},
       {"link set path4 down", {ethernet, bridge}},  // no carrier
-      {"link set path4 up", {second, ethernet, bridge}},
+      {"link set path4 up", {ethernet, bridge, second}},
       {"route delete default dev path3 table 77", {ethernet, bridge}},
       {"link set path1 down", {bridge}},  // takes its route with it
       {"link set path1 up\nroute add default nexthop dev path1 nexthop dev path3",

@@ -109,23 +109,30 @@ void appendNextHops(const nlattr& multipath, std::vector<std::uint32_t>& interfa
   }
 }
 
-using Metrics = std::map<std::uint32_t, std::uint32_t>;
+/// How good an IPv4 default route is, best first: those of the main table, each by its metric,
+/// stand before those that only some traffic sees.
+struct Rank {
+  bool isElsewhere = false;
+  std::uint32_t metric = 0;
+  friend auto operator<=>(const Rank&, const Rank&) = default;
+};
+using Ranks = std::map<std::uint32_t, Rank>;
 
-/// The best metric of an IPv4 default route over each interface, of whatever routing table: a VPN
-/// that takes the traffic by a better route or a rule leaves the physical one where it was.
-std::expected<void, int> dumpDefaultRouteMetrics(Metrics& metrics) {
+/// The best default route over each interface, of whatever routing table: a VPN that takes the
+/// traffic by a better route or a rule leaves the physical one where it was, or moves it.
+std::expected<void, int> dumpDefaultRoutes(Ranks& ranks) {
   rtmsg all{};
   all.rtm_family = AF_INET;
   return dumpNetlink(NETLINK_ROUTE, RTM_GETROUTE, bytesOf(all), [&](const nlmsghdr& message) {
     const auto& route = *static_cast<const rtmsg*>(::mnl_nlmsg_get_payload(&message));
     if (route.rtm_family != AF_INET || route.rtm_dst_len != 0 || route.rtm_type != RTN_UNICAST)
       return;
-    std::uint32_t metric = 0;
+    Rank rank{.isElsewhere = route.rtm_table != RT_TABLE_MAIN};
     std::vector<std::uint32_t> interfaces;
     forEachAttribute(message, sizeof route, [&](const nlattr& attribute) {
       switch (::mnl_attr_get_type(&attribute)) {
         case RTA_PRIORITY:
-          metric = ::mnl_attr_get_u32(&attribute);
+          rank.metric = ::mnl_attr_get_u32(&attribute);
           break;
         case RTA_OIF:
           interfaces.push_back(::mnl_attr_get_u32(&attribute));
@@ -138,8 +145,8 @@ std::expected<void, int> dumpDefaultRouteMetrics(Metrics& metrics) {
       }
     });
     for (const std::uint32_t index : interfaces) {
-      const auto [entry, isNew] = metrics.emplace(index, metric);
-      if (!isNew) entry->second = std::min(entry->second, metric);
+      const auto [entry, isNew] = ranks.emplace(index, rank);
+      if (!isNew) entry->second = std::min(entry->second, rank);
     }
   });
 }
@@ -149,18 +156,18 @@ std::expected<void, int> dumpDefaultRouteMetrics(Metrics& metrics) {
 NWPath currentPath() {
   constexpr std::uint32_t upAndConnected = IFF_UP | IFF_RUNNING;
   struct Candidate {
-    std::uint32_t metric;
+    Rank rank;
     NWInterface interface;
   };
   std::vector<Candidate> candidates;
-  const auto metrics = wholeDump(dumpDefaultRouteMetrics);
+  const auto ranks = wholeDump(dumpDefaultRoutes);
   for (const auto& [index, link] : wholeDump(dumpLinks)) {
-    const auto metric = metrics.find(index);
-    if (metric == metrics.end() || (link.flags & upAndConnected) != upAndConnected) continue;
-    candidates.push_back({metric->second, {link.name, classify(link), index}});
+    const auto rank = ranks.find(index);
+    if (rank == ranks.end() || (link.flags & upAndConnected) != upAndConnected) continue;
+    candidates.push_back({rank->second, {link.name, classify(link), index}});
   }
   std::ranges::sort(candidates, {}, [](const Candidate& candidate) {
-    return std::pair(candidate.metric, candidate.interface.index);
+    return std::pair(candidate.rank, candidate.interface.index);
   });
   NWPath path;
   for (Candidate& candidate : candidates)
