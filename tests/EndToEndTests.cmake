@@ -12,7 +12,9 @@ foreach(class
     relay.Bulk
     relay.Datagrams
     relay.Mass
-    relay.AwkwardEnds)
+    relay.AwkwardEnds
+    lifecycle.UnderLoad
+    lifecycle.Surroundings)
   add_test(NAME e2e.${class}
     COMMAND ${Python3_EXECUTABLE} -m unittest -v test_${class}
     WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/e2e)

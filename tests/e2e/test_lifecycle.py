@@ -234,7 +234,7 @@ class Surroundings(EndToEnd):
                     repair()
                     daemon.start("directlyWhiteList", [self.listed.program])
                     self.assertWay("eth0", self.listed, WEB)
-                daemon.end()
+                daemon.terminate()
 
     def test_two_daemons(self):
         self.start("directlyWhiteList")
@@ -243,7 +243,7 @@ class Surroundings(EndToEnd):
         traces = self.lab.traces()
         second = self.lab.daemon()
         for attempt in range(2):
-            with self.assertRaisesRegex(ControlError, "packet queue 77"):
+            with self.assertRaisesRegex(ControlError, "queue 77 has an owner already"):
                 second.start("directlyWhiteList", [self.listed.program])
         second.terminate()
         self.assertEqual([re.sub(r"\d+", "", trace) for trace in self.lab.traces()],
@@ -290,9 +290,11 @@ COMMIT
                         packets = counted()
                         self.assertWay(way, application, WEB, kind)
                         self.assertGreater(counted(), packets)
-            flow = self.unlisted.connect(WEB)
-            self.assertEqual({mark & 0xFF00 for line, mark in self.lab.tracked()
-                              if "udp" in line or "tcp" in line}, {0x4600})
+            flow, taken = self.unlisted.connect(WEB), self.listed.connect(WEB)
+            for connected in (flow, taken):
+                port = f" sport={connected.getsockname()[1]} "
+                self.assertEqual({mark & 0xFF00 for line, mark in self.lab.tracked()
+                                  if port in line}, {0x4600})
             self.stop()
             self.assertEqual(rules(), before)
             self.assertEqual(flow.exchange([b"goes on"]), [b"goes on"])
