@@ -14,7 +14,8 @@ foreach(class
     relay.Mass
     relay.AwkwardEnds
     lifecycle.UnderLoad
-    lifecycle.Surroundings)
+    lifecycle.Surroundings
+    identity.Identity)
   add_test(NAME e2e.${class}
     COMMAND ${Python3_EXECUTABLE} -m unittest -v test_${class}
     WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/e2e)

@@ -231,31 +231,29 @@ def socket_send_until_failure(stream):
         return error, sent
 
 
-def become(program, script, keep=None):
-    """Replaces the program of this process, which goes on obeying; its sockets are gone, all but the
-    one that it is to keep, which has the number 1 from then on."""
-    inherited = []
-    if keep is not None:
-        os.set_inheritable(sockets[keep].fileno(), True)
-        inherited = [str(sockets[keep].fileno())]
+def become(program, script, keep):
+    """Replaces the program of this process, which goes on obeying. Of its sockets it keeps one, which
+    is number 1 from then on."""
+    os.set_inheritable(sockets[keep].fileno(), True)
     answer(True, None)
-    os.execv(program, [program, "-I", "-S", script, *inherited])
+    os.execv(program, [program, "-I", "-S", script, str(sockets[keep].fileno())])
 
 
-def fork_and_exchange(number, address, request):
+def fork_and_exchange(address, request):
     """A child connects a socket that this process has opened, and exchanges bytes."""
     reading, writing = os.pipe()
-    if os.fork() == 0:
-        try:
-            sockets[number].connect(address)
-            sockets[number].sendall(request)
-            os.write(writing, read(sockets[number], len(request)))
-        finally:
-            os._exit(0)
-    os.close(writing)
-    with os.fdopen(reading, "rb") as pipe:
-        result = pipe.read()
-    os.wait()
+    with socket.socket() as stream:
+        if os.fork() == 0:
+            try:
+                stream.connect(address)
+                stream.sendall(request)
+                os.write(writing, read(stream, len(request)))
+            finally:
+                os._exit(0)
+        os.close(writing)
+        with os.fdopen(reading, "rb") as pipe:
+            result = pipe.read()
+        os.wait()
     return result
 
 

@@ -310,11 +310,11 @@ class Control:
 class Daemon:
     """A tandor-provider in the application's side."""
 
-    def __init__(self, lab, wrapper=(), start=True):
+    def __init__(self, lab, wrapper=(), program=PROVIDER):
         self.path = f"{lab.folder}/control-{time.monotonic_ns()}"
         self._log_path = self.path + ".log"
         with open(self._log_path, "w") as log:
-            self.process = lab.app.popen(*wrapper, PROVIDER, "--control", self.path,
+            self.process = lab.app.popen(*wrapper, program, "--control", self.path,
                                          stderr=log, stdin=subprocess.DEVNULL)
         self.control = None
         try:
@@ -385,14 +385,14 @@ class Application:
     """A process of the application's side that does what it is told: functions and sockets of
     clients.py, called here, happen there. An exception there is raised here."""
 
-    _script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.py")
+    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.py")
 
     def __init__(self, lab, program, prefix=()):
         self._lab = lab
         self.program = program
         self.name = os.path.basename(program)
         self.process = lab.app.popen(
-            *prefix, program, "-I", "-S", self._script, stdin=subprocess.PIPE,
+            *prefix, program, "-I", "-S", self.script, stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, env={"PYTHONHOME": sys.base_prefix})
         self.pid = self.call("pid")
 
@@ -420,6 +420,13 @@ class Application:
         remote.connect(address)
         return remote
 
+    def become(self, other, socket):
+        """Replaces the process's program by another application's; it keeps one socket."""
+        self.call("become", other.program, self.script, socket.number)
+
+    def kept(self):
+        return RemoteSocket(self, 1)
+
     def twin(self):
         """Another process of the same application."""
         return self._lab.application(self.name)
@@ -434,14 +441,14 @@ class RemoteSocket:
 
     def __init__(self, application, number):
         self._application = application
-        self._number = number
+        self.number = number
 
     def __getattr__(self, method):
         return lambda *arguments: self._application.call(
-            "use_socket", self._number, method, arguments)
+            "use_socket", self.number, method, arguments)
 
     def begin(self, method, *arguments):
-        self._application.begin("use_socket", self._number, method, arguments)
+        self._application.begin("use_socket", self.number, method, arguments)
 
 
 class EndToEnd(unittest.TestCase):

@@ -1,0 +1,107 @@
+"""Whose flow it is."""
+
+import os
+import shutil
+import subprocess
+
+from lab import PATIENCE, PROVIDER, SERVER, Application, EndToEnd, end, eventually
+from peers import Echo
+
+WEB = (SERVER, 80)
+
+
+class Identity(EndToEnd):
+    def setUp(self):
+        super().setUp()
+        self.echo = self.closing(Echo(self.lab.net, WEB))
+        self.start("directlyWhiteList")
+
+    def worker(self, application):
+        self.addCleanup(application.end)
+        return application
+
+    def test_a_process_that_becomes_another_program(self):
+        process = self.worker(self.unlisted.twin())
+        for program, way in ((self.listed, "eth0"), (self.unlisted, "native")) * 3:
+            # A socket belongs to whoever has it when its flow begins.
+            kept = process.socket()
+            process.become(program, kept)
+            self.assertWay(way, process, WEB)
+            self.assertWay(way, process, WEB, "udp")
+            kept = process.kept()
+            kept.connect(WEB)
+            self.assertEqual(kept.exchange([b"kept"]), [b"kept"])
+            is_native = self.echo.heard(b"kept")[1] == kept.getsockname()
+            self.assertEqual(is_native, way == "native")
+            kept.close()
+            del self.echo.received[:]
+
+    def test_scripts_links_and_other_users(self):
+        """The application is the program that runs: a script's interpreter, a link's target."""
+        script, link = f"{self.lab.folder}/script", f"{self.lab.folder}/link"
+        with open(script, "w") as file:
+            file.write(f"#!{self.listed.program} -IS\nimport runpy, sys\ndel sys.argv[1:]\n"
+                       f"runpy.run_path({Application.script!r}, run_name='__main__')\n")
+        os.chmod(script, 0o755)
+        os.symlink(self.listed.program, link)
+        nobody = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                  "--inh-caps=+dac_read_search", "--ambient-caps=+dac_read_search")
+        for name, application in {"script": Application(self.lab, script),
+                                  "link": Application(self.lab, link),
+                                  "user": Application(self.lab, self.listed.program, nobody)}.items():
+            with self.subTest(name):
+                self.assertWay("eth0", self.worker(application), WEB)
+
+    def test_an_upgrade_replaces_the_executable(self):
+        old = self.worker(self.listed.twin())
+        shutil.copy(self.listed.program, self.listed.program + ".new")
+        os.rename(self.listed.program + ".new", self.listed.program)
+        self.assertTrue(os.readlink(f"/proc/{old.pid}/exe").endswith(" (deleted)"))
+        for process in (old, self.worker(self.listed.twin())):
+            self.assertWay("eth0", process, WEB)
+
+    def test_a_child_connects_the_socket_of_its_parent(self):
+        for application, is_taken in ((self.listed, True), (self.unlisted, False)):
+            taken = self.daemon.status()["flows"]["taken"]
+            word = application.name.encode()
+            self.assertEqual(application.call("fork_and_exchange", WEB, word), word)
+            self.assertEqual(self.daemon.status()["flows"]["taken"] - taken, is_taken)
+
+    def test_the_product_itself_is_left_alone(self):
+        """The command beside the daemon, whatever is configured."""
+        folder = f"{self.lab.folder}/product"
+        os.mkdir(folder)
+        shutil.copy(PROVIDER, folder)
+        shutil.copy(self.listed.program, folder + "/tandor")
+        self.stop()
+        daemon = self.lab.daemon(program=folder + "/tandor-provider")
+        daemon.start("tunnelWhiteList", [])
+        self.assertWay("eth0", self.unlisted, WEB)
+        self.assertWay("native", self.worker(Application(self.lab, folder + "/tandor")), WEB)
+        daemon.terminate()
+
+    def test_a_process_number_that_is_used_again(self):
+        """In a process namespace, where numbers can be given out at will."""
+        self.stop()
+        outside = subprocess.Popen(["unshare", "--pid", "--fork", "--mount-proc", "--kill-child",
+                                    "sleep", "300"])
+        self.addCleanup(end, outside)
+        children = f"/proc/{outside.pid}/task/{outside.pid}/children"
+
+        def inside():
+            with open(children) as file:
+                return file.read().split()
+
+        entering = ("nsenter", "--target", eventually(inside)[0], "--pid", "--mount")
+        daemon = self.lab.daemon(wrapper=entering)
+        self.addCleanup(daemon.call, "stopProxy")
+        daemon.start("directlyWhiteList", [self.listed.program])
+        number = None
+        for program, way in ((self.listed.program, "eth0"), (self.unlisted.program, "native")) * 3:
+            set_number = ("sh", "-c", f'echo {number - 1} > /proc/sys/kernel/ns_last_pid; "$0" "$@"; :'
+                          ) if number else ()
+            process = self.worker(Application(self.lab, program, (*entering, *set_number)))
+            number = number or process.pid
+            self.assertEqual(process.pid, number)
+            self.assertWay(way, process, WEB)
+            process.process.communicate(timeout=PATIENCE)
