@@ -92,7 +92,10 @@ std::vector<Uplink> uplinks(const Machine& machine) {
       known->metric = std::min(known->metric, metric);
     }
   }
-  std::ranges::stable_sort(found, {}, &Uplink::metric);
+  // Names are unique here, so that the order is total.
+  std::ranges::sort(found, {}, [](const Uplink& uplink) {
+    return std::pair(uplink.metric, std::string_view(uplink.name));
+  });
   return found;
 }
 
