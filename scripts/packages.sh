@@ -16,9 +16,26 @@ need() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
+# needIdle PACKAGE...: the same for packages with services, which do not start.
+needIdle() {
+  local policy=/usr/sbin/policy-rc.d asRoot=() made=
+  ((EUID == 0)) || asRoot=(sudo)
+  if [[ ! -e $policy ]]; then
+    printf '#!/bin/sh\nexit 101\n' | "${asRoot[@]}" install -m 755 /dev/stdin "$policy"
+    made=1
+  fi
+  local status=0
+  need "$@" || status=$?
+  [[ -z $made ]] || "${asRoot[@]}" rm -f "$policy"
+  return "$status"
+}
+
 buildPackages=(
   g++ cmake ninja-build pkg-config libasio-dev nlohmann-json3-dev libcli11-dev libfmt-dev
   libnetfilter-queue-dev libmnl-dev libsystemd-dev
 )
 testPackages=(libgtest-dev libssl-dev iproute2 iptables procps python3)
 clangPackages=(clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev git)
+benchPackages=(libbenchmark-dev iproute2 iptables procps python3 util-linux)
+# What is measured beside us.
+benchPeers=(haproxy nginx-light libnginx-mod-stream redsocks)
