@@ -57,7 +57,7 @@ std::string interpreterOf(const fs::path& program) {
   std::ifstream file(program, std::ios::binary);
   std::array<char, 256> head{};
   file.read(head.data(), head.size());
-  std::string_view text(head.data(), static_cast<std::size_t>(file.gcount()));
+  const std::string_view text(head.data(), static_cast<std::size_t>(file.gcount()));
   if (!text.starts_with("#!")) return {};
   std::istringstream line{std::string(text.substr(2, text.find('\n') - 2))};
   std::string word;

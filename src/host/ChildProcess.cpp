@@ -2,10 +2,10 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -21,17 +21,6 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds toolLimit{5'000};
-
-struct Pipe {
-  FileDescriptor reading;
-  FileDescriptor writing;
-};
-
-std::optional<Pipe> makePipe() {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) return std::nullopt;
-  return Pipe{FileDescriptor(ends[0]), FileDescriptor(ends[1])};
-}
 
 /// The rest of a new process's way to its program; only calls that are safe behind a fork.
 [[noreturn]] void becomeProgram(const std::vector<char*>& arguments, ChildProcess::Streams streams,
@@ -57,11 +46,18 @@ std::optional<Pipe> makePipe() {
 
 }  // namespace
 
+std::optional<Pipe> makePipe() {
+  std::array<int, 2> ends{};
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) return std::nullopt;
+  return Pipe{FileDescriptor(ends[0]), FileDescriptor(ends[1])};
+}
+
 std::expected<ChildProcess, int> ChildProcess::start(const std::vector<std::string>& arguments,
                                                      Streams streams) {
   auto errorPipe = makePipe();
   if (!errorPipe) return std::unexpected(errno);
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments)
     pointers.push_back(const_cast<char*>(argument.c_str()));  // execv does not write to them
   pointers.push_back(nullptr);

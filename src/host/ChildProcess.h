@@ -11,6 +11,12 @@
 
 namespace tandor::host {
 
+struct Pipe {
+  FileDescriptor reading;
+  FileDescriptor writing;
+};
+[[nodiscard]] std::optional<Pipe> makePipe();
+
 /// A child of this process, in a process group of its own so that a Ctrl-C reaches this process
 /// alone. It is told to end (SIGTERM) when this process ends in whatever way. One that is dropped
 /// while it runs is killed.
@@ -26,6 +32,8 @@ class ChildProcess {
   [[nodiscard]] static std::expected<ChildProcess, int> start(
       const std::vector<std::string>& arguments, Streams streams);
 
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
   ChildProcess(ChildProcess&&) noexcept = default;
   ChildProcess& operator=(ChildProcess&&) noexcept = default;
   ~ChildProcess();

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "host/Commands.h"
 #include "host/Completions.h"
 #include "host/Failure.h"
 
@@ -51,6 +52,7 @@ class CommandLine {
       std::cerr << app_.help();
       return std::unexpected(exitWrongUsage);
     }
+    options_.demoArguments = app_.get_subcommands().front()->remaining();
     if (const auto failure = readTexts(); !failure.empty()) {
       std::cerr << fmt::format("tandor: {}\n", failure);
       return std::unexpected(exitWrongUsage);
@@ -61,19 +63,20 @@ class CommandLine {
   [[nodiscard]] const CLI::App& app() const noexcept { return app_; }
 
  private:
-  CLI::App* addCommand(const std::string& name, const std::string& description, Command command) {
+  CLI::App* addCommand(const std::string& name, const std::string& description,
+                       Outcome (*command)(const Options&, Output&)) {
     CLI::App* added = app_.add_subcommand(name, description);
     added->callback([this, command] { options_.command = command; });
     return added;
   }
 
   void addConfiguring() {
-    CLI::App* run = addCommand("run", "Start a provider, show what it does, and stop it on Ctrl-C",
-                               Command::run);
-    CLI::App* start = addCommand("start", "Start the provider of the service", Command::start);
-    addCommand("stop", "Stop the provider", Command::stop);
+    CLI::App* run =
+        addCommand("run", "Start a provider, show what it does, and stop it on Ctrl-C", runCommand);
+    CLI::App* start = addCommand("start", "Start the provider of the service", startCommand);
+    addCommand("stop", "Stop the provider", stopCommand);
     CLI::App* update =
-        addCommand("update", "Change the configuration of the running provider", Command::update);
+        addCommand("update", "Change the configuration of the running provider", updateCommand);
     for (CLI::App* command : {run, start, update}) addConfiguration(*command);
     run->add_flag("--all", options_.showsAll, "Also show flows that stay with the kernel");
   }
@@ -106,25 +109,20 @@ class CommandLine {
   }
 
   void addOthers() {
-    addCommand("sleep", "Close every taken flow and take none until woken", Command::sleep);
-    addCommand("wake", "Take flows again", Command::wake);
-    addCommand("status", "Show the provider's state", Command::status);
-    CLI::App* flows = addCommand("flows", "Show the flows that are taken", Command::flows);
+    addCommand("sleep", "Close every taken flow and take none until woken", sleepCommand);
+    addCommand("wake", "Take flows again", wakeCommand);
+    addCommand("status", "Show the provider's state", statusCommand);
+    CLI::App* flows = addCommand("flows", "Show the flows that are taken", flowsCommand);
     flows->add_flag("--watch", options_.watches, "Go on with what happens, until Ctrl-C");
     flows->add_flag("--all", options_.showsAll,
                     "While watching, also show flows that stay with the kernel");
-    addCommand("apps", "Show running applications that have internet sockets", Command::apps);
-    addCommand("doctor", "Check what interception needs, without changing anything",
-               Command::doctor);
+    addCommand("apps", "Show running applications that have internet sockets", appsCommand);
+    addCommand("doctor", "Check what interception needs, without changing anything", doctorCommand);
     CLI::App* demo =
-        addCommand("demo", "See it work on real programs, in a network of its own", Command::demo);
+        addCommand("demo", "See it work on real programs, in a network of its own", demoCommand);
     demo->prefix_command();
-    demo->callback([this, demo] {
-      options_.command = Command::demo;
-      options_.demoArguments = demo->remaining();
-    });
     CLI::App* completions =
-        addCommand("completions", "Print completions for a shell", Command::completions);
+        addCommand("completions", "Print completions for a shell", completionsCommand);
     completions->add_option("shell", options_.shell, "The shell")
         ->required()
         ->check(CLI::IsMember({"bash", "zsh", "fish"}));
@@ -173,8 +171,9 @@ std::expected<Options, int> parseCommandLine(int count, const char* const* argum
   return CommandLine().parse(count, arguments);
 }
 
-std::string completionsFor(const std::string& shell) {
-  return printCompletions(commandTree(CommandLine().app()), shell);
+Outcome completionsCommand(const Options& options, Output& /*output*/) {
+  Output(/*isJSON=*/false).line(printCompletions(commandTree(CommandLine().app()), options.shell));
+  return exitDone;
 }
 
 }  // namespace tandor::host

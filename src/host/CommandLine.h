@@ -1,7 +1,6 @@
 #pragma once
 
 #include <expected>
-#include <string>
 
 #include "host/Options.h"
 
@@ -10,8 +9,5 @@ namespace tandor::host {
 /// Reads the command line. What it cannot use, and what it answers by itself (--help, --version),
 /// it has printed when it fails, with the exit code.
 [[nodiscard]] std::expected<Options, int> parseCommandLine(int count, const char* const* arguments);
-
-/// The completions of the command line for bash, zsh or fish, made from the parser itself.
-[[nodiscard]] std::string completionsFor(const std::string& shell);
 
 }  // namespace tandor::host

@@ -9,9 +9,6 @@
 
 namespace tandor::host {
 
-/// A command's outcome: its exit code, or a failure that is still to be shown.
-using Outcome = std::expected<int, Failure>;
-
 [[nodiscard]] Outcome runCommand(const Options& options, Output& output);
 [[nodiscard]] Outcome startCommand(const Options& options, Output& output);
 [[nodiscard]] Outcome stopCommand(const Options& options, Output& output);
@@ -23,13 +20,12 @@ using Outcome = std::expected<int, Failure>;
 [[nodiscard]] Outcome appsCommand(const Options& options, Output& output);
 [[nodiscard]] Outcome doctorCommand(const Options& options, Output& output);
 [[nodiscard]] Outcome demoCommand(const Options& options, Output& output);
+[[nodiscard]] Outcome completionsCommand(const Options& options, Output& output);
 
 /// The configuration that a start takes: the options over the configuration file, the default one
 /// if it is there. Shows what the applications were resolved to.
 [[nodiscard]] std::expected<Configuration, Failure> configurationToStart(const Options& options,
                                                                          Output& output);
-/// Shows what the applications were resolved to, with warnings.
-void showApplications(const Configuration& configuration, Output& output);
 [[nodiscard]] nlohmann::json describeJSON(const Configuration& configuration);
 
 }  // namespace tandor::host

@@ -1,5 +1,6 @@
 #include "host/Completions.h"
 
+#include <algorithm>
 #include <iterator>
 #include <sstream>
 
@@ -37,12 +38,13 @@ CompletableOption describe(const CLI::Option& option) {
 
 /// Text between single quotes, for every one of the three shells.
 std::string inQuotes(std::string_view text) {
-  std::string quotedText;
-  for (const char character : text) {
-    if (character == '\'') continue;
-    quotedText += character;
-  }
-  return "'" + quotedText + "'";
+  std::string plain(text);
+  std::erase(plain, '\'');
+  return "'" + plain + "'";
+}
+
+std::string wordList(const std::vector<std::string>& words) {
+  return inQuotes(fmt::format("{}", fmt::join(words, " ")));
 }
 
 std::vector<std::string> optionNames(const CompletableCommand& command) {
@@ -54,15 +56,14 @@ std::vector<std::string> optionNames(const CompletableCommand& command) {
 
 std::vector<std::string> commandNames(const CompletableCommand& tree) {
   std::vector<std::string> names;
-  for (const CompletableCommand& command : tree.commands) names.push_back(command.name);
+  std::ranges::transform(tree.commands, std::back_inserter(names), &CompletableCommand::name);
   return names;
 }
 
 std::string bashAction(const CompletableOption& option) {
   switch (option.value) {
     case Value::choice:
-      return fmt::format("COMPREPLY=($(compgen -W {} -- \"$current\"))",
-                         inQuotes(fmt::format("{}", fmt::join(option.choices, " "))));
+      return fmt::format("COMPREPLY=($(compgen -W {} -- \"$current\"))", wordList(option.choices));
     case Value::file:
       return "compopt -o filenames; COMPREPLY=($(compgen -f -- \"$current\"))";
     case Value::command:
@@ -99,7 +100,7 @@ std::string bash(const CompletableCommand& tree) {
   fmt::format_to(out, "  esac\n  case $command in\n");
   for (const CompletableCommand& command : tree.commands)
     fmt::format_to(out, "    {}) COMPREPLY=($(compgen -W {} -- \"$current\")) ;;\n", command.name,
-                   inQuotes(fmt::format("{}", fmt::join(optionNames(command), " "))));
+                   wordList(optionNames(command)));
   fmt::format_to(out, "    *) COMPREPLY=($(compgen -W {} -- \"$current\")) ;;\n  esac\n}}\n",
                  inQuotes(fmt::format("{} {}", fmt::join(commandNames(tree), " "),
                                       fmt::join(optionNames(tree), " "))));
@@ -182,9 +183,7 @@ std::string fish(const CompletableCommand& tree) {
         const bool isLong = name.starts_with("--");
         fmt::format_to(out, " {} {}", isLong ? "-l" : "-s", name.substr(isLong ? 2 : 1));
       }
-      if (option.value == Value::choice)
-        fmt::format_to(out, " -x -a {}",
-                       inQuotes(fmt::format("{}", fmt::join(option.choices, " "))));
+      if (option.value == Value::choice) fmt::format_to(out, " -x -a {}", wordList(option.choices));
       if (option.value == Value::file) fmt::format_to(out, " -r -F");
       if (option.value == Value::command)
         fmt::format_to(out, " -r -F -a '(__fish_complete_command)'");

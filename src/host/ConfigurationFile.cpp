@@ -93,9 +93,9 @@ class FileReader : public nlohmann::json_sax<json> {
     if (key_ == "log") return set(settings_.log, std::move(value));
     if (key_ == "mode")
       return choose(settings_.mode, modeNamed(value),
-                    "\"webProxy\", \"directlyWhiteList\" or \"tunnelWhiteList\"");
+                    R"("webProxy", "directlyWhiteList" or "tunnelWhiteList")");
     if (key_ == "connectReply")
-      return choose(settings_.connectReply, connectReplyNamed(value), "\"status\" or \"phrase\"");
+      return choose(settings_.connectReply, connectReplyNamed(value), R"("status" or "phrase")");
     if (key_ != "proxy") return wrongType();
     auto proxy = Proxy::parse(value);
     if (!proxy) return fail(fmt::format("must be \"HOST:PORT\"; {}", proxy.error()));
@@ -177,9 +177,10 @@ std::expected<Settings, Failure> parseConfigurationFile(std::string_view text,
                                                         const std::string& path) {
   Position position;
   FileReader reader(path, position);
-  const bool isRead = json::sax_parse(CountingIterator(text.data(), position),
-                                      CountingIterator(text.data() + text.size(), position),
-                                      &reader, json::input_format_t::json, /*strict=*/true,
+  const char* const begin = text.data();
+  const bool isRead = json::sax_parse(CountingIterator(begin, position),
+                                      CountingIterator(begin + text.size(), position), &reader,
+                                      json::input_format_t::json, /*strict=*/true,
                                       /*ignore_comments=*/true);
   if (!isRead) {
     return wrongUsage(reader.error(), "correct the file; `man tandor.json` describes it");
@@ -194,7 +195,7 @@ std::expected<Settings, Failure> parseConfigurationFile(std::string_view text,
 }
 
 std::expected<Settings, Failure> readConfigurationFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+  const std::ifstream file(path, std::ios::binary);
   std::stringstream text;
   errno = 0;
   if (file) text << file.rdbuf();

@@ -30,6 +30,7 @@ class ControlClient {
 
   ControlClient(const ControlClient&) = delete;
   ControlClient& operator=(const ControlClient&) = delete;
+  ~ControlClient() = default;
 
   /// Calls the provider and serves the loop until the reply is there, which it returns whole. Not
   /// from inside a handler of the loop.

@@ -1,6 +1,7 @@
 // The commands that call a provider once.
 
 #include <filesystem>
+#include <functional>
 #include <system_error>
 #include <utility>
 
@@ -10,7 +11,6 @@
 #include "host/Commands.h"
 #include "host/ConfigurationFile.h"
 #include "host/JSONValues.h"
-#include "host/PrivateFolder.h"
 #include "host/Provider.h"
 #include "host/SentConfiguration.h"
 #include "host/StatusSocket.h"
@@ -21,16 +21,32 @@ using nlohmann::json;
 
 namespace {
 
-/// A sentence or a JSON object that tells the state that the provider is in now.
-Outcome finished(Output& output, std::string_view state, std::string_view sentence) {
+using Call = std::function<std::expected<void, Failure>(const Provider&)>;
+
+/// Makes one call, and tells the state that the provider is in then.
+Outcome callOnce(const Options& options, Output& output, const Call& call, std::string_view state,
+                 std::string_view sentence) {
+  EventLoop loop;
+  const auto provider = Provider::connect(loop, options.control);
+  if (!provider) return std::unexpected(provider.error());
+  if (auto called = call(*provider); !called) return std::unexpected(called.error());
   output.line(sentence);
   output.value({{"state", state}});
   return exitDone;
 }
 
 void keep(const Provider& provider, const ProviderValues& values, const Output& output) {
-  if (auto kept = keepSent(provider.controlPath, {provider.status.pid, values}); !kept)
+  if (auto kept = keepSent(provider.controlPath, provider.status.pid, values); !kept)
     output.failure(kept.error());
+}
+
+/// Shows what the applications were resolved to, with warnings.
+void showApplications(const Configuration& configuration, Output& output) {
+  for (const ResolvedApplication& app : configuration.apps) {
+    if (app.name != app.identifier)
+      output.line(printable(fmt::format("{} is {}", app.name, app.identifier)));
+    if (!app.warning.empty()) output.note(printable(app.warning));
+  }
 }
 
 std::expected<Settings, Failure> settingsOfFile(const Options& options) {
@@ -39,14 +55,6 @@ std::expected<Settings, Failure> settingsOfFile(const Options& options) {
 }
 
 }  // namespace
-
-void showApplications(const Configuration& configuration, Output& output) {
-  for (const ResolvedApplication& app : configuration.apps) {
-    if (app.name != app.identifier)
-      output.line(printable(fmt::format("{} is {}", app.name, app.identifier)));
-    if (!app.warning.empty()) output.note(printable(app.warning));
-  }
-}
 
 json describeJSON(const Configuration& configuration) {
   json apps = json::array();
@@ -87,14 +95,9 @@ Outcome startCommand(const Options& options, Output& output) {
   for (const auto check : {&Provider::checkVersion, &Provider::checkIdle})
     if (auto passed = ((*provider).*check)(); !passed) return std::unexpected(passed.error());
 
-  // Beside the control socket, since a provider in a sandbox may have a /tmp of its own.
-  auto places = runtimePlaces();
-  places.insert(places.begin(), std::filesystem::path(provider->controlPath).parent_path());
-  const auto folder = PrivateFolder::make("tandor-start", places);
-  if (!folder) return std::unexpected(folder.error());
   bool isStarted = false;
-  const auto status = StatusSocket::listen(
-      loop, (folder->path() / "status").string(), [&](const StatusChange& change) {
+  const auto status =
+      StatusSocket::listenBeside(provider->controlPath, loop, [&](const StatusChange& change) {
         isStarted = change.status == ProxyProviderStatus::started;
       });
   if (!status) return std::unexpected(status.error());
@@ -130,16 +133,15 @@ Outcome updateCommand(const Options& options, Output& output) {
     return fail("no provider is running", "start it with `tandor start` or `tandor run`");
   const auto sent = lastSent(provider->controlPath, provider->status.pid);
   if (!sent) output.note("what was sent last is not known here; options left out get defaults");
-  const ProviderValues before = sent ? sent->values : ProviderValues();
-  const Settings last = sent ? settingsOf(before) : Settings();
+  const Settings last = sent ? settingsOf(*sent) : Settings();
   const auto configuration = makeConfiguration(
       overlay(wanted, last), ApplicationResolver(ApplicationPlaces::ofThisMachine()));
   if (!configuration) return std::unexpected(configuration.error());
   showApplications(*configuration, output);
 
-  const auto socket = before.find("socketPath");
+  const bool hasSocket = sent && sent->contains("socketPath");
   const ProviderValues values =
-      configuration->values(socket == before.end() ? std::string() : socket->second);
+      configuration->values(hasSocket ? sent->at("socketPath") : std::string());
   if (auto updated = provider->update(values); !updated) return std::unexpected(updated.error());
   keep(*provider, values, output);
   if (sent && last.log.value_or("") != configuration->log)
@@ -151,28 +153,20 @@ Outcome updateCommand(const Options& options, Output& output) {
 }
 
 Outcome stopCommand(const Options& options, Output& output) {
-  EventLoop loop;
-  const auto provider = Provider::connect(loop, options.control);
-  if (!provider) return std::unexpected(provider.error());
-  if (auto stopped = provider->stop(); !stopped) return std::unexpected(stopped.error());
-  forgetSent(provider->controlPath);
-  return finished(output, "stopped", "stopped; every flow goes its native way");
+  const auto stop = [](const Provider& provider) {
+    auto stopped = provider.stop();
+    if (stopped) forgetSent(provider.controlPath);
+    return stopped;
+  };
+  return callOnce(options, output, stop, "stopped", "stopped; every flow goes its native way");
 }
 
 Outcome sleepCommand(const Options& options, Output& output) {
-  EventLoop loop;
-  const auto provider = Provider::connect(loop, options.control);
-  if (!provider) return std::unexpected(provider.error());
-  if (auto reply = provider->client->call("sleep"); !reply) return std::unexpected(reply.error());
-  return finished(output, "asleep", "asleep; `tandor wake` goes on");
+  return callOnce(options, output, &Provider::sleep, "asleep", "asleep; `tandor wake` goes on");
 }
 
 Outcome wakeCommand(const Options& options, Output& output) {
-  EventLoop loop;
-  const auto provider = Provider::connect(loop, options.control);
-  if (!provider) return std::unexpected(provider.error());
-  if (auto reply = provider->client->call("wake"); !reply) return std::unexpected(reply.error());
-  return finished(output, "running", "awake");
+  return callOnce(options, output, &Provider::wake, "running", "awake");
 }
 
 }  // namespace tandor::host

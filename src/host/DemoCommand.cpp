@@ -37,6 +37,7 @@ Outcome demoCommand(const Options& options, Output& /*output*/) {
   std::vector<std::string> arguments = {script->string()};
   arguments.insert(arguments.end(), options.demoArguments.begin(), options.demoArguments.end());
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   std::signal(SIGPIPE, SIG_DFL);

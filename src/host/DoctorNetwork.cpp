@@ -1,6 +1,7 @@
 // What interception needs of the network and of other software.
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <sstream>
 #include <utility>
@@ -81,7 +82,7 @@ Finding checkDefaultRoute(const Machine& machine) {
             "connect the machine to a network; `ip route` shows the routes"};
   }
   std::vector<std::string> names;
-  for (const Uplink& uplink : found) names.push_back(uplink.name);
+  std::ranges::transform(found, std::back_inserter(names), &Uplink::name);
   return {"default route", Result::good, fmt::format("over {}", fmt::join(names, ", then ")), ""};
 }
 
@@ -104,8 +105,9 @@ Finding checkReversePathFilter(const Machine& machine) {
   if (names.empty())
     return {"reverse path filter", Result::good, "lets replies over every interface in", ""};
   std::vector<std::string> settings;
-  for (const std::string& name : names)
-    settings.push_back(fmt::format("net.ipv4.conf.{}.rp_filter=2", name));
+  std::ranges::transform(names, std::back_inserter(settings), [](const std::string& name) {
+    return fmt::format("net.ipv4.conf.{}.rp_filter=2", name);
+  });
   return {"reverse path filter", Result::warning,
           fmt::format("rp_filter=1 on {}: replies to direct connections are dropped while another "
                       "interface, such as a VPN's, has the better route",

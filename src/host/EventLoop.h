@@ -40,6 +40,7 @@ class EventLoop {
   EventLoop() = default;
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
+  ~EventLoop() = default;
 
   /// Calls `handler` again and again while the descriptor has something to read, or its other end
   /// has gone. The loop outlives the watch, the watch ends before the descriptor is closed.

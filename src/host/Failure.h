@@ -21,6 +21,9 @@ struct Failure {
   return std::unexpected(Failure{std::move(message), std::move(advice), exitFailed});
 }
 
+/// A command's outcome: its exit code, or a failure that is still to be shown.
+using Outcome = std::expected<int, Failure>;
+
 /// The command line or the configuration asks for something that makes no sense.
 [[nodiscard]] inline std::unexpected<Failure> wrongUsage(std::string message, std::string advice) {
   return std::unexpected(Failure{std::move(message), std::move(advice), exitWrongUsage});

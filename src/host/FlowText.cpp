@@ -63,7 +63,7 @@ std::string describeEvent(const json& event, const Output& output) {
 Table flowTable(const json& flows) {
   Table table(
       {"APPLICATION", "PID", "PROTOCOL", "DESTINATION", "OUTBOUND", "INTERFACE", "IN", "OUT"});
-  const auto orDash = [](std::string value) { return value.empty() ? std::string("-") : value; };
+  const auto orDash = [](const std::string& value) { return value.empty() ? "-" : value; };
   for (const json& flow : flows) {
     table.add({text(flow, "app"), std::to_string(numberMember(flow, "pid").value_or(0)),
                text(flow, "protocol"), text(flow, "destination"), orDash(text(flow, "outbound")),

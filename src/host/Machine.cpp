@@ -63,7 +63,7 @@ Machine Machine::thisOne() {
 }
 
 std::optional<std::string> Machine::read(const std::string& path) const {
-  std::ifstream file(root / path.substr(1), std::ios::binary);
+  const std::ifstream file(root / path.substr(1), std::ios::binary);
   if (!file) return std::nullopt;
   std::stringstream text;
   text << file.rdbuf();

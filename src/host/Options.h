@@ -1,32 +1,19 @@
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "host/Failure.h"
 #include "host/Settings.h"
 
 namespace tandor::host {
 
-enum class Command : std::uint8_t {
-  run,
-  start,
-  stop,
-  update,
-  sleep,
-  wake,
-  status,
-  flows,
-  apps,
-  doctor,
-  demo,
-  completions,
-};
+class Output;
 
 /// What the command line says.
 struct Options {
-  Command command = Command::status;
+  Outcome (*command)(const Options& options, Output& output) = nullptr;
   std::optional<std::string> control;
   bool json = false;
   Settings settings;

@@ -5,11 +5,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <iterator>
+#include <sstream>
 #include <unistd.h>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "host/JSONValues.h"
 #include "platform/foundation/Text.h"
@@ -110,7 +110,7 @@ void Output::write(std::string_view text) {
   if (isRead_) isRead_ = writeAll(STDOUT_FILENO, text);
 }
 
-void Output::note(std::string_view text) const {
+void Output::note(std::string_view text) {
   writeAll(STDERR_FILENO, fmt::format("tandor: {}\n", text));
 }
 
@@ -125,9 +125,8 @@ void Output::failure(const Failure& failure) const {
 }
 
 void Table::add(const std::vector<std::string>& cells) {
-  std::vector<std::string> row;
-  for (const std::string& cell : cells) row.push_back(printable(cell));
-  rows_.push_back(std::move(row));
+  auto& row = rows_.emplace_back();
+  std::ranges::transform(cells, std::back_inserter(row), printable);
 }
 
 void Table::print(Output& output) const {

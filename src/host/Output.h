@@ -37,7 +37,7 @@ class Output {
   /// One value for programs; nothing otherwise.
   void value(const nlohmann::json& value);
   /// A remark beside the result, on standard error.
-  void note(std::string_view text) const;
+  static void note(std::string_view text);
   void failure(const Failure& failure) const;
   /// False once nobody reads any more what is printed.
   [[nodiscard]] bool isRead() const noexcept { return isRead_; }

@@ -1,10 +1,10 @@
 #include "host/PrivateFolder.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <limits>
 #include <optional>
-#include <signal.h>
 #include <system_error>
 #include <unistd.h>
 

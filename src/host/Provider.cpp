@@ -112,6 +112,14 @@ std::expected<void, Failure> Provider::stop() const {
   return outcome(client->call("stopProxy", {{"reason", userInitiated}}, stopLimit));
 }
 
+std::expected<void, Failure> Provider::sleep() const {
+  return outcome(client->call("sleep"));
+}
+
+std::expected<void, Failure> Provider::wake() const {
+  return outcome(client->call("wake"));
+}
+
 std::expected<void, Failure> Provider::update(const ProviderValues& values) const {
   const Data message = makeAppMessage("updateConfig", Data::copying(json(values).dump()));
   return outcome(client->call("appMessage", {{"data", encodeBase64(message.bytes())}}));

@@ -59,6 +59,8 @@ struct Provider {
 
   [[nodiscard]] std::expected<void, Failure> start(const ProviderValues& values) const;
   [[nodiscard]] std::expected<void, Failure> stop() const;
+  [[nodiscard]] std::expected<void, Failure> sleep() const;
+  [[nodiscard]] std::expected<void, Failure> wake() const;
   /// Hands over a whole configuration while it runs.
   [[nodiscard]] std::expected<void, Failure> update(const ProviderValues& values) const;
 };

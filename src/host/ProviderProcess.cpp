@@ -3,10 +3,10 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <signal.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -49,22 +49,19 @@ std::expected<std::unique_ptr<ProviderProcess>, Failure> ProviderProcess::start(
     return fail("tandor-provider is not installed",
                 "install the package whole, or put tandor-provider beside this program");
   }
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0)
-    return fail("cannot make a pipe", "end other programs; too many files are open");
-  FileDescriptor reading(ends[0]);
-  const FileDescriptor writing(ends[1]);
-  ::fcntl(reading.get(), F_SETFL, O_NONBLOCK);
+  auto log = makePipe();
+  if (!log) return fail("cannot make a pipe", "end other programs; too many files are open");
+  ::fcntl(log->reading.get(), F_SETFL, O_NONBLOCK);
   auto child = ChildProcess::start({*program, "--control", controlPath},
-                                   {.output = writing.get(), .errors = writing.get()});
+                                   {.output = log->writing.get(), .errors = log->writing.get()});
   if (!child) {
     return fail(
         fmt::format("cannot run {}: {}", *program, std::generic_category().message(child.error())),
         "check that the file is the program that was installed");
   }
-  return std::unique_ptr<ProviderProcess>(
-      new ProviderProcess(loop, std::move(*child), std::move(reading),  // NOLINT(*-owning-memory)
-                          *program, isLogShown));
+  return std::unique_ptr<ProviderProcess>(new ProviderProcess(
+      loop, std::move(*child), std::move(log->reading),  // NOLINT(*-owning-memory)
+      *program, isLogShown));
 }
 
 ProviderProcess::ProviderProcess(EventLoop& loop, ChildProcess child, FileDescriptor log,

@@ -24,6 +24,7 @@ class ProviderProcess {
 
   ProviderProcess(const ProviderProcess&) = delete;
   ProviderProcess& operator=(const ProviderProcess&) = delete;
+  ~ProviderProcess() = default;
 
   [[nodiscard]] bool hasEnded() const noexcept { return hasEnded_; }
   /// How it ended and what it said last, once it has.

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <unistd.h>
@@ -53,33 +52,21 @@ class RunSession {
     const std::string path = options_.control.value_or(defaultControlPath());
     auto found = Provider::find(loop_, path);
     if (!found) return std::unexpected(found.error());
-    auto places = runtimePlaces();
-    if (!*found) return launch(places);
+    if (!*found) return launch();
+    if (auto idle = (*found)->checkIdle(); !idle) return idle;  // it is somebody else's
     provider_ = std::move(**found);
-    if (auto idle = provider_->checkIdle(); !idle) {
-      provider_ = std::nullopt;  // it is somebody else's
-      return idle;
-    }
-    // Beside the control socket, since a provider in a sandbox may have a /tmp of its own.
-    places.insert(places.begin(), std::filesystem::path(path).parent_path());
-    return makeFolder("tandor-status", places);
-  }
-
-  [[nodiscard]] Result makeFolder(std::string_view name,
-                                  const std::vector<std::filesystem::path>& places) {
-    auto folder = PrivateFolder::make(name, places);
-    if (!folder) return std::unexpected(folder.error());
-    folder_.emplace(std::move(*folder));
     return {};
   }
 
-  [[nodiscard]] Result launch(const std::vector<std::filesystem::path>& places) {
+  [[nodiscard]] Result launch() {
     if (::geteuid() != 0) {
       return fail(
           "not permitted to intercept flows",
           "run it with sudo: sudo tandor run ...; or let an administrator start the service");
     }
-    if (auto made = makeFolder(runFolderName, places); !made) return made;
+    auto folder = PrivateFolder::make(runFolderName, runtimePlaces());
+    if (!folder) return std::unexpected(folder.error());
+    folder_.emplace(std::move(*folder));
     const std::string path = options_.control.value_or((folder_->path() / "control.sock").string());
     auto process = ProviderProcess::start(loop_, path, options_.settings.debug.value_or(false));
     if (!process) return std::unexpected(process.error());
@@ -102,8 +89,8 @@ class RunSession {
   [[nodiscard]] Result start(const Configuration& configuration) {
     if (isEndWanted_) return {};
     if (auto same = provider_->checkVersion(); !same) return same;
-    auto status = StatusSocket::listen(loop_, (folder_->path() / "status").string(),
-                                       [this](const StatusChange& change) { hear(change); });
+    auto status = StatusSocket::listenBeside(provider_->controlPath, loop_,
+                                             [this](const StatusChange& change) { hear(change); });
     if (!status) return std::unexpected(status.error());
     status_ = std::move(*status);
     provider_->client->setEventHandler([this](const json& event) { show(event); });
@@ -118,7 +105,7 @@ class RunSession {
     output_.line(printable(configuration.description()));
     if (auto started = provider_->start(values); !started) return started;
     isStarted_ = true;
-    if (auto kept = keepSent(provider_->controlPath, {provider_->status.pid, values}); !kept)
+    if (auto kept = keepSent(provider_->controlPath, provider_->status.pid, values); !kept)
       output_.failure(kept.error());
     output_.line("Ctrl-C stops it; in another terminal: tandor status, flows, update");
     return {};

@@ -31,10 +31,10 @@ std::unexpected<Failure> cannotKeep(const std::string& path, int error) {
 
 }  // namespace
 
-std::expected<void, Failure> keepSent(const std::string& controlPath,
-                                      const SentConfiguration& sent) {
+std::expected<void, Failure> keepSent(const std::string& controlPath, pid_t provider,
+                                      const ProviderValues& values) {
   const std::string path = pathBeside(controlPath);
-  const std::string text = jsonLine({{"provider", sent.provider}, {"values", sent.values}});
+  const std::string text = jsonLine({{"provider", provider}, {"values", values}});
   // A new file each time, so that nobody ever reads a part, or has it open from before.
   std::string pattern = path + ".XXXXXX";
   const FileDescriptor file(::mkostemp(pattern.data(), O_CLOEXEC));
@@ -49,16 +49,16 @@ std::expected<void, Failure> keepSent(const std::string& controlPath,
   return {};
 }
 
-std::optional<SentConfiguration> lastSent(const std::string& controlPath, pid_t provider) {
+std::optional<ProviderValues> lastSent(const std::string& controlPath, pid_t provider) {
   std::ifstream file(pathBeside(controlPath));
   const json kept = json::parse(file, nullptr, /*allow_exceptions=*/false);
   if (!kept.is_object() || numberMember(kept, "provider") != provider) return std::nullopt;
   const auto values = kept.find("values");
   if (values == kept.end() || !values->is_object()) return std::nullopt;
-  SentConfiguration sent{provider, {}};
+  ProviderValues sent;
   for (const auto& [key, value] : values->items()) {
     if (!value.is_string()) return std::nullopt;
-    sent.values.emplace(key, value.get<std::string>());
+    sent.emplace(key, value.get<std::string>());
   }
   return sent;
 }

@@ -25,14 +25,13 @@ using nlohmann::json;
 
 namespace {
 
-/// The configuration in one line, from what was sent.
+/// What was sent, an application a line.
 std::string describeValues(const ProviderValues& values) {
-  const Settings settings = settingsOf(values);
-  std::string text = settings.mode ? std::string(nameOf(*settings.mode)) : "unknown mode";
-  if (settings.mode == Mode::webProxy && settings.proxy)
-    text += " through " + settings.proxy->description();
-  for (const NamedApplication& app : settings.apps.value_or(std::vector<NamedApplication>()))
-    text += "\n               " + printable(app.name.substr(identifierPrefix.size()));
+  const auto configuration = makeConfiguration(settingsOf(values), ApplicationResolver({}));
+  if (!configuration) return "unknown";
+  std::string text = printable(configuration->description());
+  for (const ResolvedApplication& app : configuration->apps)
+    text += "\n               " + printable(app.identifier);
   return text;
 }
 
@@ -51,7 +50,7 @@ std::uint64_t count(const json& group, std::string_view key) {
       std::max<std::int64_t>(0, numberMember(group, key).value_or(0)));
 }
 
-void printStatus(const Provider& provider, const std::optional<SentConfiguration>& sent,
+void printStatus(const Provider& provider, const std::optional<ProviderValues>& sent,
                  Output& output) {
   const json& whole = provider.status.whole;
   const auto row = [&](std::string_view name, std::string_view value) {
@@ -72,7 +71,7 @@ void printStatus(const Provider& provider, const std::optional<SentConfiguration
   const json bytes = whole.value("bytes", json::object());
   row("bytes",
       fmt::format("{} in, {} out", byteCount(count(bytes, "in")), byteCount(count(bytes, "out"))));
-  if (sent) row("configuration", describeValues(sent->values));
+  if (sent) row("configuration", describeValues(*sent));
 }
 
 /// Prints the live flows and then every event until the provider goes, or the user wants no more.
@@ -117,7 +116,7 @@ Outcome statusCommand(const Options& options, Output& output) {
   const auto sent = lastSent(provider->controlPath, provider->status.pid);
   json value = provider->status.whole;
   value["control"] = provider->controlPath;
-  value["configuration"] = sent ? json(sent->values) : json();
+  value["configuration"] = sent ? json(*sent) : json();
   output.value(value);
   if (!output.isJSON()) printStatus(*provider, sent, output);
   if (auto same = provider->checkVersion(); !same) output.failure(same.error());

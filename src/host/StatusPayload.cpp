@@ -1,8 +1,9 @@
 #include "host/StatusPayload.h"
 
+#include <optional>
+
 #include "ipc/BigEndian.h"
 #include "ipc/IPCClient.h"
-#include "platform/foundation/Text.h"
 
 namespace tandor::host {
 namespace {
@@ -33,54 +34,52 @@ class Cursor {
   std::span<const std::uint8_t> bytes_;
 };
 
-std::string textOf(std::span<const std::uint8_t> bytes) {
-  return {bytes.begin(), bytes.end()};
-}
+struct Message {
+  std::string name;
+  std::string content;
+};
 
-/// `payload` is at least as long as an empty one.
-std::expected<HostMessage, std::string_view> readPayload(std::span<const std::uint8_t> payload) {
+/// Absent when the bytes, which are enough for an empty payload, are none.
+std::optional<Message> readPayload(std::span<const std::uint8_t> payload) {
   Cursor cursor(payload);
-  if (cursor.takeNumber<std::uint32_t>() != payloadKind)
-    return std::unexpected("a payload of an unknown kind");
+  if (cursor.takeNumber<std::uint32_t>() != payloadKind) return std::nullopt;
   static_cast<void>(cursor.take(uuidWidth));
   const auto dataLength = cursor.takeNumber<std::uint64_t>();
   static_cast<void>(cursor.takeNumber<std::uint64_t>());
-  if (dataLength != cursor.left()) return std::unexpected("a packet of another length");
+  if (dataLength != cursor.left()) return std::nullopt;
   static_cast<void>(cursor.take(uuidWidth));
   const auto nameLength = cursor.takeNumber<std::uint64_t>();
-  if (nameLength > cursor.left() - sizeof(std::uint64_t))
-    return std::unexpected("a name that is longer than its packet");
-  HostMessage message;
-  message.name = textOf(cursor.take(nameLength));
-  if (cursor.takeNumber<std::uint64_t>() != cursor.left())
-    return std::unexpected("a content of another length");
-  message.content = textOf(cursor.take(cursor.left()));
-  return message;
+  if (nameLength > cursor.left() - sizeof(std::uint64_t)) return std::nullopt;
+  const auto name = cursor.take(nameLength);
+  if (cursor.takeNumber<std::uint64_t>() != cursor.left()) return std::nullopt;
+  const auto content = cursor.take(cursor.left());
+  return Message{{name.begin(), name.end()}, {content.begin(), content.end()}};
 }
 
-}  // namespace
-
-void PayloadReader::append(std::span<const std::uint8_t> bytes) {
-  bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
-}
-
-std::expected<std::optional<HostMessage>, std::string_view> PayloadReader::next() {
-  if (bytes_.size() < lengthWidth) return std::nullopt;
-  const std::size_t length = readBigEndian<std::uint32_t>(bytes_);
-  if (length < emptyPayload || length > IPCClient::maximumPacketLength)
-    return std::unexpected("a payload of an impossible length");
-  if (bytes_.size() < lengthWidth + length) return std::nullopt;
-  auto message = readPayload(std::span(bytes_).subspan(lengthWidth, length));
-  if (!message) return std::unexpected(message.error());
-  bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(lengthWidth + length));
-  return std::move(*message);
-}
-
-std::optional<StatusChange> statusChange(const HostMessage& message) {
+/// Absent for a message of another kind, or a status that is unknown.
+std::optional<StatusChange> statusChange(const Message& message) {
   if (message.name != statusMessageName || message.content.empty()) return std::nullopt;
   const auto status = static_cast<std::uint8_t>(message.content.front());
   if (status > static_cast<std::uint8_t>(ProxyProviderStatus::started)) return std::nullopt;
   return StatusChange{static_cast<ProxyProviderStatus>(status), message.content.substr(1)};
+}
+
+}  // namespace
+
+bool PayloadReader::read(std::span<const std::uint8_t> bytes,
+                         const std::function<void(const StatusChange&)>& handler) {
+  unread_.insert(unread_.end(), bytes.begin(), bytes.end());
+  while (unread_.size() >= lengthWidth) {
+    const std::size_t length = readBigEndian<std::uint32_t>(unread_);
+    if (length < emptyPayload || length > IPCClient::maximumPacketLength) return false;
+    if (unread_.size() < lengthWidth + length) break;
+    const auto message = readPayload(std::span(unread_).subspan(lengthWidth, length));
+    if (!message) return false;
+    unread_.erase(unread_.begin(),
+                  unread_.begin() + static_cast<std::ptrdiff_t>(lengthWidth + length));
+    if (const auto change = statusChange(*message)) handler(*change);
+  }
+  return true;
 }
 
 }  // namespace tandor::host

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <filesystem>
+#include <span>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
-#include <vector>
 
 #include <fmt/format.h>
 
@@ -32,7 +33,6 @@ struct StatusSocket::Client {
 
   FileDescriptor socket;
   Stage stage = Stage::firstGreeting;
-  std::vector<std::uint8_t> unread;
   PayloadReader payloads;
   EventLoop::Watch watch;
 
@@ -60,6 +60,17 @@ std::expected<std::unique_ptr<StatusSocket>, Failure> StatusSocket::listen(Event
   return std::unique_ptr<StatusSocket>(new StatusSocket(loop, std::move(listener),
                                                         path,  // NOLINT(*-owning-memory): private
                                                         std::move(handler)));
+}
+
+std::expected<std::unique_ptr<StatusSocket>, Failure> StatusSocket::listenBeside(
+    const std::string& controlPath, EventLoop& loop, Handler handler) {
+  auto places = runtimePlaces();
+  places.insert(places.begin(), std::filesystem::path(controlPath).parent_path());
+  auto folder = PrivateFolder::make("tandor-status", places);
+  if (!folder) return std::unexpected(folder.error());
+  auto socket = listen(loop, (folder->path() / "status").string(), std::move(handler));
+  if (socket) (*socket)->folder_.emplace(std::move(*folder));
+  return socket;
 }
 
 StatusSocket::StatusSocket(EventLoop& loop, FileDescriptor listener, std::string path,
@@ -90,32 +101,18 @@ void StatusSocket::serve(Client& client) {
   std::array<std::uint8_t, 4096> piece;
   const ssize_t count = ::read(client.socket.get(), piece.data(), piece.size());
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (count > 0) {
-    client.unread.insert(client.unread.end(), piece.begin(), piece.begin() + count);
-    if (advance(client)) return;
-  }
+  const auto bytes = std::span(piece).first(count > 0 ? static_cast<std::size_t>(count) : 0);
+  if (!bytes.empty() && advance(client, bytes)) return;
   clients_.remove_if([&](const auto& entry) { return entry.get() == &client; });
 }
 
-bool StatusSocket::advance(Client& client) {
-  while (client.stage != Client::Stage::payloads && !client.unread.empty()) {
-    client.unread.erase(client.unread.begin());
-    if (client.stage == Client::Stage::firstGreeting) {
-      if (!client.greet(4)) return false;
-      client.stage = Client::Stage::secondGreeting;
-    } else {
-      client.stage = Client::Stage::payloads;
-    }
+bool StatusSocket::advance(Client& client, std::span<const std::uint8_t> bytes) {
+  for (; client.stage != Client::Stage::payloads && !bytes.empty(); bytes = bytes.subspan(1)) {
+    const bool isFirst = client.stage == Client::Stage::firstGreeting;
+    if (isFirst && !client.greet(4)) return false;
+    client.stage = isFirst ? Client::Stage::secondGreeting : Client::Stage::payloads;
   }
-  client.payloads.append(client.unread);
-  client.unread.clear();
-  while (client.stage == Client::Stage::payloads) {
-    const auto message = client.payloads.next();
-    if (!message) return false;
-    if (!*message) break;
-    if (const auto change = statusChange(**message)) handler_(*change);
-  }
-  return true;
+  return client.payloads.read(bytes, handler_);
 }
 
 }  // namespace tandor::host

@@ -4,10 +4,13 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "host/EventLoop.h"
 #include "host/Failure.h"
+#include "host/PrivateFolder.h"
 #include "host/StatusPayload.h"
 #include "platform/linux/FileDescriptor.h"
 
@@ -23,6 +26,10 @@ class StatusSocket {
   /// outlives the socket. The path is unlinked at the end.
   [[nodiscard]] static std::expected<std::unique_ptr<StatusSocket>, Failure> listen(
       EventLoop& loop, const std::string& path, Handler handler);
+  /// The same in a folder of its own, beside the control socket if that is possible: a provider in
+  /// a sandbox may have a /tmp of its own.
+  [[nodiscard]] static std::expected<std::unique_ptr<StatusSocket>, Failure> listenBeside(
+      const std::string& controlPath, EventLoop& loop, Handler handler);
 
   StatusSocket(const StatusSocket&) = delete;
   StatusSocket& operator=(const StatusSocket&) = delete;
@@ -38,9 +45,10 @@ class StatusSocket {
   void accept();
   void serve(Client& client);
   /// Goes on with what the client has sent; false when it is to be dropped.
-  [[nodiscard]] bool advance(Client& client);
+  [[nodiscard]] bool advance(Client& client, std::span<const std::uint8_t> bytes);
 
   EventLoop& loop_;
+  std::optional<PrivateFolder> folder_;
   FileDescriptor listener_;
   std::string path_;
   Handler handler_;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <numeric>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -21,7 +21,7 @@ std::size_t distance(std::string_view left, std::string_view right) {
   std::vector<std::size_t> twoBefore;
   std::vector<std::size_t> before;
   std::vector<std::size_t> row(right.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t to = 0; to < row.size(); ++to) row[to] = to;
   for (std::size_t at = 1; at <= left.size(); ++at) {
     twoBefore = std::exchange(before, row);
     row[0] = at;
@@ -59,7 +59,8 @@ std::vector<std::string> suggestions(std::string_view wanted, const std::set<std
   std::ranges::sort(candidates);
   if (candidates.size() > mostSuggestions) candidates.resize(mostSuggestions);
   std::vector<std::string> best;
-  for (auto& [strange, name] : candidates) best.push_back(std::move(name));
+  std::ranges::transform(candidates, std::back_inserter(best),
+                         &std::pair<std::size_t, std::string>::second);
   return best;
 }
 

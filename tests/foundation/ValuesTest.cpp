@@ -21,8 +21,9 @@ using namespace std::string_literals;
 /// Storage on the stack that counts how often it was disposed of.
 class CountedStorage final : public DataStorage {
  public:
+  CountedStorage() : DataStorage(nullptr) { setFirst(bytes_.data()); }
   int disposals = 0;
-  [[nodiscard]] Data all() { return {*this, bytes_.data(), bytes_.size()}; }
+  [[nodiscard]] Data all() { return {*this, 0, bytes_.size()}; }
 
  private:
   void dispose() noexcept override { ++disposals; }

@@ -9,11 +9,10 @@ namespace {
 class HeapStorage final : public DataStorage {
  public:
   explicit HeapStorage(std::span<const std::uint8_t> bytes)
-      : bytes_(std::make_unique_for_overwrite<std::uint8_t[]>(bytes.size())) {
+      : DataStorage(nullptr), bytes_(std::make_unique_for_overwrite<std::uint8_t[]>(bytes.size())) {
     std::ranges::copy(bytes, bytes_.get());
+    setFirst(bytes_.get());
   }
-
-  [[nodiscard]] const std::uint8_t* first() const { return bytes_.get(); }
 
  private:
   void dispose() noexcept override { const std::unique_ptr<HeapStorage> last(this); }
@@ -26,8 +25,7 @@ class HeapStorage final : public DataStorage {
 Data Data::copying(std::span<const std::uint8_t> bytes) {
   if (bytes.empty()) return {};
   auto storage = std::make_unique<HeapStorage>(bytes);
-  const std::uint8_t* first = storage->first();
-  return {*storage.release(), first, bytes.size()};
+  return {*storage.release(), 0, bytes.size()};
 }
 
 Data Data::copying(std::string_view text) {
@@ -36,13 +34,13 @@ Data Data::copying(std::string_view text) {
 }
 
 std::string_view Data::characters() const noexcept {
-  return {reinterpret_cast<const char*>(first_), count_};
+  return {reinterpret_cast<const char*>(bytes().data()), count_};
 }
 
 Data Data::slice(std::size_t offset, std::size_t count) const noexcept {
   assert(offset <= count_ && count <= count_ - offset);
   Data part(*this);
-  part.first_ += offset;
+  part.offset_ += offset;
   part.count_ = count;
   return part;
 }

@@ -21,7 +21,9 @@ class BufferPool {
 
   class Buffer final : public DataStorage {
    public:
-    explicit Buffer(EpollLoop& loop) : loop_(loop) {}
+    explicit Buffer(EpollLoop& loop) : DataStorage(nullptr), loop_(loop) {
+      setFirst(bytes_.data());
+    }
     [[nodiscard]] std::span<std::uint8_t> room() noexcept { return bytes_; }
 
    private:

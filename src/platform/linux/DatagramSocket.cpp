@@ -202,7 +202,7 @@ void DatagramSocket::fill() {
       const std::size_t length = received[index].msg_len;
       if (pack.count() - used < length) {
         BufferPool::Buffer& buffer = loop_.buffers().borrow();
-        pack = Data(buffer, buffer.room().data(), buffer.room().size());
+        pack = Data(buffer, 0, buffer.room().size());
         used = 0;
       }
       // Nobody else has seen these bytes of the buffer yet.

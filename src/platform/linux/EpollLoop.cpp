@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <utility>
@@ -123,6 +124,11 @@ void EpollLoop::remove(int descriptor, const Source& source) noexcept {
 
 void EpollLoop::run() {
   setCurrent(this);
+  // Sending through a pipe to a peer that has gone raises it, whatever the flags say.
+  sigset_t brokenPipe;
+  ::sigemptyset(&brokenPipe);
+  ::sigaddset(&brokenPipe, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
   while (!isEnding_) {
     waitForEvents();
     runTimers();

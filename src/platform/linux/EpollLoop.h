@@ -17,6 +17,7 @@
 #include "platform/dispatch/EventLoop.h"
 #include "platform/linux/BufferPool.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/PipePool.h"
 
 namespace tandor {
 
@@ -158,6 +159,7 @@ class EpollLoop final : public EventLoop {
   void defer(Task& task) noexcept { deferred_.append(task); }
 
   [[nodiscard]] BufferPool& buffers() noexcept { return buffers_; }
+  [[nodiscard]] PipePool& pipes() noexcept { return pipes_; }
 
  private:
   class TaskList {
@@ -172,7 +174,7 @@ class EpollLoop final : public EventLoop {
     Task** tail_ = &first_;
   };
   EpollLoop(FileDescriptor epoll, FileDescriptor wakeUp) noexcept
-      : epoll_(std::move(epoll)), wakeUp_(std::move(wakeUp)), buffers_(*this) {}
+      : epoll_(std::move(epoll)), wakeUp_(std::move(wakeUp)), buffers_(*this), pipes_(*this) {}
 
   struct Posted {
     Block block;
@@ -204,6 +206,7 @@ class EpollLoop final : public EventLoop {
   std::size_t eventIndex_ = 0;  // the event that is being handled, of
   std::size_t eventCount_ = 0;
   BufferPool buffers_;
+  PipePool pipes_;
   std::thread thread_;
 };
 

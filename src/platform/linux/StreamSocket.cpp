@@ -23,6 +23,9 @@ constexpr int silentChecksAllowed = 5;
 /// What such a peer may go on sending until it is told that nobody listens.
 constexpr std::size_t mostDiscarded = std::size_t{256} * 1024;
 
+/// A read that brings so much is one of many.
+constexpr std::size_t bulk = std::size_t{32} * 1024;
+
 /// Pieces that may wait as slices of read buffers. Behind them small ones are copied: a trickle
 /// towards a slow reader would otherwise hold a whole buffer a piece.
 constexpr std::size_t slicesThatMayWait = 4;
@@ -146,18 +149,33 @@ void StreamSocket::complete() {
   if (!isReadWanted_) return;
   if (!input_.isEmpty()) {
     isReadWanted_ = false;
-    Data piece;
-    if (input_.count() <= readMaximum_) {
-      piece = std::move(input_);
-    } else {
-      piece = input_.slice(0, readMaximum_);
-      input_.removeFirst(readMaximum_);
-    }
-    owner_.streamDidRead(std::move(piece));
+    owner_.streamDidRead(takeInput());
   } else if (hasEnded_) {
     isReadWanted_ = false;
     owner_.streamDidEnd(readError_);
   }
+}
+
+Data StreamSocket::takeInput() {
+  if (input_.count() > readMaximum_) {
+    Data piece = input_.slice(0, readMaximum_);
+    input_.removeFirst(readMaximum_);
+    return piece;
+  }
+  Data last = std::move(input_);
+  if (auto* const pipe = PipePool::holding(last)) pipe->setRestHeld(false);
+  return last;
+}
+
+void StreamSocket::dropInput() noexcept {
+  if (auto* const pipe = PipePool::holding(input_)) pipe->setRestHeld(false);
+  input_ = {};
+}
+
+bool StreamSocket::isOutputAccepted() const noexcept {
+  if (outputBytes_ <= outputBound) return true;
+  // What waits in a pipe has its bound there.
+  return output_.size() == 1 && PipePool::holding(output_.front()) != nullptr;
 }
 
 void StreamSocket::transfer() {
@@ -172,20 +190,8 @@ void StreamSocket::transfer() {
 void StreamSocket::flush() {
   std::size_t first = 0;  // the first piece that has not left whole
   while (first < output_.size()) {
-    std::array<iovec, 64> pieces;
-    std::size_t count = 0;
     std::size_t asked = 0;
-    for (; count < pieces.size() && first + count < output_.size(); ++count) {
-      const auto bytes = output_[first + count].bytes();
-      // sendmsg does not write through the pointer that iovec has for both directions.
-      pieces[count] = {const_cast<std::uint8_t*>(bytes.data()),
-                       bytes.size()};  // NOLINT(*-const-cast)
-      asked += bytes.size();
-    }
-    msghdr message{};
-    message.msg_iov = pieces.data();
-    message.msg_iovlen = count;
-    const ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = sendSome(first, asked);
     if (sent < 0) {
       if (errno == EINTR) continue;
       if (errno != EAGAIN) {
@@ -211,6 +217,30 @@ void StreamSocket::flush() {
   if (isWriteWanted_ && isOutputAccepted()) loop_.schedule(completion_);
 }
 
+ssize_t StreamSocket::sendSome(std::size_t first, std::size_t& asked) {
+  if (auto* const pipe = PipePool::holding(output_[first])) {
+    const ssize_t sent = pipe->drain(socket_.get(), output_[first]);
+    asked = output_[first].count();
+    if (sent != PipePool::Pipe::mustBeRead) return sent;
+  }
+  asked = 0;
+  std::array<iovec, 64> pieces;
+  std::size_t count = 0;
+  for (; count < pieces.size() && first + count < output_.size(); ++count) {
+    const Data& piece = output_[first + count];
+    if (count > 0 && PipePool::holding(piece) != nullptr) break;
+    const auto bytes = piece.bytes();
+    // sendmsg does not write through the pointer that iovec has for both directions.
+    pieces[count] = {const_cast<std::uint8_t*>(bytes.data()),
+                     bytes.size()};  // NOLINT(*-const-cast)
+    asked += bytes.size();
+  }
+  msghdr message{};
+  message.msg_iov = pieces.data();
+  message.msg_iovlen = count;
+  return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
 void StreamSocket::failWriting(int error) {
   writeError_ = error;
   outputBytes_ = 0;
@@ -219,17 +249,14 @@ void StreamSocket::failWriting(int error) {
 }
 
 void StreamSocket::fill() {
-  BufferPool::Buffer& buffer = loop_.buffers().borrow();
-  const Data whole(buffer, buffer.room().data(), buffer.room().size());
   for (;;) {
-    const ssize_t count = ::recv(socket_.get(), buffer.room().data(), whole.count(), MSG_DONTWAIT);
+    // A pipe hands on by reference what a read would copy; for a few bytes that is no gain. It
+    // cannot pass an urgent byte.
+    PipePool::Pipe* const pipe = isBulk_ && !isReadUntilEmpty_ ? loop_.pipes().borrow() : nullptr;
+    const ssize_t count = pipe != nullptr ? receiveIntoPipe(*pipe) : receiveIntoMemory();
     if (count > 0) {
-      const auto received = static_cast<std::size_t>(count);
-      addTo(bytesRead_, received);
-      // A short read has emptied the socket: what comes next is announced by a new edge. The end of
-      // the stream may have been announced already, and a read stops short at an urgent byte.
-      isReadable_ = isReadUntilEmpty_ || received == whole.count();
-      input_ = whole.slice(0, received);
+      addTo(bytesRead_, static_cast<std::size_t>(count));
+      isBulk_ = static_cast<std::size_t>(count) >= bulk;
     } else if (count == 0) {
       hasEnded_ = true;
     } else if (errno == EINTR) {
@@ -244,6 +271,29 @@ void StreamSocket::fill() {
     break;
   }
   loop_.schedule(completion_);
+}
+
+ssize_t StreamSocket::receiveIntoMemory() {
+  BufferPool::Buffer& buffer = loop_.buffers().borrow();
+  const Data whole(buffer, 0, buffer.room().size());
+  const ssize_t count = ::recv(socket_.get(), buffer.room().data(), whole.count(), MSG_DONTWAIT);
+  if (count <= 0) return count;
+  const auto received = static_cast<std::size_t>(count);
+  // A short read has emptied the socket: what comes next is announced by a new edge. The end of
+  // the stream may have been announced already, and a read stops short at an urgent byte.
+  isReadable_ = isReadUntilEmpty_ || received == whole.count();
+  input_ = whole.slice(0, received);
+  return count;
+}
+
+ssize_t StreamSocket::receiveIntoPipe(PipePool::Pipe& pipe) {
+  const Data owner(pipe, 0, 0);
+  const ssize_t count = pipe.fill(socket_.get());
+  if (count <= 0) return count;
+  // How much fits depends on how the bytes lie: the socket may hold more, however few they were.
+  input_ = Data(pipe, 0, static_cast<std::size_t>(count));
+  pipe.setRestHeld(true);
+  return count;
 }
 
 void StreamSocket::finishWriting() {
@@ -262,7 +312,7 @@ void StreamSocket::finish(Peer peer) {
   phase_ = Phase::finishing;
   isReadWanted_ = isWriteWanted_ = false;
   completion_.unlink();
-  input_ = {};
+  dropInput();
   linger_ = std::make_unique<Linger>(*this, owner_.streamReference(), peer);
   linger_->timer.start(lingerCheck);
   loop_.defer(transfer_);
@@ -350,7 +400,7 @@ void StreamSocket::close() noexcept {
   isReadWanted_ = isWriteWanted_ = false;
   completion_.unlink();
   transfer_.unlink();
-  input_ = {};
+  dropInput();
   output_.clear();
   outputBytes_ = 0;
   if (socket_.isOpen()) {

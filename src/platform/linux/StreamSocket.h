@@ -46,7 +46,7 @@ class StreamSocket final : private EpollLoop::Source {
     ~Owner() = default;
   };
 
-  /// Bytes that may wait to be sent before a write is held back.
+  /// Bytes that may wait in memory to be sent before a write is held back.
   static constexpr std::size_t outputBound = std::size_t{64} * 1024;
 
   StreamSocket(EpollLoop& loop, Owner& owner) noexcept;
@@ -101,7 +101,14 @@ class StreamSocket final : private EpollLoop::Source {
   /// Flushes what was written, then reads if bytes are wanted.
   void transfer();
   void flush();
+  /// Sends from `first` on what one system call takes, and returns what it returned; `asked` is how
+  /// much that was.
+  [[nodiscard]] ssize_t sendSome(std::size_t first, std::size_t& asked);
   void fill();
+  [[nodiscard]] ssize_t receiveIntoMemory();
+  [[nodiscard]] ssize_t receiveIntoPipe(PipePool::Pipe& pipe);
+  [[nodiscard]] Data takeInput();
+  void dropInput() noexcept;
   void failWriting(int error);
   void linger();
   void lingerTimeout();
@@ -109,7 +116,7 @@ class StreamSocket final : private EpollLoop::Source {
   /// Bytes that the peer has not acknowledged; the end of the stream counts as one.
   [[nodiscard]] std::size_t undelivered() const noexcept;
   void close() noexcept;
-  [[nodiscard]] bool isOutputAccepted() const noexcept { return outputBytes_ <= outputBound; }
+  [[nodiscard]] bool isOutputAccepted() const noexcept;
 
   EpollLoop& loop_;
   Owner& owner_;
@@ -122,6 +129,7 @@ class StreamSocket final : private EpollLoop::Source {
   /// The end of the stream, an error or an urgent byte was announced: a short read may be followed
   /// by more that no edge announces.
   bool isReadUntilEmpty_ = false;
+  bool isBulk_ = false;    // the last read brought much: the next goes through a pipe
   bool hasEnded_ = false;  // a read has seen the end, or readError_
   int readError_ = 0;
   std::size_t readMaximum_ = 0;

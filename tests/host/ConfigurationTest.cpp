@@ -1,0 +1,214 @@
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "host/Configuration.h"
+#include "host/ConfigurationFile.h"
+#include "host/SentConfiguration.h"
+#include "host/Support.h"
+
+namespace tandor::host::test {
+namespace {
+
+std::vector<NamedApplication> apps(const std::vector<std::string>& names) {
+  std::vector<NamedApplication> list;
+  list.reserve(names.size());
+  for (const std::string& name : names) list.push_back({name, {}});
+  return list;
+}
+
+TEST(ProxyTest, ReadsHostAndPort) {
+  const struct {
+    std::string_view text;
+    std::string shown;  // the description, or the error
+  } cases[] = {
+      {"proxy.example:3128", "proxy.example:3128"},
+      {"192.0.2.1:1", "192.0.2.1:1"},
+      {"[2001:db8::1]:65535", "[2001:db8::1]:65535"},
+      {"http://proxy.example:3128/", "proxy.example:3128"},
+      {"proxy.example", "the port is missing"},
+      {"http://proxy.example/", "the port is missing"},
+      {"proxy.example:0", "the port is no number from 1 to 65535"},
+      {"proxy.example:65536", "the port is no number from 1 to 65535"},
+      {"proxy.example:+80", "the port is no number from 1 to 65535"},
+      {":3128", "the host is missing"},
+      {"2001:db8::1:3128", "an IPv6 address needs brackets and a port behind them"},
+      {"https://proxy.example:3128", "a proxy that speaks https is not supported"},
+      {"me:secret@proxy.example:3128", "a user name and password are not supported"},
+      {"proxy example:3128", "the host has characters that no host name has"},
+      {"proxy\n.example:3128", "the host has characters that no host name has"},
+  };
+  for (const auto& [text, shown] : cases) {
+    const auto proxy = Proxy::parse(text);
+    EXPECT_EQ(proxy ? proxy->description() : proxy.error(), shown) << text;
+  }
+}
+
+TEST(ConfigurationFileTest, NamesFileLineAndKeyOfWhatIsWrong) {
+  const struct {
+    std::string_view text;
+    std::string_view error;  // its beginning
+  } cases[] = {
+      {"{\n  // which\n  \"mode\": \"WebProxy\"\n}", "f:3: \"mode\" must be \"webProxy\", "},
+      {"{\"mode\":\n\n 7\n}", "f:3: \"mode\" must be a text"},
+      {"{\"debug\": \"yes\"}", "f:1: \"debug\" must be true or false"},
+      {"{\n\"enable\": 1\n}", "f:2: \"enable\" must be true or false"},
+      {"{\n\"log\": null\n}", "f:2: \"log\" must be a text"},
+      {"{\"apps\": \"curl\"}", "f:1: \"apps\" must be a list of texts"},
+      {"{\"apps\": [\"a\",\n 2]}", "f:2: \"apps\" must be a list of texts"},
+      {"{\"apps\": [[\"a\"]]}", "f:1: \"apps\" must be a list of texts"},
+      {"{\"apps\": [{\"a\": 1}]}", "f:1: \"apps\" must be a list of texts"},
+      {"{\n\n\"proxy\": \"proxy.example\"}", "f:3: \"proxy\" must be \"HOST:PORT\"; the port is "},
+      {"{\"connectReply\": \"200\"}", "f:1: \"connectReply\" must be \"status\" or \"phrase\""},
+      {"{\n\"Mode\": \"webProxy\"}", "f:2: \"Mode\" is unknown; the keys are mode, "},
+      {"{\"debug\": true,\n\"debug\": true}", "f:2: \"debug\" is there twice"},
+      {"[]", "f:1: the file must hold one object"},
+      {"\"mode\"", "f:1: the file must hold one object"},
+      {"", "f:1: no valid JSON: "},
+      {"{\n\"mode\" \"webProxy\"}", "f:2: \"mode\" or behind it: no valid JSON: "},
+      {"{\"debug\": true,\n\n}", "f:3: \"debug\" or behind it: no valid JSON: "},
+      {"{\"debug\": true}\n{}", "f:2: \"debug\" or behind it: no valid JSON: "},
+      {"{\"log\": \"\xFF\"}", "f:1: \"log\" or behind it: no valid JSON: "},
+  };
+  for (const auto& [text, error] : cases) {
+    const auto settings = parseConfigurationFile(text, "f");
+    ASSERT_FALSE(settings.has_value()) << text;
+    EXPECT_TRUE(settings.error().message.starts_with(error)) << settings.error().message;
+    EXPECT_EQ(settings.error().exitCode, exitWrongUsage);
+    EXPECT_FALSE(settings.error().advice.empty());
+  }
+}
+
+TEST(ConfigurationFileTest, ReadsEveryKeyAmongComments) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "etc/tandor.json";
+  folder.write("etc/tandor.json", R"(/* all of them */ {
+    "mode": "webProxy",           // through the proxy
+    "apps": ["curl", "firefox"],
+    "proxy": "proxy.example:3128",
+    "log": "../log/tandor.log",
+    "debug": true, "enable": false, "connectReply": "phrase"
+  })");
+  const auto settings = readConfigurationFile(path);
+  ASSERT_TRUE(settings.has_value()) << settings.error().message;
+  EXPECT_EQ(settings->mode, Mode::webProxy);
+  EXPECT_EQ(settings->apps,
+            (std::vector<NamedApplication>{{"curl", path + ":3"}, {"firefox", path + ":3"}}));
+  EXPECT_EQ(settings->proxy, (Proxy{"proxy.example", 3128}));
+  EXPECT_EQ(settings->log, folder / "log/tandor.log");
+  EXPECT_EQ(settings->debug, true);
+  EXPECT_EQ(settings->enable, false);
+  EXPECT_EQ(settings->connectReply, ConnectReply::phrase);
+
+  EXPECT_EQ(parseConfigurationFile("{}", "f").value(), Settings());
+  EXPECT_FALSE(readConfigurationFile(folder / "none").has_value());
+  EXPECT_FALSE(readConfigurationFile(folder.path()).has_value());
+}
+
+TEST(SettingsTest, UpperLayersWinValueByValue) {
+  Settings options;
+  options.mode = Mode::tunnelWhiteList;
+  options.apps = apps({});
+  Settings file;
+  file.mode = Mode::webProxy;
+  file.debug = false;
+  file.apps = apps({"file"});
+  Settings last;
+  last.debug = true;
+  last.log = "/last";
+  last.enable = false;
+  last.proxy = Proxy{"last.example", 1};
+  last.connectReply = ConnectReply::phrase;
+  const Settings merged = overlay(options, overlay(file, last));
+  Settings expected = last;
+  expected.mode = Mode::tunnelWhiteList;
+  expected.apps = apps({});
+  expected.debug = false;
+  EXPECT_EQ(merged, expected);
+}
+
+TEST(ConfigurationTest, RefusesWhatWouldDoNothing) {
+  const ApplicationResolver resolver({});
+  const auto messageOf = [&](const Settings& settings) {
+    const auto made = makeConfiguration(settings, resolver);
+    if (made) return std::string();
+    EXPECT_EQ(made.error().exitCode, exitWrongUsage);
+    EXPECT_FALSE(made.error().advice.empty());
+    return made.error().message;
+  };
+  Settings settings;
+  EXPECT_EQ(messageOf(settings), "the mode is missing");
+  settings.mode = Mode::webProxy;
+  EXPECT_EQ(messageOf(settings), "webProxy mode needs a proxy");
+  settings.proxy = Proxy{"proxy.example", 3128};
+  EXPECT_EQ(messageOf(settings), "webProxy mode without applications would do nothing");
+  settings.mode = Mode::directlyWhiteList;
+  settings.apps = apps({});
+  EXPECT_EQ(messageOf(settings), "directlyWhiteList mode without applications would do nothing");
+  settings.mode = Mode::tunnelWhiteList;
+  EXPECT_EQ(messageOf(settings), "");
+  settings.apps = std::vector{NamedApplication{"no-such-thing", "/etc/f:3"}};
+  EXPECT_EQ(messageOf(settings), "/etc/f:3: \"apps\": there is no application \"no-such-thing\"");
+}
+
+TEST(ConfigurationTest, SpeaksTheProvidersLanguageBothWays) {
+  Settings settings;
+  settings.mode = Mode::webProxy;
+  settings.apps = apps({"id:/usr/bin/curl", "id:org.example.\"App\"", "id:/usr/bin/curl"});
+  settings.proxy = Proxy{"proxy.example", 3128};
+  const ApplicationResolver resolver({});
+  const auto made = makeConfiguration(settings, resolver);
+  ASSERT_TRUE(made.has_value());
+  EXPECT_EQ(made->values({}),
+            (ProviderValues{{"mode", "webProxy"},
+                            {"appIds", R"(["/usr/bin/curl","org.example.\"App\""])"},
+                            {"proxyHostname", "proxy.example"},
+                            {"proxyPort", "3128"},
+                            {"enable", "true"},
+                            {"debug", "false"},
+                            {"connectReply", "status"}}));
+
+  settings.connectReply = ConnectReply::phrase;
+  settings.log = "/var/log/tandor.log";
+  settings.debug = true;
+  settings.enable = false;
+  const auto other = makeConfiguration(settings, resolver);
+  ASSERT_TRUE(other.has_value());
+  const ProviderValues values = other->values("/run/status");
+  EXPECT_EQ(values.at("socketPath"), "/run/status");
+  EXPECT_EQ(values.at("logPath"), "/var/log/tandor.log");
+  EXPECT_EQ(values.at("enable"), "false");
+  EXPECT_FALSE(values.contains("connectReply"));
+  // What was sent is what the next update starts from.
+  const auto again = makeConfiguration(settingsOf(values), resolver);
+  ASSERT_TRUE(again.has_value());
+  EXPECT_EQ(again->values("/run/status"), values);
+}
+
+TEST(SentConfigurationTest, IsKeptForOneProviderAndOneUser) {
+  const TemporaryFolder folder;
+  const std::string control = folder / "control.sock";
+  const ProviderValues values = {{"mode", "tunnelWhiteList"}, {"appIds", "[]"}};
+  EXPECT_FALSE(lastSent(control, 12).has_value());
+  ASSERT_TRUE(keepSent(control, 11, {}).has_value());
+  ASSERT_TRUE(keepSent(control, 12, values).has_value());
+  const auto sent = lastSent(control, 12);
+  ASSERT_TRUE(sent.has_value());
+  EXPECT_EQ(*sent, values);
+  EXPECT_FALSE(lastSent(control, 13).has_value());
+  struct stat status{};
+  ASSERT_EQ(::stat((control + ".sent").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
+
+  forgetSent(control);
+  EXPECT_TRUE(folder.isEmpty());
+  for (const std::string_view broken :
+       {"", "{", "[]", "{\"provider\":12}", "{\"provider\":12,\"values\":{\"mode\":1}}"}) {
+    folder.write("control.sock.sent", broken);
+    EXPECT_FALSE(lastSent(control, 12).has_value()) << broken;
+  }
+  EXPECT_FALSE(keepSent(folder / "none/control.sock", 12, values).has_value());
+}
+
+}  // namespace
+}  // namespace tandor::host::test
