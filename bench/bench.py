@@ -3,7 +3,6 @@
 import argparse
 import json
 import os
-import platform
 import resource
 import signal
 import sys
@@ -54,8 +53,10 @@ def measure(lab, case, contestant, seconds):
     for _ in range(1 + REPETITIONS):
         pause()
         values, found = case.measure(lab, contestant, seconds)
-        sample = {"values": values, "foreign": found.foreign, "elsewhere": found.elsewhere,
-                  "found": found.members}
+        sample = {"values": values}
+        if not found:  # nothing that hangs on CPU time
+            return sample
+        sample.update(foreign=found.foreign, elsewhere=found.elsewhere, found=found.members)
         if best is None or sample["foreign"] < best["foreign"]:
             best = sample
         if best["foreign"] <= MOST_FOREIGN:
@@ -64,26 +65,45 @@ def measure(lab, case, contestant, seconds):
     return best
 
 
+def measure_all(lab, case, working, options, results):
+    """One sample of each contestant."""
+    samples = results["samples"].setdefault(case.name, {})
+    with case.surroundings():
+        for contestant in working.values():
+            if not case.takes(contestant):
+                continue
+            try:
+                sample = measure(lab, case, contestant, options.seconds)
+            except (Failed, AssertionError) as error:
+                sample = {"failed": str(error)}
+                say(f"   {contestant.name}: {error}")
+            samples.setdefault(contestant.name, []).append(sample)
+
+
 def run(options, lab, results):
-    print("== starting and checking the contestants", file=sys.stderr)
-    working, failed = contestants.start_all(lab, options.placement, options.contestants)
-    results["not_measured"] = failed
-    for name, reason in failed.items():
-        print(f"   {name} is not measured: {reason}", file=sys.stderr)
     chosen = [case for case in cases.ALL if case.name in options.cases]
+    placements = {False: options.placement, True: options.placement.widened()}
+    working = {}
+    for is_wide in sorted({case.is_wide for case in chosen}):
+        if not placements[is_wide]:
+            say("== there is no other CPU: what needs two is not measured")
+            continue
+        say(f"== starting and checking the contestants on {placements[is_wide]}")
+        working[is_wide], failed = contestants.start_all(lab, placements[is_wide],
+                                                         options.contestants)
+        results["not_measured"].update(failed)
+        for name, reason in failed.items():
+            say(f"   {name} is not measured: {reason}")
     for number in range(options.rounds):
         for case in chosen:
-            print(f"== round {number + 1} of {options.rounds}: {case.title}", file=sys.stderr)
-            for contestant in working.values():
-                if not case.takes(contestant):
-                    continue
-                of_case = results["samples"].setdefault(case.name, {})
-                try:
-                    sample = measure(lab, case, contestant, options.seconds)
-                except Failed as error:
-                    sample = {"failed": str(error)}
-                    print(f"   {contestant.name}: {error}", file=sys.stderr)
-                of_case.setdefault(contestant.name, []).append(sample)
+            if number >= case.most_rounds or case.is_wide not in working:
+                continue
+            say(f"== round {number + 1} of {options.rounds}: {case.title}")
+            measure_all(lab, case, working[case.is_wide], options, results)
+
+
+def say(text):
+    print(text, file=sys.stderr)
 
 
 def interrupted(*_):
@@ -98,8 +118,8 @@ def main():
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
     signal.signal(signal.SIGTERM, interrupted)
     results = {"machine": report.machine(), "time": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()),
-               "rounds": options.rounds, "seconds": options.seconds, "cpus": options.cpus,
-               "samples": {}}
+               "rounds": options.rounds, "seconds": options.seconds, "cpus": str(options.placement),
+               "not_measured": {}, "samples": {}}
     lab = Lab(options.build, options.placement)
     try:
         run(options, lab, results)

@@ -1,20 +1,31 @@
 """The cases: what is measured, of whom, and in which units."""
 
-from places import ECHO_PORT, DESTINATIONS, SINK_PORT, Client, Found
+import contextlib
+import os
+import subprocess
+import time
+
+from places import (DESTINATIONS, ECHO_PORT, SINK_PORT, TICKS, Client, Failed, die_with_runner,
+                    end)
 
 GIGA = 1e9
 
 
 class Metric:
-    def __init__(self, title, unit, digits=1, less_is_better=False, compared=False):
+    def __init__(self, title, unit, digits=1, compared=False):
         self.title, self.unit, self.digits = title, unit, digits
-        self.less_is_better, self.compared = less_is_better, compared
+        #: Ratios of it are shown; those of a case's first one always are.
+        self.compared = compared
 
 
 class Case:
-    """`metrics` of a measurement by name; the first one is the case's own, the others explain it."""
+    """What is measured of a contestant. The first metric is the case's own, the others explain it."""
 
     modes = ("direct", "connect")
+    #: More rounds of it would show nothing new.
+    most_rounds = 1000
+    #: With a second CPU for everybody.
+    is_wide = False
 
     def __init__(self, name, title):
         self.name, self.title = name, title
@@ -22,14 +33,17 @@ class Case:
     def takes(self, contestant):
         return contestant.mode in self.modes
 
+    def surroundings(self):
+        """In force while all contestants are measured."""
+        return contextlib.nullcontext()
+
     def measure(self, lab, contestant, seconds):
-        """Values of the metrics, and whose time it took."""
+        """Values of the metrics, and what the client found."""
         raise NotImplementedError
 
 
 class Bulk(Case):
-    metrics = {"rate": Metric("", "Gbit/s"),
-               "cost": Metric("relay's CPU", "s/GB", 3, less_is_better=True)}
+    metrics = {"rate": Metric("", "Gbit/s"), "cost": Metric("relay's CPU", "s/GB", 3)}
 
     def __init__(self, direction, flows):
         super().__init__(f"bulk-{direction}-{flows}",
@@ -40,26 +54,198 @@ class Bulk(Case):
     def measure(self, lab, contestant, seconds):
         found = Client(lab, contestant, *self._words, "--seconds", seconds, "--warm-up",
                        self._warm_up).finish()
+        if not found["bytes"]:
+            raise Failed("no byte came through")
         return {"rate": found["bytes"] * 8 / GIGA / found.our_seconds,
                 "cost": found.relay_seconds / (found["bytes"] / GIGA)}, found
 
 
 class Storm(Case):
-    metrics = {"rate": Metric("", "/s", 0),
-               "cost": Metric("relay's CPU", "s/1000", 4, less_is_better=True),
-               "p50": Metric("a flow's life, p50", "µs", 0, less_is_better=True),
-               "p99": Metric("a flow's life, p99", "µs", 0, less_is_better=True)}
-
-    def __init__(self, name="flows", title="new flows, 32 at a time"):
-        super().__init__(name, title)
+    metrics = {"rate": Metric("", "/s", 0), "cost": Metric("relay's CPU", "s/1000", 4),
+               "p50": Metric("a flow's life, p50", "µs", 0),
+               "p99": Metric("a flow's life, p99", "µs", 0)}
 
     def measure(self, lab, contestant, seconds):
-        found = Client(lab, contestant, "storm", "--flows", 32, "--size", 200, "--seconds", seconds,
-                       ).finish()
-        values = {"rate": found["flows"] / found.our_seconds,
-                  "cost": found.relay_seconds / (found["flows"] / 1000 or 1),
-                  "p50": found["flow_p50"], "p99": found["flow_p99"]}
-        return values, found
+        found = Client(lab, contestant, "storm", "--flows", 32, "--size", 200, "--seconds",
+                       seconds).finish()
+        return {"rate": found["flows"] / found.our_seconds,
+                "cost": found.relay_seconds / (found["flows"] / 1000 or 1),
+                "p50": found["flow_p50"], "p99": found["flow_p99"]}, found
 
 
-ALL = [Bulk("down", 1), Bulk("down", 8), Bulk("up", 1), Bulk("up", 8), Storm()]
+class StormOfTheOthers(Storm):
+    """New flows of applications that are not taken, against no rules at all."""
+
+    modes = ("left",)
+
+    def takes(self, contestant):
+        return contestant.name == "none" or super().takes(contestant)
+
+
+class StormBesideIdle(Storm):
+    """New flows while as many as possible are open."""
+
+    metrics = {**Storm.metrics, "idle": Metric("open", "flows", 0)}
+
+    def measure(self, lab, contestant, seconds):
+        with idle_flows(lab, contestant) as count:
+            values, found = super().measure(lab, contestant, seconds)
+            return {**values, "idle": count}, found
+
+
+class StormBesideProcesses(Storm):
+    count = 500
+
+    @contextlib.contextmanager
+    def surroundings(self):
+        processes = []
+        try:
+            for _ in range(self.count):
+                processes.append(subprocess.Popen(["sleep", "600"], preexec_fn=die_with_runner))
+            yield
+        finally:
+            for process in processes:
+                end(process)
+
+
+class Latency(Case):
+    """Of what happens one after the other."""
+
+    metrics = {"p50": Metric("p50", "µs", 1), "p99": Metric("p99", "µs", 1, compared=True)}
+
+    def __init__(self, name, title, command, size, what):
+        super().__init__(name, title)
+        self._words = (command, "--size", size)
+        self._what = what
+
+    def measure(self, lab, contestant, seconds):
+        found = Client(lab, contestant, *self._words, "--seconds", seconds).finish()
+        return {key: found[f"{self._what}_{key}"] for key in self.metrics}, found
+
+
+class Datagrams(Case):
+    metrics = {"rate": Metric("", "/s", 0), "cost": Metric("relay's CPU", "s/million", 3)}
+    modes = ("direct", "left")
+
+    def __init__(self, name, title, port):
+        super().__init__(name, title)
+        self._port = port
+
+    def takes(self, contestant):
+        return super().takes(contestant) and contestant.carries_datagrams
+
+    def measure(self, lab, contestant, seconds):
+        found = Client(lab, contestant, self.name, "--flows", 32, "--size", 200, "--seconds",
+                       seconds, destinations=[f"{DESTINATIONS[0]}:{self._port}"]).finish()
+        count = found["bytes"]  # what is counted here
+        return {"rate": count / found.our_seconds,
+                "cost": found.relay_seconds / (count / 1e6 or 1)}, found
+
+
+class Memory(Case):
+    """Of idle flows; the relay is a new one, since memory that was in use is not all given back."""
+
+    metrics = {"resident": Metric("relay, resident", "B/flow", 0),
+               "kernel": Metric("kernel, with both ends", "B/flow", 0, compared=True),
+               "cpu": Metric("relay's CPU meanwhile", "%", 2),
+               "idle": Metric("open", "flows", 0)}
+    most_rounds = 2
+
+    def measure(self, lab, contestant, seconds):
+        contestant.restart()
+        # What is made once, at the first flows, is no flow's.
+        with idle_flows(lab, contestant, 64):
+            pass
+        quiet = 0.5
+        time.sleep(quiet)
+        resident, kernel = resident_bytes(contestant), kernel_bytes()
+        with idle_flows(lab, contestant) as count:
+            time.sleep(quiet)
+            values = {"kernel": (kernel_bytes() - kernel) / count, "idle": count}
+            if contestant.pids():
+                ticks = cpu_ticks(contestant)
+                values["resident"] = (resident_bytes(contestant) - resident) / count
+                time.sleep(2 * seconds)
+                values["cpu"] = (cpu_ticks(contestant) - ticks) / TICKS / (2 * seconds) * 100
+        return values, None
+
+
+@contextlib.contextmanager
+def idle_flows(lab, contestant, count=None):
+    """Open flows, on which nothing happens; how many."""
+    count = count or contestant.idle_flows()
+    client = Client(lab, contestant, "idle", "--flows", count, stdin=subprocess.PIPE)
+    try:
+        client.await_line()
+        yield count
+    finally:
+        ended = client.finish()["ended"]
+        time.sleep(0.3)  # a relay closes them
+    if ended:
+        raise Failed(f"{ended} of {count} idle flows ended")
+
+
+def resident_bytes(contestant):
+    total = 0
+    for pid in contestant.pids():
+        with open(f"/proc/{pid}/statm") as file:
+            total += int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+    return total
+
+
+def cpu_ticks(contestant):
+    total = 0
+    for pid in contestant.pids():
+        with open(f"/proc/{pid}/stat") as file:
+            total += sum(map(int, file.read().rpartition(")")[2].split()[11:13]))
+    return total
+
+
+def kernel_bytes():
+    """What the kernel's objects and the sockets' buffers take."""
+    # Empty slabs are not given back by themselves.
+    caches = "/sys/kernel/slab"
+    for cache in os.listdir(caches) if os.path.isdir(caches) else ():
+        with contextlib.suppress(OSError), open(f"{caches}/{cache}/shrink", "w") as file:
+            file.write("1")
+    with open("/proc/meminfo") as file:
+        slab = next(int(line.split()[1]) for line in file if line.startswith("Slab:")) * 1024
+    with open("/proc/net/sockstat") as file:
+        buffers = next(int(line.split()[-1]) for line in file if line.startswith("TCP:"))
+    return slab + buffers * os.sysconf("SC_PAGE_SIZE")
+
+
+def widened(case):
+    """The same case with a second CPU."""
+    case.is_wide = True
+    case.name, case.title = f"wide-{case.name}", f"{case.title}, two CPUs"
+    return case
+
+
+ALL = [
+    Bulk("down", 1), Bulk("down", 8), Bulk("up", 1), Bulk("up", 8),
+    Storm("flows", "new flows, 32 at a time"),
+    Latency("setup", "set-up and first reply", "setup", 1, "setup"),
+    Latency("trip", "round trip", "echo", 64, "trip"),
+    Datagrams("datagram-echo", "datagrams there and back, 32 on their way", ECHO_PORT),
+    Datagrams("datagram-sink", "datagrams one way", SINK_PORT),
+    StormOfTheOthers("left", "new flows of an application that is not taken"),
+    Memory("memory", "memory of an idle flow"),
+    Bulk("down", 64), Bulk("down", 1000), Bulk("up", 1000),
+    StormBesideIdle("flows-idle", "new flows beside open ones"),
+    StormBesideProcesses("flows-processes", "new flows beside 500 processes"),
+    widened(Bulk("down", 8)), widened(Bulk("up", 8)),
+    widened(Storm("flows", "new flows, 32 at a time")),
+]
+
+#: What stays the same as something grows: (title, the case, what it is compared with).
+GROWTH = [
+    ("bulk down: 64 flows against 1", "bulk-down-64", "bulk-down-1"),
+    ("bulk down: 1000 flows against 1", "bulk-down-1000", "bulk-down-1"),
+    ("bulk up: 1000 flows against 1", "bulk-up-1000", "bulk-up-1"),
+    ("new flows: beside open ones against none", "flows-idle", "flows"),
+    ("new flows: 500 more processes", "flows-processes", "flows"),
+    ("bulk down, 8 flows: two CPUs against one", "wide-bulk-down-8", "bulk-down-8"),
+    ("bulk up, 8 flows: two CPUs against one", "wide-bulk-up-8", "bulk-up-8"),
+    ("new flows: two CPUs against one", "wide-flows", "flows"),
+]

@@ -6,9 +6,9 @@ import resource
 import shutil
 import socket
 import subprocess
+import types
 
-from places import PORT, PROXY, PROXY_PORT, Client, Failed, command, end, eventually
-from lab import Daemon
+from places import PORT, PROXY, PROXY_PORT, Client, Daemon, Failed, end, eventually
 
 RELAY_PORT = 15001
 CHECKED_BYTES = 256 << 20
@@ -22,6 +22,7 @@ class Contestant:
     speaks_connect = False
     carries_datagrams = True
     descriptors_a_flow = 1
+    most_cores = 2
 
     def __init__(self, lab, placement, site=None):
         self.lab, self.placement = lab, placement
@@ -32,6 +33,14 @@ class Contestant:
     def start(self):
         """Starts it and installs its rules; raises Failed when that is not to be had."""
 
+    def restart(self):
+        """Makes it as new as at the start."""
+
+    def idle_flows(self):
+        """So many flows it can keep."""
+        spare = 2000
+        return min(10_000, (descriptor_limit() - spare) // self.descriptors_a_flow)
+
     def pids(self):
         """Its processes, now."""
         return [self.process.pid] if self.process else []
@@ -39,35 +48,6 @@ class Contestant:
     def check(self):
         """Moves checked bytes both ways."""
         Client(self.lab, self, "check", "--size", CHECKED_BYTES).finish()
-
-    def run(self, *words, log="relay.log", **options):
-        """Starts its program in its namespace, until the end of the benchmark."""
-        path = f"{self.lab.folder}/{self.name}-{log}"
-        with open(path, "w") as file:
-            self.process = self.site.popen(*words, cpus=self.placement.relay, stdout=file,
-                                           stderr=file, stdin=subprocess.DEVNULL, **options)
-        process = self.process
-        self.lab.on_close(lambda: end(process))
-
-        def listens():
-            if process.poll() is not None:
-                with open(path) as log_file:
-                    raise Failed(f"{words[0]} ends: {log_file.read().strip()[-300:]}")
-            return f":{RELAY_PORT:04X} 00000000:0000 0A" in \
-                self.site.namespace.read("/proc/thread-self/net/tcp")
-        eventually(listens, f"{words[0]} listens")
-
-    def write(self, name, text):
-        path = f"{self.lab.folder}/{self.name}-{name}"
-        with open(path, "w") as file:
-            file.write(text)
-        return path
-
-    def program(self, name):
-        path = shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin")
-        if not path:
-            raise Failed(f"{name} is not installed")
-        return path
 
 
 class NoneConnect(Contestant):
@@ -87,16 +67,19 @@ class Tandor(Contestant):
     def start(self):
         cpus = ",".join(map(str, self.placement.relay))
         # The daemon of the end-to-end tests, which asks its laboratory for a folder and a namespace.
-        surroundings = type("Surroundings", (), {"folder": self.lab.folder,
-                                                 "app": self.site.namespace})
+        surroundings = types.SimpleNamespace(folder=self.lab.folder, app=self.site.namespace)
         try:
-            daemon = Daemon(surroundings, ("taskset", "-c", cpus), self.lab.provider)
-            self.process = daemon.process
-            self.lab.on_close(daemon.end)
-            daemon.start(apps=[self.client], debug="false", **self.configuration)
+            self._daemon = Daemon(surroundings, ("taskset", "-c", cpus), self.lab.provider)
+            self.lab.on_close(self._daemon.end)
+            self.process = self._daemon.process
+            self._daemon.start(apps=[self.client], debug="false", **self.configuration)
         except AssertionError as error:
             raise Failed(str(error)) from None
-        self.daemon = daemon
+
+    def restart(self):
+        self._daemon.terminate()
+        self._daemon.end()
+        self.start()
 
 
 class TandorConnect(Tandor):
@@ -122,11 +105,64 @@ class TandorLeft(Contestant):
         return self._tandor.pids()
 
 
-class Transparent(Contestant):
-    """A peer that gets the packets as they are; its own are known by their address."""
+class Peer(Contestant):
+    """A program of the distribution with a configuration file."""
 
     carries_datagrams = False
     descriptors_a_flow = 2
+
+    def launch(self):
+        """Starts the program."""
+
+    def divert(self):
+        """Brings the flows to it."""
+
+    def start(self):
+        self.launch()
+        self.divert()
+
+    def restart(self):
+        end(self.process)
+        self.launch()
+
+    def run(self, *words, **options):
+        """Starts a program in its namespace, until the end of the benchmark, and awaits its
+        listening."""
+        path = f"{self.stem}.log"
+        with open(path, "w") as file:
+            process = self.site.popen(*words, cpus=self.placement.relay, stdout=file, stderr=file,
+                                      stdin=subprocess.DEVNULL, **options)
+        self.process = process
+        self.lab.on_close(lambda: end(process))
+
+        def listens():
+            if process.poll() is not None:
+                with open(path) as log:
+                    raise Failed(f"{words[0]} ends: {log.read().strip()[-300:]}")
+            return f":{RELAY_PORT:04X} 00000000:0000 0A" in \
+                self.site.namespace.read("/proc/thread-self/net/tcp")
+        eventually(listens, f"{words[0]} listens")
+
+    @property
+    def stem(self):
+        """What the names of its files begin with."""
+        return f"{self.lab.folder}/{self.name}-{len(self.placement.all)}"
+
+    def configuration(self, text):
+        path = f"{self.stem}.conf"
+        with open(path, "w") as file:
+            file.write(text)
+        return path
+
+    def program(self, name):
+        path = shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin")
+        if not path:
+            raise Failed(f"{name} is not installed")
+        return path
+
+
+class Transparent(Peer):
+    """A peer that gets the packets as they are; its own are known by their address."""
 
     def divert(self):
         site = self.site
@@ -145,10 +181,10 @@ class HAProxy(Transparent):
     splicing = ""
     pipes = 0
 
-    def start(self):
+    def launch(self):
         # 2 descriptors a flow, 2 a pipe, some for itself.
         flows = (descriptor_limit() - 2 * self.pipes - 200) // 2
-        configuration = self.write("relay.cfg", f"""
+        configuration = self.configuration(f"""
 global
     nbthread {len(self.placement.relay)}
     maxconn {flows}
@@ -164,7 +200,6 @@ listen relay
     server original * source {self.site.relay_address}
 """)
         self.run(self.program("haproxy"), "-db", "-f", configuration)
-        self.divert()
 
 
 class HAProxySplice(HAProxy):
@@ -176,16 +211,17 @@ class HAProxySplice(HAProxy):
 class Nginx(Transparent):
     name = "nginx"
 
-    def start(self):
+    def launch(self):
         program = self.program("nginx")
         if not os.path.exists("/usr/lib/nginx/modules/ngx_stream_module.so"):
             raise Failed("nginx's stream module is not installed")
-        configuration = self.write("relay.conf", f"""
+        configuration = self.configuration(f"""
 load_module /usr/lib/nginx/modules/ngx_stream_module.so;
 daemon off;
 worker_processes {len(self.placement.relay)};
+user root;
 worker_rlimit_nofile {descriptor_limit()};
-pid {self.lab.folder}/{self.name}.pid;
+pid {self.stem}.pid;
 error_log stderr crit;
 events {{ worker_connections {descriptor_limit() - 100}; }}
 stream {{
@@ -206,33 +242,32 @@ stream {{
             listener.setsockopt(socket.SOL_IP, 19, 1)  # IP_TRANSPARENT
             listener.bind(("0.0.0.0", RELAY_PORT))
             listener.listen(4096)
-            self.run(program, "-c", configuration, pass_fds=[listener.fileno()],
+            # Its workers would outlive it, were they not in a process namespace that ends with it.
+            self.run("unshare", "--pid", "--fork", "--kill-child", program, "-c", configuration,
+                     pass_fds=[listener.fileno()],
                      env={**os.environ, "NGINX": f"{listener.fileno()};"})
-        eventually(lambda: len(self.pids()) > len(self.placement.relay), "nginx's workers start")
-        self.divert()
+        of_its_own = 2  # unshare and the master
+        eventually(lambda: len(self.pids()) == of_its_own + len(self.placement.relay),
+                   "nginx's workers start")
 
     def pids(self):
-        if not self.process:
-            return []
-        pid = self.process.pid
-        with open(f"/proc/{pid}/task/{pid}/children") as children:
-            return [pid, *map(int, children.read().split())]
+        return descendants(self.process.pid) if self.process else []
 
 
-class Redsocks(Contestant):
+class Redsocks(Peer):
     name = "redsocks"
     mode = "connect"
-    carries_datagrams = False
-    descriptors_a_flow = 2
+    most_cores = 1
     splice = "false"
 
-    def start(self):
-        configuration = self.write("relay.conf", f"""
+    def launch(self):
+        configuration = self.configuration(f"""
 base {{
     log_debug = off; log_info = off; log = stderr;
     daemon = off;
     redirector = iptables;
     rlimit_nofile = {descriptor_limit()};
+    redsocks_conn_max = {self.idle_flows() + 500};
 }}
 redsocks {{
     local_ip = 127.0.0.1; local_port = {RELAY_PORT};
@@ -243,11 +278,12 @@ redsocks {{
 }}
 """)
         self.run(self.program("redsocks"), "-c", configuration)
+
+    def divert(self):
         self.site.namespace.run("iptables-restore", "-w", input=f"""*nat
 -A OUTPUT -p tcp --dport {PORT} -j REDIRECT --to-ports {RELAY_PORT}
 COMMIT
 """)
-        self.lab.set(self.site.namespace)
 
 
 class RedsocksSplice(Redsocks):
@@ -267,11 +303,17 @@ def descriptor_limit():
     return min(resource.getrlimit(resource.RLIMIT_NOFILE)[1], 1 << 16)
 
 
+def descendants(pid):
+    """The process and its children, and theirs."""
+    with open(f"/proc/{pid}/task/{pid}/children") as children:
+        return [pid, *(one for child in children.read().split() for one in descendants(int(child)))]
+
+
 def start_all(lab, placement, names):
     """Those of these names that work, and why the others do not."""
     working, failed = {}, {}
     for kind in ALL:
-        if kind.name not in names:
+        if kind.name not in names or kind.most_cores < len(placement.relay):
             continue
         try:
             if kind is TandorLeft:
@@ -281,6 +323,7 @@ def start_all(lab, placement, names):
             else:
                 contestant = kind(lab, placement)
             contestant.start()
+            lab.set(contestant.site.namespace)
             contestant.check()
             working[kind.name] = contestant
         except (Failed, AssertionError) as error:

@@ -21,7 +21,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
-from lab import Namespace, command, end, eventually  # noqa: E402
+from lab import Daemon, Namespace, command, end, eventually  # noqa: E402
 
 DESTINATIONS = [f"203.0.113.{number}" for number in range(10, 14)]
 PROXY = "198.51.100.80"
@@ -45,6 +45,12 @@ class Failed(Exception):
     """A contestant, or a measurement, cannot be had; says why."""
 
 
+def die_with_runner():
+    """A child of a runner that was killed ends with it."""
+    pr_set_pdeathsig = 1
+    _libc.prctl(pr_set_pdeathsig, signal.SIGKILL)
+
+
 class Placement:
     """Who may run on which CPUs."""
 
@@ -54,6 +60,18 @@ class Placement:
             raise ValueError(f"{text} is neither CPUS nor CLIENT/RELAY/SERVER")
         self.client, self.relay, self.server = parts * 3 if len(parts) == 1 else parts
         self.all = sorted(set(self.client + self.relay + self.server))
+
+    def widened(self):
+        """With one more CPU for everybody; None when the machine has no other one."""
+        others = sorted(os.sched_getaffinity(0) - set(self.all))
+        if len(self.all) > 1 or not others:
+            return None
+        return Placement(f"{self.all[0]},{others[0]}")
+
+    def __str__(self):
+        return "CPU " + "/".join(",".join(map(str, cpus)) for cpus in
+                                 ([self.all] if self.client == self.relay == self.server else
+                                  [self.client, self.relay, self.server]))
 
     @staticmethod
     def _cpus(text):
@@ -104,8 +122,7 @@ class Site:
     def popen(self, *words, cpus, **options):
         """A program in here, on these CPUs; it ends with the runner."""
         def prepare():
-            pr_set_pdeathsig = 1
-            _libc.prctl(pr_set_pdeathsig, signal.SIGKILL)
+            die_with_runner()
             os.sched_setaffinity(0, cpus)
         with self.namespace:
             return subprocess.Popen(words, preexec_fn=prepare, **options)
@@ -134,7 +151,7 @@ class Lab:
             f"address add {address}/32 dev lo\n" for address in (*DESTINATIONS, PROXY)))
         self.set(self.network)
         self._serve(f"{build}/bench/tandor-load")
-        self.kernel_threads = ksoftirqd(placement.all)
+        self.kernel_threads = ksoftirqd(range(os.cpu_count()))
 
     def _serve(self, program):
         words = ["taskset", "-c", ",".join(map(str, self.placement.server)), program, "server",
@@ -197,6 +214,7 @@ class Client:
         if destinations is None:
             destinations = [f"{PROXY}:{PROXY_PORT}"] if contestant.speaks_connect else \
                 [f"{address}:{PORT}" for address in DESTINATIONS]
+        os.sched_setaffinity(lab.server.pid, contestant.placement.server)
         watched = [lab.server.pid, *lab.kernel_threads, *contestant.pids()]
         line = [contestant.client, "client", case, "--counters", lab.counters, *map(str, words)]
         line += [word for to in destinations for word in ("--to", to)]
@@ -206,6 +224,11 @@ class Client:
         self.process = contestant.site.popen(*line, cpus=contestant.placement.client, text=True,
                                              stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                              **options)
+
+    def await_line(self):
+        """Until it says that it is so far."""
+        if not self.process.stdout.readline():
+            self.finish()
 
     def finish(self, patience=60):
         """What it has found out."""

@@ -11,8 +11,12 @@ import cases
 import contestants
 
 COLUMNS = {"direct": ["none", "tandor", "haproxy", "haproxy-splice", "nginx"],
+           "left": ["none", "tandor-left"],
            "connect": ["none-connect", "tandor-connect", "redsocks", "redsocks-splice"]}
-TITLES = {"direct": "Directly", "connect": "Through an HTTP proxy"}
+TITLES = {"direct": "Directly", "connect": "Through an HTTP proxy",
+          "left": "An application that is not taken"}
+#: Whose ratios to the others are shown.
+SUBJECTS = {"direct": "tandor", "connect": "tandor-connect", "left": "tandor-left"}
 
 
 def machine():
@@ -50,25 +54,36 @@ def _cell(results, case, contestant, name, metric):
     return f"{mark}{middle:,.{metric.digits}f} ±{spread:.0f}%"
 
 
-def _rows(results, columns, subject):
-    """Lines of cells: a case's metrics, and the subject's first one as a ratio to each other's."""
+def _rows(results, mode, columns):
+    """Lines of cells: a case's metrics, and ours as ratios to each other's."""
+    subject = SUBJECTS[mode]
     for case in cases.ALL:
         of_case = results["samples"].get(case.name, {})
-        if not set(columns) & set(of_case):
+        if mode not in case.modes or not set(columns) & set(of_case):
             continue
         for index, (name, metric) in enumerate(case.metrics.items()):
-            title = f"{case.title if index == 0 else '  ' + metric.title}, {metric.unit}"
+            title = case.title if index == 0 else "  "
+            if metric.title:
+                title += metric.title if index else f", {metric.title}"
             cells = [_cell(results, case, column, name, metric) for column in columns]
-            if set(cells) != {"-"}:
-                yield [title, *cells]
-            if index > 0 and not metric.compared:
+            if set(cells) == {"-"}:
                 continue
+            yield [f"{title}, {metric.unit}", *cells]
             ours = median(results, case.name, subject, name)
             theirs = [median(results, case.name, column, name) for column in columns]
-            if ours and any(value for column, value in zip(columns, theirs) if column != subject):
-                yield [f"    {subject} against", *(
+            if ours and (index == 0 or metric.compared):
+                yield [f"    {subject} to it", *(
                     f"{ours / value:.2f}" if value and column != subject else ""
                     for column, value in zip(columns, theirs))]
+
+
+def _growth(results, columns):
+    for title, name, base in cases.GROWTH:
+        pairs = [(median(results, name, column, "rate"), median(results, base, column, "rate"))
+                 for column in columns]
+        if any(grown and small for grown, small in pairs):
+            yield [title, *(f"{grown / small:.2f}" if grown and small else "-"
+                            for grown, small in pairs)]
 
 
 def _print(rows, output):
@@ -84,17 +99,23 @@ def table(results, output):
     print(f"\n{machine['cpu']}, {machine['cpus']} CPUs, Linux {machine['kernel']}; "
           + ", ".join(f"{name} {version}" for name, version in machine["versions"].items()),
           file=output)
-    print(f"client, relay and server on CPU {results['cpus']}; medians of {results['rounds']} rounds "
-          f"of {results['seconds']:g} s and half of the way from least to most; ratios of medians",
-          file=output)
-    for mode, columns in COLUMNS.items():
-        measured = [column for column in columns
-                    if any(column in of_case for of_case in results["samples"].values())]
-        if not measured:
-            continue
-        subject = "tandor" if mode == "direct" else "tandor-connect"
+    print(f"client, relay and server on {results['cpus']}; medians of {results['rounds']} rounds of "
+          f"{results['seconds']:g} s, and half of the way from least to most; ratios are ours to "
+          "theirs", file=output)
+    measured = {mode: [column for column in columns if any(
+        column in results["samples"].get(case.name, {}) for case in cases.ALL if mode in case.modes)]
+        for mode, columns in COLUMNS.items()}
+    for mode, columns in measured.items():
+        rows = list(_rows(results, mode, columns))
+        if rows:
+            print(file=output)
+            _print([[TITLES[mode], *columns], *rows], output)
+    columns = measured["direct"] + measured["connect"]
+    rows = list(_growth(results, columns))
+    if rows:
         print(file=output)
-        _print([[TITLES[mode], *measured], *_rows(results, measured, subject)], output)
+        _print([["Growth: rates as ratios", *columns], *rows], output)
+    print(file=output)
     for name, reason in results.get("not_measured", {}).items():
         print(f"not measured: {name}: {reason}", file=output)
     samples = [sample for of_case in results["samples"].values() for of_one in of_case.values()
