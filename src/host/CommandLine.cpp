@@ -52,7 +52,6 @@ class CommandLine {
       std::cerr << app_.help();
       return std::unexpected(exitWrongUsage);
     }
-    options_.demoArguments = app_.get_subcommands().front()->remaining();
     if (const auto failure = readTexts(); !failure.empty()) {
       std::cerr << fmt::format("tandor: {}\n", failure);
       return std::unexpected(exitWrongUsage);
@@ -118,9 +117,7 @@ class CommandLine {
                     "While watching, also show flows that stay with the kernel");
     addCommand("apps", "Show running applications that have internet sockets", appsCommand);
     addCommand("doctor", "Check what interception needs, without changing anything", doctorCommand);
-    CLI::App* demo =
-        addCommand("demo", "See it work on real programs, in a network of its own", demoCommand);
-    demo->prefix_command();
+    addCommand("demo", "See it work on real programs, in a network of its own", demoCommand);
     CLI::App* completions =
         addCommand("completions", "Print completions for a shell", completionsCommand);
     completions->add_option("shell", options_.shell, "The shell")

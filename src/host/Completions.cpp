@@ -36,11 +36,16 @@ CompletableOption describe(const CLI::Option& option) {
   return described;
 }
 
-/// Text between single quotes, for every one of the three shells.
+/// Text between single quotes, as all three shells read it.
 std::string inQuotes(std::string_view text) {
-  std::string plain(text);
-  std::erase(plain, '\'');
-  return "'" + plain + "'";
+  std::string quotedText = "'";
+  for (const char character : text) {
+    if (character == '\'')
+      quotedText += R"('\'')";
+    else
+      quotedText += character;
+  }
+  return quotedText + "'";
 }
 
 std::string wordList(const std::vector<std::string>& words) {
@@ -111,10 +116,7 @@ std::string bash(const CompletableCommand& tree) {
 std::string zshSpecification(const CompletableOption& option, const std::string& name) {
   std::string description;
   for (const char character : option.description) {
-    if (std::string_view("[]:\\'").contains(character)) {
-      if (character == '\'') continue;
-      description += '\\';
-    }
+    if (std::string_view("[]:\\").contains(character)) description += '\\';
     description += character;
   }
   std::string text = fmt::format("{}[{}]", name, description);
@@ -134,7 +136,7 @@ std::string zshSpecification(const CompletableOption& option, const std::string&
       text += ":value: ";
       break;
   }
-  return "'*" + text + "'";
+  return inQuotes("*" + text);
 }
 
 std::string zsh(const CompletableCommand& tree) {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): as the library has it
 class App;
 }
 

@@ -45,7 +45,7 @@ void showApplications(const Configuration& configuration, Output& output) {
   for (const ResolvedApplication& app : configuration.apps) {
     if (app.name != app.identifier)
       output.line(printable(fmt::format("{} is {}", app.name, app.identifier)));
-    if (!app.warning.empty()) output.note(printable(app.warning));
+    if (!app.warning.empty()) Output::note(printable(app.warning));
   }
 }
 
@@ -103,7 +103,7 @@ Outcome startCommand(const Options& options, Output& output) {
   if (!status) return std::unexpected(status.error());
   if (auto started = provider->start(configuration->values((*status)->path())); !started)
     return std::unexpected(started.error());
-  if (!isStarted) output.note("the provider did not tell that it has started");
+  if (!isStarted) Output::note("the provider did not tell that it has started");
   // From now on nobody listens there; a provider that did not know would wait for an answer.
   const ProviderValues values = configuration->values({});
   if (auto updated = provider->update(values); !updated) output.failure(updated.error());
@@ -132,7 +132,7 @@ Outcome updateCommand(const Options& options, Output& output) {
   if (!provider->status.isActive())
     return fail("no provider is running", "start it with `tandor start` or `tandor run`");
   const auto sent = lastSent(provider->controlPath, provider->status.pid);
-  if (!sent) output.note("what was sent last is not known here; options left out get defaults");
+  if (!sent) Output::note("what was sent last is not known here; options left out get defaults");
   const Settings last = sent ? settingsOf(*sent) : Settings();
   const auto configuration = makeConfiguration(
       overlay(wanted, last), ApplicationResolver(ApplicationPlaces::ofThisMachine()));
@@ -145,7 +145,7 @@ Outcome updateCommand(const Options& options, Output& output) {
   if (auto updated = provider->update(values); !updated) return std::unexpected(updated.error());
   keep(*provider, values, output);
   if (sent && last.log.value_or("") != configuration->log)
-    output.note("the log moves to its new file with the next start");
+    Output::note("the log moves to its new file with the next start");
   output.line(printable("updated: " + configuration->description()));
   output.value(
       {{"state", provider->status.state}, {"configuration", describeJSON(*configuration)}});

@@ -28,20 +28,14 @@ std::optional<fs::path> findDemo() {
 
 }  // namespace
 
-Outcome demoCommand(const Options& options, Output& /*output*/) {
+Outcome demoCommand(const Options& /*options*/, Output& /*output*/) {
   const auto script = findDemo();
   if (!script) {
     return fail("the demo is not installed",
                 "install the package whole, or run scripts/demo of the source tree");
   }
-  std::vector<std::string> arguments = {script->string()};
-  arguments.insert(arguments.end(), options.demoArguments.begin(), options.demoArguments.end());
-  std::vector<char*> pointers;
-  pointers.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
   std::signal(SIGPIPE, SIG_DFL);
-  ::execv(script->c_str(), pointers.data());
+  ::execl(script->c_str(), script->c_str(), nullptr);
   return fail("cannot run " + script->string() + ": " + std::generic_category().message(errno),
               "it needs bash; see whether the script runs by itself");
 }

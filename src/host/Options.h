@@ -2,7 +2,6 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "host/Failure.h"
 #include "host/Settings.h"
@@ -21,7 +20,6 @@ struct Options {
   bool watches = false;
   bool showsAll = false;
   std::string shell;
-  std::vector<std::string> demoArguments;
 };
 
 }  // namespace tandor::host

@@ -138,7 +138,7 @@ class RunSession {
         [this] { return isEndWanted_ || hasStopped_ || hasProviderEnded() || !output_.isRead(); }));
     if (hasStopped_ && !isEndWanted_) {
       // Somebody else stopped it, or the whole provider ends.
-      output_.note("the provider was stopped by somebody else");
+      Output::note("the provider was stopped by somebody else");
       isStarted_ = false;
       return {};
     }

@@ -165,8 +165,8 @@ Outcome appsCommand(const Options& /*options*/, Output& output) {
     table.print(output);
   }
   if (running.unreadable > 0 && ::geteuid() != 0) {
-    output.note(fmt::format("{} processes of other users were not looked into; use sudo",
-                            running.unreadable));
+    Output::note(fmt::format("{} processes of other users were not looked into; use sudo",
+                             running.unreadable));
   }
   return exitDone;
 }

@@ -23,7 +23,7 @@ class CommandTest : public testing::Test {
  protected:
   CommandTest() {
     fs::create_directory(folder_ / "bin");
-    fs::copy_file(TANDOR_PROGRAM, folder_ / "bin/tandor");
+    fs::copy_file(TANDOR_PROGRAM, folder_ / "bin/tandor");  // which looks beside itself
     fs::copy_file(TANDOR_FAKE_PROVIDER, folder_ / "bin/tandor-provider");
   }
 
@@ -116,7 +116,7 @@ TEST_F(CommandTest, StartUpdateSleepWakeAndStopReachTheProvider) {
   EXPECT_EQ(errors_, "");
   const json values =
       fake.requests("startProxy").at(0).at("protocolConfiguration").at("providerConfiguration");
-  EXPECT_EQ(values.at("appIds"), "[\"/bin/one\"]");
+  EXPECT_EQ(values.at("appIds"), R"(["/bin/one"])");
   EXPECT_TRUE(values.contains("socketPath"));
   // Nobody listens any more when the command has ended, and the provider knows.
   EXPECT_FALSE(fake.lastUpdate().contains("socketPath"));
@@ -388,6 +388,15 @@ TEST_F(CommandTest, CompletionsCompleteInBash) {
     EXPECT_EQ(tandor({"completions", shell}), 0);
     EXPECT_TRUE(output_.contains("tunnelWhiteList")) << shell;
   }
+}
+
+TEST_F(CommandTest, DemoRunsTheInstalledScript) {
+  EXPECT_EQ(tandor({"demo"}), 1);
+  EXPECT_TRUE(errors_.contains("the demo is not installed")) << errors_;
+  folder_.write("share/tandor/demo", "#!/bin/sh\necho shown; exit 3\n", true);
+  Tandor demo({"demo"}, settings_);
+  EXPECT_EQ(demo.finish(), 3);
+  EXPECT_EQ(demo.output(), "shown\n");
 }
 
 TEST_F(CommandTest, UnderstandsTheRealProvider) {

@@ -49,17 +49,17 @@ TEST(ConfigurationFileTest, NamesFileLineAndKeyOfWhatIsWrong) {
     std::string_view text;
     std::string_view error;  // its beginning
   } cases[] = {
-      {"{\n  // which\n  \"mode\": \"WebProxy\"\n}", "f:3: \"mode\" must be \"webProxy\", "},
+      {"{\n  // which\n  \"mode\": \"WebProxy\"\n}", R"(f:3: "mode" must be "webProxy", )"},
       {"{\"mode\":\n\n 7\n}", "f:3: \"mode\" must be a text"},
-      {"{\"debug\": \"yes\"}", "f:1: \"debug\" must be true or false"},
+      {R"({"debug": "yes"})", "f:1: \"debug\" must be true or false"},
       {"{\n\"enable\": 1\n}", "f:2: \"enable\" must be true or false"},
       {"{\n\"log\": null\n}", "f:2: \"log\" must be a text"},
-      {"{\"apps\": \"curl\"}", "f:1: \"apps\" must be a list of texts"},
+      {R"({"apps": "curl"})", "f:1: \"apps\" must be a list of texts"},
       {"{\"apps\": [\"a\",\n 2]}", "f:2: \"apps\" must be a list of texts"},
-      {"{\"apps\": [[\"a\"]]}", "f:1: \"apps\" must be a list of texts"},
-      {"{\"apps\": [{\"a\": 1}]}", "f:1: \"apps\" must be a list of texts"},
-      {"{\n\n\"proxy\": \"proxy.example\"}", "f:3: \"proxy\" must be \"HOST:PORT\"; the port is "},
-      {"{\"connectReply\": \"200\"}", "f:1: \"connectReply\" must be \"status\" or \"phrase\""},
+      {R"({"apps": [["a"]]})", "f:1: \"apps\" must be a list of texts"},
+      {R"({"apps": [{"a": 1}]})", "f:1: \"apps\" must be a list of texts"},
+      {"{\n\n\"proxy\": \"proxy.example\"}", R"(f:3: "proxy" must be "HOST:PORT"; the port is )"},
+      {R"({"connectReply": "200"})", R"(f:1: "connectReply" must be "status" or "phrase")"},
       {"{\n\"Mode\": \"webProxy\"}", "f:2: \"Mode\" is unknown; the keys are mode, "},
       {"{\"debug\": true,\n\"debug\": true}", "f:2: \"debug\" is there twice"},
       {"[]", "f:1: the file must hold one object"},
@@ -203,7 +203,7 @@ TEST(SentConfigurationTest, IsKeptForOneProviderAndOneUser) {
   forgetSent(control);
   EXPECT_TRUE(folder.isEmpty());
   for (const std::string_view broken :
-       {"", "{", "[]", "{\"provider\":12}", "{\"provider\":12,\"values\":{\"mode\":1}}"}) {
+       {"", "{", "[]", "{\"provider\":12}", R"({"provider":12,"values":{"mode":1}})"}) {
     folder.write("control.sock.sent", broken);
     EXPECT_FALSE(lastSent(control, 12).has_value()) << broken;
   }
