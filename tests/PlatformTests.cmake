@@ -6,6 +6,7 @@ tandor_test(tandor_platform_tests
     platform/FlowTest.cpp
     platform/Objects.cpp
     platform/PathMonitorTest.cpp
+    platform/PipePoolTest.cpp
     platform/RelayTest.cpp
     platform/Support.cpp
     platform/Surroundings.cpp

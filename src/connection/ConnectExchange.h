@@ -23,9 +23,9 @@ enum class ConnectReply : std::uint8_t {
   status,  // by the status code of its head
 };
 
-/// Reads the head of a proxy's reply piece by piece (RFC 9112, sections 2 to 4): HTTP/1.0 or 1.1, any
-/// status code of 2xx, header fields up to the blank line, lines ended by CR LF or LF alone. Does no
-/// input or output.
+/// Reads the head of a proxy's reply piece by piece (RFC 9112, sections 2 to 4): HTTP/1.0 or 1.1,
+/// any status code of 2xx, header fields up to the blank line, lines ended by CR LF or LF alone.
+/// Does no input or output.
 class ConnectReplyReader {
  public:
   static constexpr std::size_t longestHead = std::size_t{16} * 1024;

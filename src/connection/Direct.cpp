@@ -54,17 +54,17 @@ void TandorProxyConnection::handleConnectRequestServerResponseCompletion(
     receiveConnectReplyHead(std::make_unique<ConnectReplyReader>(), std::move(completion));
     return;
   }
-  connection_->receive(1, maximumReceiveLength,
-                       [weakSelf = weak_from_this(), connection = connection_.get(),
-                        completion = std::move(completion)](
-                           const std::optional<Data>& reply,
-                           NWConnection::ContentContext /*context*/, bool /*isComplete*/,
-                           const std::optional<NSError>& /*error*/) mutable {
-                         const auto self = weakSelf.lock();
-                         if (self == nullptr || !self->isCurrent(connection)) return;
-                         // No bytes is a refusal like any other: no flow waits without end.
-                         completion(reply && isTunnelEstablished(*reply), {});
-                       });
+  connection_->receive(
+      1, maximumReceiveLength,
+      [weakSelf = weak_from_this(), connection = connection_.get(),
+       completion = std::move(completion)](
+          const std::optional<Data>& reply, NWConnection::ContentContext /*context*/,
+          bool /*isComplete*/, const std::optional<NSError>& /*error*/) mutable {
+        const auto self = weakSelf.lock();
+        if (self == nullptr || !self->isCurrent(connection)) return;
+        // No bytes is a refusal like any other: no flow waits without end.
+        completion(reply && isTunnelEstablished(*reply), {});
+      });
 }
 
 void TandorProxyConnection::receiveConnectReplyHead(std::unique_ptr<ConnectReplyReader> reader,

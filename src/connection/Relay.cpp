@@ -7,11 +7,7 @@ namespace tandor {
 
 void TandorProxyConnection::startRelay(std::optional<Data> firstData, const Data& behind) {
   copyFlowDataToNWConnection(std::move(firstData));
-  if (behind.isEmpty()) {
-    copyNWConnectionDataToFlow();
-  } else {
-    received(behind, /*isComplete=*/false, std::nullopt);
-  }
+  copyNWConnectionDataToFlow(behind);
 }
 
 // From the flow to the outbound connection: read, send, read, ... with one chunk in flight.
@@ -91,57 +87,78 @@ void TandorProxyConnection::sendCompleted(const std::optional<NSError>& error) {
 
 // From the outbound connection to the flow: receive, write, receive, ... with one chunk in flight.
 
-void TandorProxyConnection::copyNWConnectionDataToFlow() {
-  if (connection_ == nullptr) return;
-  connection_->receive(1, maximumReceiveLength,
-                       [weakSelf = weak_from_this(), connection = connection_.get()](
-                           std::optional<Data> data, NWConnection::ContentContext /*context*/,
-                           bool isComplete, const std::optional<NSError>& error) {
-                         const auto self = weakSelf.lock();
-                         if (self != nullptr && self->isCurrent(connection))
-                           self->received(std::move(data), isComplete, error);
-                       });
-}
+/// What the steps of this loop hand on from one to the next: chunks are small and many, and a new
+/// reference for each would cost more than all the rest.
+struct TandorProxyConnection::Download {
+  std::shared_ptr<TandorProxyConnection> self;
+  NWConnection* connection;
+  bool isLastChunk = false;  // nothing follows the chunk that is being written
 
-void TandorProxyConnection::received(std::optional<Data> data, bool isComplete,
-                                     const std::optional<NSError>& error) {
-  if (!data) {
-    if (isDebug_) {
-      log("nw connection receive failed: isComplete: " + description(isComplete) + ", error:",
-          error ? error->description() : "null");
-    }
-    endWithError(error);
+  [[nodiscard]] bool isCurrent() const { return self->isCurrent(connection); }
+};
+
+void TandorProxyConnection::copyNWConnectionDataToFlow(const Data& behind) {
+  if (connection_ == nullptr) return;
+  auto download = std::make_unique<Download>(shared_from_this(), connection_.get());
+  if (behind.isEmpty()) {
+    receiveChunk(std::move(download));
   } else {
-    writeFlowData(std::move(*data), isComplete);
+    writeFlowData(std::move(download), behind);
   }
 }
 
-void TandorProxyConnection::writeFlowData(Data data, bool isComplete) {
-  auto completion = [self = shared_from_this(), isComplete](std::optional<NSError> error) mutable {
-    DispatchQueue& queue = *self->nwQueue_;
-    queue.carry([self = std::move(self), isComplete, error = std::move(error)] {
-      self->flowWriteCompleted(isComplete, error);
+void TandorProxyConnection::receiveChunk(std::unique_ptr<Download> download) {
+  if (!download->isCurrent()) return;
+  NWConnection& connection = *download->connection;
+  connection.receive(1, maximumReceiveLength,
+                     [download = std::move(download)](
+                         std::optional<Data> data, NWConnection::ContentContext /*context*/,
+                         bool isComplete, const std::optional<NSError>& error) mutable {
+                       if (!download->isCurrent()) return;
+                       download->isLastChunk = isComplete;
+                       if (data) {
+                         writeFlowData(std::move(download), std::move(*data));
+                       } else {
+                         download->self->receiveFailed(isComplete, error);
+                       }
+                     });
+}
+
+void TandorProxyConnection::receiveFailed(bool isComplete, const std::optional<NSError>& error) {
+  if (isDebug_) {
+    log("nw connection receive failed: isComplete: " + description(isComplete) + ", error:",
+        error ? error->description() : "null");
+  }
+  endWithError(error);
+}
+
+void TandorProxyConnection::writeFlowData(std::unique_ptr<Download> download, Data data) {
+  const ConnectionNetwork& network = download->self->network_;
+  auto completion = [download = std::move(download)](std::optional<NSError> error) mutable {
+    DispatchQueue& queue = *download->self->nwQueue_;
+    queue.carry([download = std::move(download), error = std::move(error)]() mutable {
+      flowWriteCompleted(std::move(download), error);
     });
   };
-  if (const auto* tcp = network_.tcp()) {
+  if (const auto* tcp = network.tcp()) {
     tcp->sourceFlow->write(std::move(data), std::move(completion));
-  } else if (const auto* udp = network_.udp()) {
+  } else if (const auto* udp = network.udp()) {
     // A flow with any other kind of endpoint never got as far as a connection.
     const auto& sender = std::get<NWHostEndpoint>(udp->remoteEndpoint);
     udp->sourceFlow->writeDatagrams({&data, 1}, {&sender, 1}, std::move(completion));
   }
 }
 
-void TandorProxyConnection::flowWriteCompleted(bool isComplete,
+void TandorProxyConnection::flowWriteCompleted(std::unique_ptr<Download> download,
                                                const std::optional<NSError>& error) {
   if (error) {
     log("write flow data failed: %@", *error);
-    endWithError(error);
-  } else if (isComplete) {
+    download->self->endWithError(error);
+  } else if (download->isLastChunk) {
     log("nw connection receive complete");
-    endWithError(std::nullopt);
+    download->self->endWithError(std::nullopt);
   } else {
-    copyNWConnectionDataToFlow();
+    receiveChunk(std::move(download));
   }
 }
 

@@ -42,7 +42,7 @@ class TandorProxyConnectionDelegate {
 ///
 /// All of its state lives on its own queue, nwQueue: outbound handlers run there anyway, flow
 /// completions are carried there, start() and closeAllConnWithError() enter it synchronously. The
-/// provider's registry owns it until proxyConnectionDidClose; pending flow operations and sends own
+/// provider's registry owns it until proxyConnectionDidClose; pending operations of the relay own
 /// it until they have completed. Objects are equal only to themselves.
 class TandorProxyConnection final : public std::enable_shared_from_this<TandorProxyConnection> {
   struct MakeOnly {};
@@ -131,14 +131,18 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   /// both loops.
   void startRelay(std::optional<Data> firstData, const Data& behind = {});
   void copyFlowDataToNWConnection(std::optional<Data> firstData);
-  void copyNWConnectionDataToFlow();
+  void copyNWConnectionDataToFlow(const Data& behind = {});
   void readFlowData();
   void sendChunk(Data chunk);
   void flowReadCompleted(std::optional<Data> data, const std::optional<NSError>& error);
   void sendCompleted(const std::optional<NSError>& error);
-  void received(std::optional<Data> data, bool isComplete, const std::optional<NSError>& error);
-  void writeFlowData(Data data, bool isComplete);
-  void flowWriteCompleted(bool isComplete, const std::optional<NSError>& error);
+
+  struct Download;
+  static void receiveChunk(std::unique_ptr<Download> download);
+  void receiveFailed(bool isComplete, const std::optional<NSError>& error);
+  static void writeFlowData(std::unique_ptr<Download> download, Data data);
+  static void flowWriteCompleted(std::unique_ptr<Download> download,
+                                 const std::optional<NSError>& error);
 
   bool isDebug_ = false;
   ConnectReply connectReply_ = ConnectReply::phrase;

@@ -10,9 +10,15 @@
 namespace tandor {
 namespace {
 
+using namespace std::chrono_literals;
+
 /// Deferred steps between two looks at the descriptors: enough to make the look cheap, few enough
 /// that no socket waits long for its turn.
 constexpr int stepsPerTurn = 64;
+
+/// A loop that nothing has woken for so long keeps no descriptors in store.
+constexpr auto idleAfter = 1000ms;
+constexpr auto longestWait = 60'000ms;
 
 }  // namespace
 
@@ -154,10 +160,11 @@ void EpollLoop::runSteps() {
 
 int EpollLoop::waitLimit() {
   if (!deferred_.isEmpty() || !completions_.isEmpty()) return 0;
-  if (timers_.empty()) return -1;
+  const std::chrono::milliseconds longest = pipes_.hasSpare() ? idleAfter : longestWait;
+  if (timers_.empty()) return pipes_.hasSpare() ? static_cast<int>(longest.count()) : -1;
   const auto wait =
       std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first - Clock::now());
-  return static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, 60'000));
+  return static_cast<int>(std::clamp(wait, 0ms, longest).count());
 }
 
 void EpollLoop::waitForEvents() {
@@ -169,6 +176,7 @@ void EpollLoop::waitForEvents() {
   const int count =
       ::epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), limit);
   isAsleep_ = false;
+  if (count == 0 && limit > 0) pipes_.dropSpare();
   eventCount_ = count > 0 ? static_cast<std::size_t>(count) : 0;
   for (eventIndex_ = 0; eventIndex_ < eventCount_; ++eventIndex_) {
     const epoll_event& event = events_[eventIndex_];

@@ -33,7 +33,7 @@ PipePool::Pipe* PipePool::borrow() {
 PipePool::Pipe* PipePool::holding(const Data& data) noexcept {
   DataStorage* const storage = data.storage();
   if (storage == nullptr || storage->isInMemory()) return nullptr;
-  return dynamic_cast<Pipe*>(storage);
+  return static_cast<Pipe*>(storage);  // nothing else of this platform is elsewhere
 }
 
 PipePool::Pipe::~Pipe() {

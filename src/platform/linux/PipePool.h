@@ -58,17 +58,21 @@ class PipePool {
   /// An empty pipe with no references yet, which the first Data made of it owns; null when enough
   /// are in use or there are no descriptors left for one. On the loop's thread.
   [[nodiscard]] Pipe* borrow();
+  /// Empty pipes that are kept for the next ones. On the loop's thread.
+  [[nodiscard]] bool hasSpare() const noexcept { return !spare_.empty(); }
+  void dropSpare() noexcept { spare_.clear(); }
+
   /// The pipe in which these bytes still lie, if they do.
   [[nodiscard]] static Pipe* holding(const Data& data) noexcept;
 
  private:
   /// A reader who is slow holds its pipe. Behind so many, bytes go through memory.
   static constexpr int maximumInUse = 256;
-  static constexpr std::size_t maximumSpare = 16;
+  static constexpr std::size_t maximumSpare = 8;
 
   EpollLoop& loop_;
+  std::atomic<int> pipes_{0};  // all there are; outlives the spare ones
   std::vector<std::unique_ptr<Pipe>> spare_;
-  std::atomic<int> pipes_{0};
 };
 
 }  // namespace tandor
