@@ -18,12 +18,18 @@ class Metric:
         self.compared = compared
 
 
+def warm_up(seconds):
+    return min(0.3, seconds / 2)
+
+
 class Case:
     """What is measured of a contestant. The first metric is the case's own, the others explain it."""
 
     modes = ("direct", "connect")
     #: More rounds of it would show nothing new.
     most_rounds = 1000
+    #: Shows what something costs as there is more of it.
+    is_growth = False
     #: With a second CPU for everybody.
     is_wide = False
 
@@ -48,12 +54,13 @@ class Bulk(Case):
     def __init__(self, direction, flows):
         super().__init__(f"bulk-{direction}-{flows}",
                          f"bulk {direction}, {flows} flow{'s' if flows > 1 else ''}")
+        self.is_growth = flows > 8
         self._words = (f"bulk-{direction}", "--flows", flows)
-        self._warm_up = 0.3 if flows < 100 else 1
+        self._least_warm_up = 0 if flows < 100 else 1
 
     def measure(self, lab, contestant, seconds):
         found = Client(lab, contestant, *self._words, "--seconds", seconds, "--warm-up",
-                       self._warm_up).finish()
+                       max(self._least_warm_up, warm_up(seconds))).finish()
         if not found["bytes"]:
             raise Failed("no byte came through")
         return {"rate": found["bytes"] * 8 / GIGA / found.our_seconds,
@@ -67,7 +74,7 @@ class Storm(Case):
 
     def measure(self, lab, contestant, seconds):
         found = Client(lab, contestant, "storm", "--flows", 32, "--size", 200, "--seconds",
-                       seconds).finish()
+                       seconds, "--warm-up", warm_up(seconds)).finish()
         return {"rate": found["flows"] / found.our_seconds,
                 "cost": found.relay_seconds / (found["flows"] / 1000 or 1),
                 "p50": found["flow_p50"], "p99": found["flow_p99"]}, found
@@ -85,6 +92,7 @@ class StormOfTheOthers(Storm):
 class StormBesideIdle(Storm):
     """New flows while as many as possible are open."""
 
+    is_growth = True
     metrics = {**Storm.metrics, "idle": Metric("open", "flows", 0)}
 
     def measure(self, lab, contestant, seconds):
@@ -94,6 +102,7 @@ class StormBesideIdle(Storm):
 
 
 class StormBesideProcesses(Storm):
+    is_growth = True
     count = 500
 
     @contextlib.contextmanager
@@ -119,7 +128,8 @@ class Latency(Case):
         self._what = what
 
     def measure(self, lab, contestant, seconds):
-        found = Client(lab, contestant, *self._words, "--seconds", seconds).finish()
+        found = Client(lab, contestant, *self._words, "--seconds", seconds, "--warm-up",
+                       warm_up(seconds)).finish()
         return {key: found[f"{self._what}_{key}"] for key in self.metrics}, found
 
 
@@ -150,6 +160,7 @@ class Memory(Case):
                "cpu": Metric("relay's CPU meanwhile", "%", 2),
                "idle": Metric("open", "flows", 0)}
     most_rounds = 2
+    is_growth = True
 
     def measure(self, lab, contestant, seconds):
         contestant.restart()
@@ -217,7 +228,7 @@ def kernel_bytes():
 
 def widened(case):
     """The same case with a second CPU."""
-    case.is_wide = True
+    case.is_wide = case.is_growth = True
     case.name, case.title = f"wide-{case.name}", f"{case.title}, two CPUs"
     return case
 

@@ -39,7 +39,7 @@ class Contestant:
     def idle_flows(self):
         """So many flows it can keep."""
         spare = 2000
-        return min(10_000, (descriptor_limit() - spare) // self.descriptors_a_flow)
+        return min(self.lab.most_idle_flows, (descriptor_limit() - spare) // self.descriptors_a_flow)
 
     def pids(self):
         """Its processes, now."""

@@ -131,8 +131,9 @@ class Site:
 class Lab:
     _prefix = "tnd-bench-"
 
-    def __init__(self, build, placement):
+    def __init__(self, build, placement, most_idle_flows):
         self.placement = placement
+        self.most_idle_flows = most_idle_flows
         self._sweep()
         self._stem = f"{self._prefix}{os.getpid()}"
         self.folder = f"/tmp/{self._stem}-files"
@@ -155,7 +156,7 @@ class Lab:
 
     def _serve(self, program):
         words = ["taskset", "-c", ",".join(map(str, self.placement.server)), program, "server",
-                 "--counters", self.counters]
+                 "--counters", self.counters, "--datagrams-at", DESTINATIONS[0]]
         self.server = self.network.popen(*words, stdout=subprocess.PIPE, text=True)
         self._undo.append(lambda: end(self.server))
         if self.server.stdout.readline() != "ready\n":

@@ -21,12 +21,13 @@ namespace {
 constexpr std::size_t largeRead = std::size_t{1024} * 1024;
 constexpr std::string_view established = "HTTP/1.1 200 Connection established\r\n\r\n";
 
-FileDescriptor boundSocket(int type, std::uint16_t port) {
+FileDescriptor boundSocket(int type, std::uint16_t port, in_addr where = {}) {
   FileDescriptor socket(::socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
   ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address{};
   address.sin_family = AF_INET;
+  address.sin_addr = where;
   address.sin_port = htons(port);
   if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     fail("bind");
@@ -76,8 +77,8 @@ Server::Server(const ServerOptions& options)
     : counters_(Counters::shared(options.countersPath)),
       listener_(boundSocket(SOCK_STREAM, options.port)),
       proxyListener_(boundSocket(SOCK_STREAM, options.proxyPort)),
-      echo_(boundSocket(SOCK_DGRAM, options.echoPort)),
-      sink_(boundSocket(SOCK_DGRAM, options.sinkPort)) {
+      echo_(boundSocket(SOCK_DGRAM, options.echoPort, options.datagramsAt)),
+      sink_(boundSocket(SOCK_DGRAM, options.sinkPort, options.datagramsAt)) {
   for (const auto* listener : {&listener_, &proxyListener_}) {
     const int on = 1;
     // Accepted sockets inherit it.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <netinet/in.h>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@ struct ServerOptions {
   std::uint16_t proxyPort = 3128;
   std::uint16_t echoPort = 4433;  // of datagrams
   std::uint16_t sinkPort = 4434;
+  in_addr datagramsAt{};  // replies come from the address that was asked
   std::string countersPath;
 };
 

@@ -47,6 +47,9 @@ int main(int argc, char** argv) {
   auto* server = program.add_subcommand("server");
   server->add_option("--counters", serverOptions.countersPath)->required();
 
+  std::string datagramsAt = "0.0.0.0";
+  server->add_option("--datagrams-at", datagramsAt)->check(CLI::ValidIPV4);
+
   ClientOptions options;
   std::string what;
   std::vector<std::string> destinations;
@@ -65,6 +68,7 @@ int main(int argc, char** argv) {
   client->add_option("--watch", options.watched);
   CLI11_PARSE(program, argc, argv);
 
+  ::inet_pton(AF_INET, datagramsAt.c_str(), &serverOptions.datagramsAt);
   if (server->parsed()) serve(serverOptions);
   const auto milliseconds = [](double time) {
     return std::chrono::milliseconds(static_cast<std::int64_t>(time * 1000));
