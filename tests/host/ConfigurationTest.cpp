@@ -105,28 +105,6 @@ TEST(ConfigurationFileTest, ReadsEveryKeyAmongComments) {
   EXPECT_FALSE(readConfigurationFile(folder.path()).has_value());
 }
 
-TEST(SettingsTest, UpperLayersWinValueByValue) {
-  Settings options;
-  options.mode = Mode::tunnelWhiteList;
-  options.apps = apps({});
-  Settings file;
-  file.mode = Mode::webProxy;
-  file.debug = false;
-  file.apps = apps({"file"});
-  Settings last;
-  last.debug = true;
-  last.log = "/last";
-  last.enable = false;
-  last.proxy = Proxy{"last.example", 1};
-  last.connectReply = ConnectReply::phrase;
-  const Settings merged = overlay(options, overlay(file, last));
-  Settings expected = last;
-  expected.mode = Mode::tunnelWhiteList;
-  expected.apps = apps({});
-  expected.debug = false;
-  EXPECT_EQ(merged, expected);
-}
-
 TEST(ConfigurationTest, RefusesWhatWouldDoNothing) {
   const ApplicationResolver resolver({});
   const auto messageOf = [&](const Settings& settings) {

@@ -13,7 +13,6 @@
 #include "host/FakeProvider.h"
 #include "host/JSONValues.h"
 #include "host/PrivateFolder.h"
-#include "host/Provider.h"
 #include "host/StatusSocket.h"
 #include "host/Support.h"
 #include "ipc/IPCClient.h"
@@ -203,26 +202,6 @@ TEST_F(ControlTest, EventsComeBetweenRepliesAndTheEndIsNoticed) {
   fake = nullptr;
   EXPECT_TRUE(loop_.runUntil([&] { return !(*client)->isConnected(); }, patience));
   EXPECT_FALSE((*client)->call("status").has_value());
-}
-
-TEST_F(ControlTest, TheRealProviderAnswersWhatChangesNothing) {
-  auto provider = ChildProcess::start({TANDOR_PROVIDER, "--control", path_}, {});
-  ASSERT_TRUE(provider.has_value());
-  ASSERT_TRUE(eventually([&] { return ControlClient::connect(loop_, path_).has_value(); }));
-  const auto connected = Provider::connect(loop_, path_);
-  ASSERT_TRUE(connected.has_value()) << connected.error().message;
-  EXPECT_EQ(connected->status.state, "idle");
-  EXPECT_EQ(connected->status.pid, provider->pid());
-  EXPECT_TRUE(connected->checkVersion().has_value());
-  EXPECT_TRUE(connected->checkIdle().has_value());
-  EXPECT_EQ(connected->stop().error().message, "no provider is running; start one first");
-  EXPECT_FALSE(connected->update({{"mode", "tunnelWhiteList"}}).has_value());
-  EXPECT_FALSE(connected->client->call("nonsense").has_value());
-  EXPECT_EQ(connected->client->call("flows").value().at("flows"), json::array());
-  EXPECT_TRUE(connected->client->call("watch", {{"flows", true}}).has_value());
-  provider->send(SIGTERM);
-  EXPECT_TRUE(loop_.runUntil([&] { return !connected->client->isConnected(); }, patience));
-  EXPECT_EQ(provider->wait(patience), 0);
 }
 
 }  // namespace
