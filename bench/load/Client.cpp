@@ -53,31 +53,30 @@ class Epoll {
   std::array<Flow*, batch> flows_{};
 };
 
-/// A moment that may come before or after another; measures from the end of the warm-up on.
+/// Warms up, then measures; however late the caller comes, it measures for the whole time.
 class Period {
  public:
   explicit Period(const ClientOptions& options)
-      : measurement(options.watched),
-        first_(Clock::now() + options.warmUp),
-        last_(first_ + options.time) {}
+      : measurement(options.watched), time_(options.time), next_(Clock::now() + options.warmUp) {}
   /// False once it is over.
   bool goesOn(std::uint64_t bytes = 0) {
-    const auto now = Clock::now();
-    if (!isMeasuring_ && now >= first_) {
-      measurement.begin(bytes);
-      isMeasuring_ = true;
+    if (Clock::now() < next_) return true;
+    if (isMeasuring_) {
+      measurement.end(bytes);
+      return false;
     }
-    if (now < last_) return true;
-    measurement.end(bytes);
-    return false;
+    measurement.begin(bytes);
+    next_ = Clock::now() + time_;
+    isMeasuring_ = true;
+    return true;
   }
   [[nodiscard]] bool isMeasuring() const { return isMeasuring_; }
 
   Measurement measurement;
 
  private:
-  Clock::time_point first_;
-  Clock::time_point last_;
+  Clock::duration time_;
+  Clock::time_point next_;  // of the beginning, or of the end
   bool isMeasuring_ = false;
 };
 
