@@ -1,13 +1,13 @@
 #include "host/Support.h"
 
 #include <array>
+#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
 #include <pty.h>
 #include <sstream>
 #include <stdexcept>
-#include <stdlib.h>
 #include <thread>
 #include <unistd.h>
 
