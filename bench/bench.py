@@ -122,7 +122,8 @@ def main():
         sys.exit("scripts/bench needs root: it makes network namespaces")
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
-    signal.signal(signal.SIGTERM, interrupted)
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, interrupted)
     results = {"machine": report.machine(), "time": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()),
                "rounds": options.rounds, "seconds": options.seconds, "cpus": str(options.placement),
                "not_measured": {}, "samples": {}}
@@ -140,6 +141,7 @@ def main():
             json.dump(results, file, indent=1)
     if options.svg:
         picture.draw(results, options.svg)
+    sys.exit(130 if "interrupted" in results else bool(report.our_failures(results)))
 
 
 main()

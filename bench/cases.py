@@ -133,6 +133,23 @@ class Latency(Case):
         return {key: found[f"{self._what}_{key}"] for key in self.metrics}, found
 
 
+class Distance(Latency):
+    """Two CPUs may be near or far from each other: figures of two are to be read with this one."""
+
+    is_wide = is_growth = True
+
+    def takes(self, contestant):
+        return contestant.name == "none"
+
+    def measure(self, lab, contestant, seconds):
+        wide = contestant.placement
+        contestant.placement = wide.apart()
+        try:
+            return super().measure(lab, contestant, seconds)
+        finally:
+            contestant.placement = wide
+
+
 class Datagrams(Case):
     metrics = {"rate": Metric("", "/s", 0), "cost": Metric("relay's CPU", "s/million", 3)}
     modes = ("direct", "left")
@@ -245,6 +262,7 @@ ALL = [
     Bulk("down", 64), Bulk("down", 1000), Bulk("up", 1000),
     StormBesideIdle("flows-idle", "new flows beside open ones"),
     StormBesideProcesses("flows-processes", "new flows beside 500 processes"),
+    Distance("distance", "round trip between the two CPUs", "echo", 64, "trip"),
     widened(Bulk("down", 8)), widened(Bulk("up", 8)),
     widened(Storm("flows", "new flows, 32 at a time")),
 ]

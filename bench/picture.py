@@ -11,9 +11,9 @@ PANELS = [("bulk-down-8", "direct"), ("bulk-down-8", "connect"),
           ("flows", "direct"), ("flows", "connect"),
           ("setup", "direct"), ("setup", "connect"),
           ("trip", "direct"), ("memory", "direct"),
-          ("left", "left"), ("datagram-echo", "left")]
+          ("left", "left"), ("datagram-echo", "direct")]
 WIDTH, PANEL, LABEL, BAR, GAP = 860, 410, 120, 16, 6
-HEAD, FOOT, TITLE = 34, 30, 28
+HEAD, FOOT, TITLE = 34, 30, 40
 OURS, THEIRS, NOBODY = "#e0792b", "#6c8ebf", "#9aa0a6"
 TEXT, FAINT = "#7d858f", "#8b939c"
 
@@ -31,9 +31,11 @@ def _panel(results, name, mode, x, y):
     bars = [(column, value) for column, value in bars if value]
     if not any(column == report.SUBJECTS[mode] for column, _ in bars):
         return [], 0
-    where = "" if mode == "left" else f" ({report.TITLES[mode].lower()})"
-    title = f"{case.title}{f', {metric.title}' if metric.title else ''}, {metric.unit}{where}"
-    elements = [_text(x, y + 16, title, 13, weight="bold")]
+    title = f"{case.title}{f', {metric.title}' if metric.title else ''}, {metric.unit}"
+    elements = [_text(x, y + 16, title[0].upper() + title[1:], 13, weight="bold")]
+    notes = [] if mode == "left" else [report.TITLES[mode][0].lower() + report.TITLES[mode][1:]]
+    notes += [] if metric.unit.endswith("/s") else ["less is better"]
+    elements.append(_text(x, y + 32, "; ".join(notes), 11, fill=FAINT))
     longest = max(value for _, value in bars)
     room = PANEL - LABEL - 70
     for index, (column, value) in enumerate(bars):
@@ -51,11 +53,9 @@ def _panel(results, name, mode, x, y):
 
 def draw(results, path):
     elements = []
-    tops = [HEAD, HEAD]  # of the two columns
+    tops = [HEAD, HEAD]  # of the two columns: directly, and all else
     for name, mode in PANELS:
-        column = tops.index(min(tops)) if mode == "left" else int(mode == "connect")
-        if name == "memory":
-            column = 1
+        column = 0 if mode == "direct" and name not in ("memory", "datagram-echo") else 1
         shown, height = _panel(results, name, mode, 10 + column * (PANEL + 20), tops[column])
         elements += shown
         tops[column] += height

@@ -68,6 +68,10 @@ class Placement:
             return None
         return Placement(f"{self.all[0]},{others[0]}")
 
+    def apart(self):
+        """The client on the first, the others on the last of these CPUs."""
+        return Placement(f"{self.all[0]}/{self.all[-1]}/{self.all[-1]}")
+
     def __str__(self):
         return "CPU " + "/".join(",".join(map(str, cpus)) for cpus in
                                  ([self.all] if self.client == self.relay == self.server else
@@ -184,7 +188,7 @@ class Lab:
 
     def close(self):
         # Nothing may interrupt the cleaning up.
-        for number in (signal.SIGINT, signal.SIGTERM):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             signal.signal(number, signal.SIG_IGN)
         while self._undo:
             try:

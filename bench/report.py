@@ -33,6 +33,15 @@ def machine():
             "cpus": os.cpu_count(), "versions": versions}
 
 
+def our_failures(results):
+    """Of what is not a peer's."""
+    ours = set(SUBJECTS.values()) | {"none", "none-connect"}
+    return [name for name in results["not_measured"] if name in ours] + [
+        sample["failed"] for of_case in results["samples"].values()
+        for name, samples in of_case.items() if name in ours
+        for sample in samples if "failed" in sample]
+
+
 def values(results, case, contestant, metric):
     samples = results["samples"].get(case, {}).get(contestant, [])
     return [sample["values"][metric] for sample in samples if metric in sample.get("values", {})]

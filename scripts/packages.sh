@@ -1,33 +1,40 @@
 # Sourced by the other scripts: brings in Debian packages that are missing.
 
-# need PACKAGE...: installs those that are not there yet; as root, or through sudo.
-need() {
-  local missing=() package
+# missing PACKAGE...: those that are not there yet.
+missing() {
+  local package
   for package in "$@"; do
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
-      missing+=("$package")
+      echo "$package"
   done
-  ((${#missing[@]})) || return 0
-  echo "== installing: ${missing[*]}"
+}
+
+# need PACKAGE...: installs those that are not there yet; as root, or through sudo.
+need() {
+  local packages
+  mapfile -t packages < <(missing "$@")
+  ((${#packages[@]})) || return 0
+  echo "== installing: ${packages[*]}"
   local asRoot=()
   ((EUID == 0)) || asRoot=(sudo)
   "${asRoot[@]}" apt-get update -qq
   "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    apt-get install -y -qq --no-install-recommends "${packages[@]}" >/dev/null
 }
 
-# needIdle PACKAGE...: the same for packages with services, which do not start.
+# needIdle PACKAGE...: the same for packages whose services are not to start.
 needIdle() {
-  local policy=/usr/sbin/policy-rc.d asRoot=() made=
-  ((EUID == 0)) || asRoot=(sudo)
-  if [[ ! -e $policy ]]; then
-    printf '#!/bin/sh\nexit 101\n' | "${asRoot[@]}" install -m 755 /dev/stdin "$policy"
-    made=1
+  local policy=/usr/sbin/policy-rc.d asRoot=()
+  if [[ -e $policy || -z $(missing "$@") ]]; then
+    need "$@"
+    return
   fi
-  local status=0
-  need "$@" || status=$?
-  [[ -z $made ]] || "${asRoot[@]}" rm -f "$policy"
-  return "$status"
+  ((EUID == 0)) || asRoot=(sudo)
+  (
+    trap '"${asRoot[@]}" rm -f "$policy"' EXIT
+    printf '#!/bin/sh\nexit 101\n' | "${asRoot[@]}" install -m 755 /dev/stdin "$policy"
+    need "$@"
+  )
 }
 
 buildPackages=(
