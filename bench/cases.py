@@ -75,8 +75,11 @@ class Storm(Case):
     def measure(self, lab, contestant, seconds):
         found = Client(lab, contestant, "storm", "--flows", 32, "--size", 200, "--seconds",
                        seconds, "--warm-up", warm_up(seconds)).finish()
-        return {"rate": found["flows"] / found.our_seconds,
-                "cost": found.relay_seconds / (found["flows"] / 1000 or 1),
+        flows, failed = found["flow_count"], found["failed"]
+        if failed * 100 > flows:
+            raise Failed(f"{failed} flows failed, {flows} did not")
+        return {"rate": flows / found.our_seconds,
+                "cost": found.relay_seconds / (flows / 1000),
                 "p50": found["flow_p50"], "p99": found["flow_p99"]}, found
 
 

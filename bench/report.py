@@ -136,3 +136,7 @@ def table(results, output):
     if disturbed:
         print(f"~ {disturbed} of {len(samples)} measurements were disturbed: others took CPU time, "
               "which is taken off", file=output)
+    elsewhere = [sample["elsewhere"] for sample in samples if "elsewhere" in sample]
+    if elsewhere:
+        print(f"others' use of the other CPUs: {statistics.median(elsewhere):.0%} at the median",
+              file=output)

@@ -41,7 +41,6 @@ class Measurement {
 class Samples {
  public:
   void add(Clock::duration duration) { all_.push_back(static_cast<float>(duration.count())); }
-  [[nodiscard]] std::size_t count() const { return all_.size(); }
   /// Members of a JSON object: how many, and percentiles in microseconds.
   [[nodiscard]] std::string members(const std::string& name);
 
