@@ -68,11 +68,13 @@ double Measurement::seconds() const {
 
 std::string Measurement::members() const {
   std::vector<std::string> processes;
+  processes.reserve(processes_.size());
   for (std::size_t index = 0; index < processes_.size(); ++index) {
     processes.push_back(fmt::format("\"{}\":{}", processes_[index],
                                     end_.processTicks[index] - begin_.processTicks[index]));
   }
   std::vector<std::uint64_t> cpus;
+  cpus.reserve(end_.cpuTicks.size());
   for (std::size_t index = 0; index < end_.cpuTicks.size(); ++index)
     cpus.push_back(end_.cpuTicks[index] - begin_.cpuTicks[index]);
   return fmt::format(

@@ -10,6 +10,9 @@
 #include <iterator>
 #include <random>
 #include <sys/mman.h>
+#include <system_error>
+
+#include <fmt/format.h>
 
 #include "platform/linux/FileDescriptor.h"
 
@@ -25,7 +28,7 @@ constexpr std::size_t sizeOffset = checkedOffset + 1;
 }  // namespace
 
 void fail(const std::string& what) {
-  std::fprintf(stderr, "tandor-load: %s: %s\n", what.c_str(), std::strerror(errno));
+  fmt::print(stderr, "tandor-load: {}: {}\n", what, std::generic_category().message(errno));
   std::exit(1);
 }
 

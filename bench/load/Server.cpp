@@ -59,7 +59,7 @@ class Server {
   [[nodiscard]] bool consumeHead(Peer& peer, std::string_view bytes);
   [[nodiscard]] bool begin(Peer& peer);
   [[nodiscard]] bool send(Peer& peer);
-  [[nodiscard]] bool endUpload(const Peer& peer) const;
+  [[nodiscard]] static bool endUpload(const Peer& peer);
 
   const Pattern pattern_;
   Counters& counters_;
@@ -213,7 +213,7 @@ bool Server::send(Peer& peer) {
   return peer.done < size;
 }
 
-bool Server::endUpload(const Peer& peer) const {
+bool Server::endUpload(const Peer& peer) {
   const std::uint64_t right = peer.isWrong ? 0 : peer.done;
   ::send(peer.socket.get(), &right, sizeof right, MSG_NOSIGNAL);
   return false;

@@ -79,6 +79,8 @@ class BareFlow final : public NEAppProxyTCPFlow {
 class BareBackend final : public PlatformBackend {
  public:
   BareBackend() : earlier_(install(this)) {}
+  BareBackend(const BareBackend&) = delete;
+  BareBackend& operator=(const BareBackend&) = delete;
   ~BareBackend() override { install(earlier_); }
   [[nodiscard]] std::shared_ptr<NWConnection> makeConnection(const NWEndpoint&,
                                                              const NWParameters&) override {
@@ -95,7 +97,7 @@ class BareBackend final : public PlatformBackend {
 /// Measures what `step` costs with each chunk, on the relay's own queue.
 void relay(benchmark::State& state,
            const std::function<void(BareFlow&, BareConnection&, Data)>& step) {
-  BareBackend backend;
+  const BareBackend backend;
   const auto flow = std::make_shared<BareFlow>();
   const auto connection = TandorProxyConnection::make(
       ConnectionMode::directly(std::nullopt), ConnectionNetwork::tcp(flow, flow->remoteEndpoint()));
