@@ -1,6 +1,7 @@
 """Measures tandor-provider beside its peers; scripts/bench builds and starts it."""
 
 import argparse
+import fcntl
 import json
 import os
 import resource
@@ -112,6 +113,17 @@ def say(text):
     print(text, file=sys.stderr)
 
 
+def alone():
+    """A file that is locked for as long as it is open: two runs at once would measure each other."""
+    lock = open(__file__)
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        say("== another run is on its way; waiting for its end")
+        fcntl.flock(lock, fcntl.LOCK_EX)
+    return lock
+
+
 def interrupted(*_):
     raise KeyboardInterrupt
 
@@ -124,6 +136,7 @@ def main():
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
+    lock = alone()
     results = {"machine": report.machine(), "time": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()),
                "rounds": options.rounds, "seconds": options.seconds, "cpus": str(options.placement),
                "not_measured": {}, "samples": {}}
@@ -135,6 +148,7 @@ def main():
         results["interrupted"] = True
     finally:
         lab.close()
+        lock.close()
     report.table(results, sys.stdout)
     if options.json:
         with open(options.json, "w") as file:
