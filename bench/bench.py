@@ -27,6 +27,8 @@ def parse(arguments):
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--cases", help=f"some of {','.join(names)}")
     parser.add_argument("--contestants", help=f"some of {','.join(contestants.NAMES)}")
+    parser.add_argument("--before", metavar="PROVIDER",
+                        help="another tandor-provider, to be measured beside ours")
     parser.add_argument("--idle", type=int, default=10_000, metavar="FLOWS",
                         help="so many are open where idle ones are, if the descriptors allow it")
     parser.add_argument("--rounds", type=int, default=5)
@@ -41,7 +43,8 @@ def parse(arguments):
         options.idle = min(options.idle, 2000)
         options.rounds, options.seconds = min(options.rounds, 2), min(options.seconds, 0.3)
     for option, known in (("cases", names), ("contestants", contestants.NAMES)):
-        chosen = (getattr(options, option) or ",".join(known)).split(",")
+        default = [name for name in known if options.before or name not in contestants.BEFORE]
+        chosen = (getattr(options, option) or ",".join(default)).split(",")
         for name in set(chosen) - set(known):
             parser.error(f"--{option}: there is no {name}")
         setattr(options, option, chosen)
@@ -140,7 +143,7 @@ def main():
     results = {"machine": report.machine(), "time": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()),
                "rounds": options.rounds, "seconds": options.seconds, "cpus": str(options.placement),
                "not_measured": {}, "samples": {}}
-    lab = Lab(options.build, options.placement, options.idle)
+    lab = Lab(options.build, options.placement, options.idle, options.before)
     try:
         run(options, lab, results)
     except KeyboardInterrupt:

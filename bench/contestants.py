@@ -64,12 +64,17 @@ class Tandor(Contestant):
     descriptors_a_flow = 2
     configuration = {"mode": "directlyWhiteList"}
 
+    def provider(self):
+        return self.lab.provider
+
     def start(self):
+        if not self.provider():
+            raise Failed("no other provider was given")
         cpus = ",".join(map(str, self.placement.relay))
         # The daemon of the end-to-end tests, which asks its laboratory for a folder and a namespace.
         surroundings = types.SimpleNamespace(folder=self.lab.folder, app=self.site.namespace)
         try:
-            self._daemon = Daemon(surroundings, ("taskset", "-c", cpus), self.lab.provider)
+            self._daemon = Daemon(surroundings, ("taskset", "-c", cpus), self.provider())
             self.lab.on_close(self._daemon.end)
             self.process = self._daemon.process
             self._daemon.start(apps=[self.client], debug="false", **self.configuration)
@@ -90,11 +95,26 @@ class TandorConnect(Tandor):
                      "proxyHostname": PROXY, "proxyPort": str(PROXY_PORT)}
 
 
+class Before(Tandor):
+    """Another build of ours, to compare with."""
+
+    name = "before"
+
+    def provider(self):
+        return self.lab.other_provider
+
+
+class BeforeConnect(TandorConnect):
+    name = "before-connect"
+    provider = Before.provider
+
+
 class TandorLeft(Contestant):
     """An application that is not on the list, beside one that is."""
 
     name = "tandor-left"
     mode = "left"
+    beside = Tandor.name
 
     def __init__(self, lab, placement, tandor):
         super().__init__(lab, placement, tandor.site)
@@ -103,6 +123,11 @@ class TandorLeft(Contestant):
 
     def pids(self):
         return self._tandor.pids()
+
+
+class BeforeLeft(TandorLeft):
+    name = "before-left"
+    beside = Before.name
 
 
 class Peer(Contestant):
@@ -293,9 +318,11 @@ class RedsocksSplice(Redsocks):
 
 
 #: In the order of the report.
-ALL = [Contestant, Tandor, HAProxy, HAProxySplice, Nginx, NoneConnect, TandorConnect, Redsocks,
-       RedsocksSplice, TandorLeft]
+ALL = [Contestant, Tandor, Before, HAProxy, HAProxySplice, Nginx, NoneConnect, TandorConnect,
+       BeforeConnect, Redsocks, RedsocksSplice, TandorLeft, BeforeLeft]
 NAMES = [kind.name for kind in ALL]
+#: Only to be had with another build.
+BEFORE = [kind.name for kind in (Before, BeforeConnect, BeforeLeft)]
 
 
 def descriptor_limit():
@@ -316,10 +343,10 @@ def start_all(lab, placement, names):
         if kind.name not in names or kind.most_cores < len(placement.relay):
             continue
         try:
-            if kind is TandorLeft:
-                if Tandor.name not in working:
-                    raise Failed("needs tandor")
-                contestant = kind(lab, placement, working[Tandor.name])
+            if issubclass(kind, TandorLeft):
+                if kind.beside not in working:
+                    raise Failed(f"needs {kind.beside}")
+                contestant = kind(lab, placement, working[kind.beside])
             else:
                 contestant = kind(lab, placement)
             contestant.start()

@@ -138,7 +138,7 @@ class Site:
 class Lab:
     _prefix = "tnd-bench-"
 
-    def __init__(self, build, placement, most_idle_flows):
+    def __init__(self, build, placement, most_idle_flows, other_provider=None):
         self.placement = placement
         self.most_idle_flows = most_idle_flows
         self._sweep()
@@ -148,6 +148,7 @@ class Lab:
         self._undo = [lambda: shutil.rmtree(self.folder)]
         atexit.register(self.close)
         self.provider = f"{build}/src/tandor-provider"
+        self.other_provider = other_provider
         # One program, two applications.
         self.client, self.other_client = f"{self.folder}/listed", f"{self.folder}/unlisted"
         for copy in (self.client, self.other_client):

@@ -10,9 +10,10 @@ import subprocess
 import cases
 import contestants
 
-COLUMNS = {"direct": ["none", "tandor", "haproxy", "haproxy-splice", "nginx"],
-           "left": ["none", "tandor-left"],
-           "connect": ["none-connect", "tandor-connect", "redsocks", "redsocks-splice"]}
+COLUMNS = {"direct": ["none", "tandor", "before", "haproxy", "haproxy-splice", "nginx"],
+           "left": ["none", "tandor-left", "before-left"],
+           "connect": ["none-connect", "tandor-connect", "before-connect", "redsocks",
+                       "redsocks-splice"]}
 TITLES = {"direct": "Directly", "connect": "Through an HTTP proxy",
           "left": "An application that is not taken"}
 #: Whose ratios to the others are shown.
