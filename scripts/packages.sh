@@ -39,7 +39,7 @@ needIdle() {
 
 buildPackages=(
   g++ cmake ninja-build pkg-config libasio-dev nlohmann-json3-dev libcli11-dev libfmt-dev
-  libnetfilter-queue-dev libmnl-dev libsystemd-dev
+  libnetfilter-queue-dev libmnl-dev libsystemd-dev libbpf-dev
 )
 testPackages=(libgtest-dev libssl-dev iproute2 iptables procps python3)
 clangPackages=(clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev git)

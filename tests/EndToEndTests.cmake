@@ -15,7 +15,8 @@ foreach(class
     relay.AwkwardEnds
     lifecycle.UnderLoad
     lifecycle.Surroundings
-    identity.Identity)
+    identity.Identity
+    identity.IdentityWithoutProbe)
   add_test(NAME e2e.${class}
     COMMAND ${Python3_EXECUTABLE} -m unittest -v test_${class}
     WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/e2e)

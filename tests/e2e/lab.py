@@ -455,6 +455,8 @@ class EndToEnd(unittest.TestCase):
     """A lab with a listed and an unlisted application and an idle daemon for all tests of a class.
     Whatever a test does, afterwards nothing of it is left in the system or in the daemon."""
 
+    #: What the daemon is started by.
+    wrapper = ()
     applications = ("listed", "unlisted")
 
     @classmethod
@@ -463,12 +465,11 @@ class EndToEnd(unittest.TestCase):
         cls.addClassCleanup(cls.lab.close)
         for name in cls.applications:
             setattr(cls, name, cls.lab.application(name))
-        cls.daemon = cls.lab.daemon()
+        cls.daemon = cls.lab.daemon(wrapper=cls.wrapper)
 
     def setUp(self):
         if self.daemon.process.poll() is not None:
-            type(self).daemon = self.lab.daemon()
-
+            type(self).daemon = self.lab.daemon(wrapper=self.wrapper)
         self.addCleanup(self.stop)
 
     def start(self, mode, **keys):

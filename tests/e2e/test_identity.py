@@ -11,6 +11,9 @@ WEB = (SERVER, 80)
 
 
 class Identity(EndToEnd):
+    #: Whether the kernel has a probe in place, if it can.
+    has_probe = os.path.exists("/sys/kernel/btf/vmlinux")
+
     def setUp(self):
         super().setUp()
         self.echo = self.closing(Echo(self.lab.net, WEB))
@@ -19,6 +22,14 @@ class Identity(EndToEnd):
     def worker(self, application):
         self.addCleanup(application.end)
         return application
+
+    def test_the_probe(self):
+        folder = f"/proc/{self.daemon.process.pid}/fdinfo"
+        held = []
+        for number in os.listdir(folder):
+            with open(f"{folder}/{number}") as file:
+                held.append(file.read())
+        self.assertEqual(any("raw_tracepoint" in text for text in held), self.has_probe)
 
     def test_a_process_that_becomes_another_program(self):
         process = self.worker(self.unlisted.twin())
@@ -74,7 +85,7 @@ class Identity(EndToEnd):
         shutil.copy(PROVIDER, folder)
         shutil.copy(self.listed.program, folder + "/tandor")
         self.stop()
-        daemon = self.lab.daemon(program=folder + "/tandor-provider")
+        daemon = self.lab.daemon(wrapper=self.wrapper, program=folder + "/tandor-provider")
         daemon.start("tunnelWhiteList", [])
         self.assertWay("eth0", self.unlisted, WEB)
         self.assertWay("native", self.worker(Application(self.lab, folder + "/tandor")), WEB)
@@ -93,7 +104,7 @@ class Identity(EndToEnd):
                 return file.read().split()
 
         entering = ("nsenter", "--target", eventually(inside)[0], "--pid", "--mount")
-        daemon = self.lab.daemon(wrapper=entering)
+        daemon = self.lab.daemon(wrapper=(*entering, *self.wrapper))
         self.addCleanup(daemon.call, "stopProxy")
         daemon.start("directlyWhiteList", [self.listed.program])
         number = None
@@ -105,3 +116,10 @@ class Identity(EndToEnd):
             self.assertEqual(process.pid, number)
             self.assertWay(way, process, WEB)
             process.process.communicate(timeout=PATIENCE)
+
+
+class IdentityWithoutProbe(Identity):
+    """Where the kernel lets nobody watch it, processes are searched for the socket."""
+
+    has_probe = False
+    wrapper = ("setpriv", "--bounding-set=-bpf,-perfmon,-sys_admin")

@@ -42,7 +42,7 @@ std::unexpected<std::string> failure(std::string_view what, int error) {
 
 std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
     EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-    std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry) {
+    std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, const ConnectProbe* probe) {
   auto diagnosis = SocketDiagnosis::make();
   if (!diagnosis)
     return failure("the kernel does not tell about sockets (inet_diag)", diagnosis.error());
@@ -66,6 +66,12 @@ std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
                    queue.error());
   }
   admission->queue_ = std::move(*queue);
+  if (probe != nullptr) {
+    if (auto link = probe->attach()) {
+      admission->probe_ = probe;
+      admission->probeLink_ = std::move(*link);
+    }
+  }
   return admission;
 }
 
@@ -77,6 +83,7 @@ Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider
       registry_(registry),
       diagnosis_(std::move(diagnosis)),
       socketsAtStart_(std::move(socketsAtStart)),
+      descriptorLimit_(descriptorLimit()),
       overdue_(loop, EpollLoop::Call::to<&Admission::checkOverdue>(this)) {
   settle(loop);
 }
@@ -84,6 +91,8 @@ Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider
 void Admission::end() {
   queue_ = nullptr;
   destroyWatch_ = nullptr;
+  probe_ = nullptr;
+  probeLink_.reset();
   held_.clear();
   overdue_.stop();
   abandonOverdue(EpollLoop::Clock::duration::zero());
@@ -111,12 +120,21 @@ void Admission::packetArrived(const PacketQueue::Packet& packet) {
     conclude(key, facts.value_or(SocketFacts{}), nullptr, {&packet, 1});
     return;
   }
-  if (const auto owner = owners_.findQuickly(facts->inode, facts->cgroup)) {
+  if (const auto owner = ownerOf(key, *facts)) {
     conclude(key, *facts, &*owner, {&packet, 1});
     return;
   }
   held_.emplace(key, Held{{packet}, *facts});
   searchOwners();
+}
+
+std::optional<SocketOwner> Admission::ownerOf(const FlowKey& key, const SocketFacts& facts) {
+  if (probe_ != nullptr && key.protocol == IPPROTO_TCP) {
+    if (const auto connector = probe_->take(facts.inode))
+      if (auto owner = owners_.identify(*connector)) return owner;
+    // A process that has ended may have left its socket to another one.
+  }
+  return owners_.findQuickly(facts.inode, facts.cgroup);
 }
 
 void Admission::searchOwners() {
@@ -199,7 +217,7 @@ std::uint32_t Admission::offerAs(const InterceptedFlow::Origin& origin, Handle h
 bool Admission::hasRoomForAnother() {
   const std::uint64_t needed =
       (registry_.existingCount() + 1) * descriptorsAFlow + reservedDescriptors;
-  if (needed <= descriptorLimit()) return true;
+  if (needed <= descriptorLimit_) return true;
   const auto now = EpollLoop::Clock::now();
   if (now - lastComplaint_ >= complaintInterval) {
     lastComplaint_ = now;

@@ -15,6 +15,7 @@
 #include "platform/linux/PacketQueue.h"
 #include "platform/linux/SocketDestroyWatch.h"
 #include "platform/linux/SocketDiagnosis.h"
+#include "platform/linux/application/ConnectProbe.h"
 #include "platform/linux/application/SocketOwners.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
 
@@ -27,10 +28,11 @@ class Admission final : public EpollLoop::Resident,
                         private PacketQueue::Owner,
                         private SocketDestroyWatch::Owner {
  public:
-  /// Everything given outlives the admission. Fails with the words for the user. On the loop.
+  /// Everything given outlives the admission; there may be no probe. Fails with the words for the
+  /// user. On the loop.
   [[nodiscard]] static std::expected<std::shared_ptr<Admission>, std::string> make(
       EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-      std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry);
+      std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, const ConnectProbe* probe);
 
   Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
             std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry,
@@ -51,6 +53,8 @@ class Admission final : public EpollLoop::Resident,
   void packetArrived(const PacketQueue::Packet& packet) override;
   void socketDestroyed(std::uint64_t cookie) override;
 
+  /// Absent when only a search everywhere can tell.
+  [[nodiscard]] std::optional<SocketOwner> ownerOf(const FlowKey& key, const SocketFacts& facts);
   void searchOwners();
   void ownersFound(const std::vector<ino_t>& searched, const SocketOwners::Places& places);
   void conclude(const FlowKey& key, const SocketFacts& facts, const SocketOwner* owner,
@@ -70,6 +74,8 @@ class Admission final : public EpollLoop::Resident,
   FlowRegistry& registry_;
   SocketDiagnosis diagnosis_;
   SocketOwners owners_;
+  const ConnectProbe* probe_ = nullptr;  // while it is attached
+  FileDescriptor probeLink_;
   std::unique_ptr<SocketDestroyWatch> destroyWatch_;
   std::unique_ptr<PacketQueue> queue_;
 
@@ -84,6 +90,7 @@ class Admission final : public EpollLoop::Resident,
   std::unordered_map<std::uint64_t, std::vector<FlowKey>> trackedFlows_;
   std::size_t trackedCount_ = 0;
 
+  const std::uint64_t descriptorLimit_;
   EpollLoop::Timer overdue_;
   EpollLoop::Clock::time_point lastComplaint_;
 };

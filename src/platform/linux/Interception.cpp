@@ -78,7 +78,7 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
   // have one owner only, and the rules of a process that lives are not ours to clear.
   std::unique_ptr<Interception> interception(
       new Interception(registry));  // NOLINT(*-owning-memory): the constructor is private
-  if (auto admitting = interception->admit(std::move(provider)); !admitting)
+  if (auto admitting = interception->admit(backend, std::move(provider)); !admitting)
     return std::unexpected(admitting.error());
   if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
   if (auto listening = interception->listen(backend); !listening)
@@ -105,12 +105,13 @@ std::expected<void, std::string> Interception::listen(LinuxBackend& backend) {
 }
 
 std::expected<void, std::string> Interception::admit(
-    std::shared_ptr<NETransparentProxyProvider> provider) {
+    LinuxBackend& backend, std::shared_ptr<NETransparentProxyProvider> provider) {
   auto loop = EpollLoop::make("tandor-admit");
   if (!loop) return std::unexpected(describe("cannot start", loop.error()));
   loop_ = std::move(*loop);
-  auto admission = runOn(
-      *loop_, [&] { return Admission::make(*loop_, std::move(provider), flows_, registry_); });
+  auto admission = runOn(*loop_, [&] {
+    return Admission::make(*loop_, std::move(provider), flows_, registry_, backend.connectProbe());
+  });
   if (!admission) return std::unexpected(admission.error());
   admission_ = std::move(*admission);
   return {};

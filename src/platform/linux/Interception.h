@@ -34,7 +34,7 @@ class Interception {
 
   [[nodiscard]] std::expected<void, std::string> listen(LinuxBackend& backend);
   [[nodiscard]] std::expected<void, std::string> admit(
-      std::shared_ptr<NETransparentProxyProvider> provider);
+      LinuxBackend& backend, std::shared_ptr<NETransparentProxyProvider> provider);
   void endFlows() const;
 
   FlowRegistry& registry_;

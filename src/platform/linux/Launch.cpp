@@ -12,6 +12,7 @@
 #include "platform/linux/LinuxBackend.h"
 #include "platform/linux/Privileges.h"
 #include "platform/linux/Session.h"
+#include "platform/linux/application/ConnectProbe.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
 
 namespace tandor {
@@ -44,6 +45,7 @@ void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> argum
   }
 
   raiseDescriptorLimit();
+  auto probe = ConnectProbe::load();
   // A capability belongs to a thread: this is the time, while there is one.
   dropPrivileges();
   if (cleansUp) {
@@ -52,6 +54,7 @@ void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> argum
   }
   auto backend = LinuxBackend::make();
   if (!backend) giveUp("cannot start: " + std::generic_category().message(backend.error()));
+  if (probe) (*backend)->setConnectProbe(std::move(*probe));
   auto socket = openControlSocket(controlPath);
   if (!socket) giveUp(socket.error());
 

@@ -4,12 +4,14 @@
 #include <cstddef>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/Backend.h"
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/Resolver.h"
 #include "platform/linux/ServiceThread.h"
+#include "platform/linux/application/ConnectProbe.h"
 
 namespace tandor {
 
@@ -33,6 +35,12 @@ class LinuxBackend final : public PlatformBackend {
   [[nodiscard]] EpollLoop& nextLoop() noexcept;
   [[nodiscard]] ServiceThread& service() noexcept { return service_; }
 
+  /// The probe that tells who connects; null where the kernel has none for us.
+  void setConnectProbe(ConnectProbe probe) { connectProbe_ = std::move(probe); }
+  [[nodiscard]] const ConnectProbe* connectProbe() const noexcept {
+    return connectProbe_ ? &*connectProbe_ : nullptr;
+  }
+
  private:
   LinuxBackend() = default;
 
@@ -40,6 +48,7 @@ class LinuxBackend final : public PlatformBackend {
   Resolver resolver_;
   std::vector<std::unique_ptr<EpollLoop>> loops_;
   std::atomic<std::size_t> turn_{0};
+  std::optional<ConnectProbe> connectProbe_;
 };
 
 }  // namespace tandor

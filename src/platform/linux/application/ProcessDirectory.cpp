@@ -1,16 +1,16 @@
 #include "platform/linux/application/ProcessDirectory.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
 #include <memory>
 #include <string_view>
+#include <unistd.h>
 #include <utility>
+
+#include <climits>
 
 namespace tandor {
 namespace {
@@ -42,11 +42,10 @@ std::vector<int> numberedEntries(FileDescriptor directory) {
 }  // namespace
 
 std::optional<ProcessDirectory> ProcessDirectory::open(pid_t pid) {
-  FileDescriptor directory(::open(("/proc/" + std::to_string(pid)).c_str(),
-                                  O_PATH | O_DIRECTORY | O_CLOEXEC));
+  FileDescriptor directory(
+      ::open(("/proc/" + std::to_string(pid)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory.isOpen()) return std::nullopt;
-  FileDescriptor descriptors(
-      ::openat(directory.get(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  FileDescriptor descriptors(::openat(directory.get(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!descriptors.isOpen()) return std::nullopt;
   return ProcessDirectory(pid, std::move(directory), std::move(descriptors));
 }
@@ -59,6 +58,19 @@ std::optional<std::string> ProcessDirectory::executable() const {
   constexpr std::string_view replaced = " (deleted)";
   if (path.ends_with(replaced)) path.remove_suffix(replaced.size());
   return std::string(path);
+}
+
+std::optional<std::uint64_t> ProcessDirectory::startTime() const {
+  const FileDescriptor file(::openat(directory_.get(), "stat", O_RDONLY | O_CLOEXEC));
+  std::array<char, 1024> content;
+  const ssize_t length = file.isOpen() ? ::read(file.get(), content.data(), content.size()) : -1;
+  if (length <= 0) return std::nullopt;
+  std::string_view rest(content.data(), static_cast<std::size_t>(length));
+  // NUMBER (NAME) STATE ...: the name may hold anything, the start is the 20th field behind it.
+  rest.remove_prefix(std::min(rest.rfind(')'), rest.size()));
+  for (int field = 0; field < 20; ++field)
+    rest.remove_prefix(std::min(rest.find(' '), rest.size() - 1) + 1);
+  return parseNumber<std::uint64_t>(rest.substr(0, rest.find(' ')));
 }
 
 std::optional<std::string> ProcessDirectory::readFileInside(const std::string& path) const {
@@ -90,8 +102,8 @@ std::optional<ino_t> ProcessDirectory::socketInode(int number) const {
 
 std::vector<int> ProcessDirectory::descriptors() const {
   // A new open file description: reading a shared one would move its position for good.
-  return numberedEntries(FileDescriptor(
-      ::openat(directory_.get(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  return numberedEntries(
+      FileDescriptor(::openat(directory_.get(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
 }
 
 std::vector<pid_t> runningProcesses() {

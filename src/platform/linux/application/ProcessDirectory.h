@@ -1,18 +1,19 @@
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "platform/linux/FileDescriptor.h"
 
 namespace tandor {
 
-/// An open directory of one process under /proc. It stays with that very process: when it has ended,
-/// every question fails, even if another process got the same number. Used by one thread at a time.
+/// An open directory of one process under /proc. It stays with that very process: when it has
+/// ended, every question fails, even if another process got the same number. Used by one thread at
+/// a time.
 class ProcessDirectory {
  public:
   /// Absent when there is no such process, or it may not be looked into.
@@ -23,6 +24,10 @@ class ProcessDirectory {
   /// The executable's path with links resolved, as the process sees it; without the suffix that the
   /// kernel appends after an upgrade has replaced the file. Absent when the process has ended.
   [[nodiscard]] std::optional<std::string> executable() const;
+
+  /// When the process was started, in ticks of the system's clock since the machine's start. Absent
+  /// when it has ended.
+  [[nodiscard]] std::optional<std::uint64_t> startTime() const;
 
   /// What the process sees at an absolute path, whole; absent when it cannot be read.
   [[nodiscard]] std::optional<std::string> readFileInside(const std::string& path) const;

@@ -1,11 +1,10 @@
 #include "platform/linux/application/SocketOwners.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <ranges>
 #include <sstream>
@@ -82,6 +81,7 @@ std::optional<SocketOwner> SocketOwners::findAmongRecent(ino_t inode, Budget& bu
     const ProcessDirectory& process = recent->directory;
     for (const int descriptor : recent->descriptors | std::views::reverse)
       if (budget.holds(process, descriptor, inode)) return found(recent, descriptor);
+    if (recent->descriptors.empty()) continue;
     const int highest = std::ranges::max(recent->descriptors);
     for (int next = highest + 1; next <= highest + nextDescriptors; ++next)
       if (budget.holds(process, next, inode)) return found(recent, next);
@@ -111,14 +111,53 @@ std::optional<SocketOwner> SocketOwners::confirm(Place place, ino_t inode) {
   if (known == recents_.end()) {
     auto directory = ProcessDirectory::open(place.pid);
     if (!directory || directory->socketInode(place.descriptor) != inode) return std::nullopt;
-    recents_.push_front({std::move(*directory), {}, nullptr, {}});
-    if (recents_.size() > mostRecents) recents_.pop_back();
-    known = recents_.begin();
+    known = remember(std::move(*directory));
   }
   return found(known, place.descriptor);
 }
 
+std::optional<SocketOwner> SocketOwners::identify(const ConnectProbe::Connector& connector) {
+  static const auto nanosecondsATick =
+      std::uint64_t{1'000'000'000} / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+  const auto isMeant = [&](Recent& recent) {
+    if (recent.directory.pid() != connector.pid) return false;
+    if (!recent.startTime) recent.startTime = recent.directory.startTime();
+    return recent.startTime == connector.startTime / nanosecondsATick;
+  };
+  auto recent = std::ranges::find_if(recents_, isMeant);
+  if (recent == recents_.end()) {
+    auto directory = ProcessDirectory::open(connector.pid);
+    if (!directory) return std::nullopt;
+    recent = remember(std::move(*directory));
+    if (!isMeant(*recent)) {
+      recents_.erase(recent);
+      return std::nullopt;
+    }
+  } else if (recent->program == connector.program) {
+    return SocketOwner{connector.pid, recent->identifier};
+  }
+  auto owner = identify(recent);
+  if (owner) recent->program = connector.program;
+  return owner;
+}
+
+SocketOwners::Recents::iterator SocketOwners::remember(ProcessDirectory directory) {
+  recents_.push_front({std::move(directory), {}, nullptr, {}, {}, {}});
+  if (recents_.size() > mostRecents) recents_.pop_back();
+  return recents_.begin();
+}
+
 std::optional<SocketOwner> SocketOwners::found(Recents::iterator recent, int descriptor) {
+  const auto owner = identify(recent);
+  if (!owner) return std::nullopt;
+  auto& descriptors = recent->descriptors;
+  std::erase(descriptors, descriptor);
+  if (descriptors.size() >= mostDescriptors) descriptors.erase(descriptors.begin());
+  descriptors.push_back(descriptor);
+  return owner;
+}
+
+std::optional<SocketOwner> SocketOwners::identify(Recents::iterator recent) {
   auto executable = recent->directory.executable();
   if (!executable || recent->identifier == nullptr || *executable != recent->executable) {
     auto identifier = applicationIdentifier(recent->directory);
@@ -129,10 +168,6 @@ std::optional<SocketOwner> SocketOwners::found(Recents::iterator recent, int des
     recent->executable = std::move(*executable);
     recent->identifier = std::make_shared<const std::string>(std::move(*identifier));
   }
-  auto& descriptors = recent->descriptors;
-  std::erase(descriptors, descriptor);
-  if (descriptors.size() >= mostDescriptors) descriptors.erase(descriptors.begin());
-  descriptors.push_back(descriptor);
   recents_.splice(recents_.begin(), recents_, recent);
   return SocketOwner{recent->directory.pid(), recent->identifier};
 }

@@ -1,17 +1,17 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <unordered_map>
 #include <vector>
 
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/application/ConnectProbe.h"
 #include "platform/linux/application/ProcessDirectory.h"
 
 namespace tandor {
@@ -23,8 +23,8 @@ struct SocketOwner {
 };
 
 /// Finds the process behind a socket. Every answer is verified at the moment it is given: the
-/// process holds the socket, and its executable is read anew, so neither a reused process number nor
-/// a program that replaced itself borrows another's identity. Used by one thread.
+/// process holds the socket, and its executable is read anew, so neither a reused process number
+/// nor a program that replaced itself borrows another's identity. Used by one thread.
 class SocketOwners {
  public:
   /// Where a socket is held.
@@ -34,6 +34,9 @@ class SocketOwners {
   };
 
   SocketOwners();
+
+  /// The process that the probe has noted, if it still is there.
+  [[nodiscard]] std::optional<SocketOwner> identify(const ConnectProbe::Connector& connector);
 
   /// Looks where sockets were found lately, at the newest processes, and at those of the socket's
   /// cgroup (its number in the unified hierarchy, 0 for unknown). Takes microseconds. Absent when a
@@ -54,7 +57,9 @@ class SocketOwners {
     ProcessDirectory directory;
     std::string executable;
     std::shared_ptr<const std::string> identifier;
-    std::vector<int> descriptors;  // where its sockets were, latest last
+    std::vector<int> descriptors;            // where its sockets were, latest last
+    std::optional<std::uint64_t> startTime;  // in ticks
+    std::optional<std::uint64_t> program;    // what the executable was read for
   };
   using Recents = std::list<Recent>;
 
@@ -65,6 +70,9 @@ class SocketOwners {
   [[nodiscard]] std::optional<SocketOwner> findAmong(const std::vector<pid_t>& candidates,
                                                      ino_t inode, Budget& budget);
   [[nodiscard]] std::optional<SocketOwner> found(Recents::iterator recent, int descriptor);
+  /// Reads what the process runs now. Forgets a process that has ended.
+  [[nodiscard]] std::optional<SocketOwner> identify(Recents::iterator recent);
+  [[nodiscard]] Recents::iterator remember(ProcessDirectory directory);
   [[nodiscard]] std::vector<pid_t> processesOfCgroup(std::uint64_t cgroup) const;
 
   FileDescriptor cgroupRoot_;  // of the unified hierarchy; closed where there is none
