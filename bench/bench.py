@@ -83,7 +83,7 @@ def measure_all(lab, case, working, options, results):
             try:
                 sample = measure(lab, case, contestant, options.seconds,
                                  0 if options.quick else REPETITIONS)
-            except (Failed, AssertionError) as error:
+            except (Failed, AssertionError, OSError) as error:
                 sample = {"failed": str(error)}
                 say(f"   {contestant.name}: {error}")
             samples.setdefault(contestant.name, []).append(sample)

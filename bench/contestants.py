@@ -148,7 +148,12 @@ class Peer(Contestant):
 
     def restart(self):
         end(self.process)
+        eventually(lambda: not self.listens(), f"{self.name} is gone")
         self.launch()
+
+    def listens(self):
+        return f":{RELAY_PORT:04X} 00000000:0000 0A" in \
+            self.site.namespace.read("/proc/thread-self/net/tcp")
 
     def run(self, *words, **options):
         """Starts a program in its namespace, until the end of the benchmark, and awaits its
@@ -160,13 +165,12 @@ class Peer(Contestant):
         self.process = process
         self.lab.on_close(lambda: end(process))
 
-        def listens():
+        def is_ready():
             if process.poll() is not None:
                 with open(path) as log:
                     raise Failed(f"{words[0]} ends: {log.read().strip()[-300:]}")
-            return f":{RELAY_PORT:04X} 00000000:0000 0A" in \
-                self.site.namespace.read("/proc/thread-self/net/tcp")
-        eventually(listens, f"{words[0]} listens")
+            return self.listens()
+        eventually(is_ready, f"{words[0]} listens")
 
     @property
     def stem(self):
@@ -353,6 +357,6 @@ def start_all(lab, placement, names):
             lab.set(contestant.site.namespace)
             contestant.check()
             working[kind.name] = contestant
-        except (Failed, AssertionError) as error:
+        except (Failed, AssertionError, OSError) as error:
             failed[kind.name] = str(error)
     return working, failed
