@@ -71,6 +71,7 @@ SocketTCPFlow::SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaD
                       nullptr),
       remoteEndpoint_(std::move(remoteEndpoint)),
       unopened_(std::move(socket)) {
+  StreamSocket::prepare(unopened_);
   settle(loop);
   stream_.emplace(loop, static_cast<StreamSocket::Owner&>(*this));
 }
@@ -128,8 +129,7 @@ void SocketTCPFlow::adoptSocket() {
 }
 
 void SocketTCPFlow::refuse() {
-  // The application sees its connection reset.
-  if (stream_->adopt(std::move(unopened_)) == 0) stream_->reset();
+  unopened_.reset();  // the application sees its connection reset
 }
 
 void SocketTCPFlow::readData(ReadCompletion completion) {

@@ -31,13 +31,6 @@ constexpr std::size_t bulk = std::size_t{32} * 1024;
 constexpr std::size_t slicesThatMayWait = 4;
 constexpr std::size_t smallSlice = BufferPool::bufferSize / 4;
 
-/// The kernel would take a byte that is marked urgent out of the stream, and nobody would pass it
-/// on.
-void keepUrgentBytes(const FileDescriptor& socket) {
-  const int on = 1;
-  ::setsockopt(socket.get(), SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
-}
-
 }  // namespace
 
 void setResetOnClose(const FileDescriptor& socket, bool isReset) noexcept {
@@ -67,9 +60,15 @@ StreamSocket::~StreamSocket() {
   close();
 }
 
-int StreamSocket::adopt(FileDescriptor socket) {
-  keepUrgentBytes(socket);
+void StreamSocket::prepare(const FileDescriptor& socket) noexcept {
   setResetOnClose(socket, true);
+  // The kernel would take a byte that is marked urgent out of the stream, and nobody would pass it
+  // on.
+  const int on = 1;
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
+}
+
+int StreamSocket::adopt(FileDescriptor socket) {
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);
   phase_ = Phase::open;
@@ -79,8 +78,7 @@ int StreamSocket::adopt(FileDescriptor socket) {
 }
 
 int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, socklen_t length) {
-  keepUrgentBytes(socket);
-  setResetOnClose(socket, true);
+  prepare(socket);
   if (::connect(socket.get(), &address, length) != 0 && errno != EINPROGRESS) return errno;
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);

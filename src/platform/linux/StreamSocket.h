@@ -54,7 +54,9 @@ class StreamSocket final : private EpollLoop::Source {
   StreamSocket& operator=(const StreamSocket&) = delete;
   ~StreamSocket();
 
-  /// Takes a connected, non-blocking socket. Returns an error number.
+  /// Sets what every socket of a stream must have; sockets that a listener accepts inherit it.
+  static void prepare(const FileDescriptor& socket) noexcept;
+  /// Takes a prepared, connected, non-blocking socket. Returns an error number.
   [[nodiscard]] int adopt(FileDescriptor socket);
   /// Takes a non-blocking socket and connects it; streamDidConnect answers unless an error number
   /// is returned.

@@ -74,7 +74,8 @@ std::expected<std::shared_ptr<TransparentListener>, int> TransparentListener::ma
   auto udp = makeTransparent(SOCK_DGRAM, local, SO_REUSEPORT);
   if (!udp) return std::unexpected(udp.error());
   makeRoomForBursts(*udp, roomForHeld);
-  // Accepted connections inherit this.
+  // Accepted connections inherit all this.
+  StreamSocket::prepare(*tcp);
   if (!setOption(*tcp, IPPROTO_TCP, TCP_NODELAY) || ::listen(tcp->get(), SOMAXCONN) != 0 ||
       !setOption(*udp, SOL_IP, IP_RECVORIGDSTADDR))
     return std::unexpected(errno);
@@ -131,11 +132,8 @@ void TransparentListener::accept() {
     const FlowKey key{.protocol = IPPROTO_TCP,
                       .source = IPv4Endpoint::of(peer),
                       .destination = IPv4Endpoint::of(local)};
-    if (const auto flow = flows_->claim(key)) {
-      flow->attach(*residence(), std::move(socket));
-    } else {
-      setResetOnClose(socket, true);
-    }
+    // What nobody has announced is reset.
+    if (const auto flow = flows_->claim(key)) flow->attach(*residence(), std::move(socket));
   }
 }
 
