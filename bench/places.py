@@ -16,6 +16,8 @@ import os
 import re
 import shutil
 import signal
+import socket
+import struct
 import subprocess
 import sys
 import time
@@ -155,6 +157,7 @@ class Lab:
             shutil.copy(f"{build}/bench/tandor-load", copy)
         self.counters = f"{self.folder}/counters"
         self._sites = 0
+        self._namespaces = []
         self.network = self.namespace("net")
         self.network.ip("link set lo up\n" + "".join(
             f"address add {address}/32 dev lo\n" for address in (*DESTINATIONS, PROXY)))
@@ -172,6 +175,7 @@ class Lab:
 
     def namespace(self, name):
         namespace = Namespace(f"{self._stem}-{name}")
+        self._namespaces.append(namespace)
         self._undo.append(namespace.remove)
         return namespace
 
@@ -186,6 +190,15 @@ class Lab:
     def site(self, name):
         self._sites += 1
         return Site(self, name, self._sites)
+
+    def forget_tracked(self):
+        """Makes the namespaces' connection tracking forget at once what is over."""
+        netlink_netfilter, delete, request, length = 12, 1 << 8 | 2, 1, 20
+        for namespace in self._namespaces:
+            with namespace:
+                netlink = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, netlink_netfilter)
+            with netlink:
+                netlink.send(struct.pack("=IHHIIBBH", length, delete, request, 1, 0, 0, 0, 0))
 
     def on_close(self, action):
         self._undo.append(action)

@@ -279,9 +279,11 @@ std::string runIdle(const ClientOptions& options) {
   for (const auto& flow : flows) {
     pollfd event{.fd = flow->socket(), .events = POLLIN, .revents = 0};
     char byte = 0;
-    if (::poll(&event, 1, 1000) != 1 || Clock::now() > deadline ||
-        ::recv(flow->socket(), &byte, 1, MSG_DONTWAIT) != 1)
-      fail("an idle flow is not open");
+    errno = ETIMEDOUT;
+    if (::poll(&event, 1, 1000) != 1 || Clock::now() > deadline) fail("an idle flow stays silent");
+    const ssize_t count = ::recv(flow->socket(), &byte, 1, MSG_DONTWAIT);
+    if (count == 0) errno = ECONNRESET;
+    if (count != 1) fail("an idle flow is not open");
   }
   fmt::print("{{\"open\":{}}}\n", flows.size());
   std::fflush(stdout);
