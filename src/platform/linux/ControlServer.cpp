@@ -212,11 +212,17 @@ void ControlServer::Reply::fail(std::int64_t code, std::string_view description)
   send({{"error", {{"code", code}, {"description", description}}}});
 }
 
-void ControlServer::Reply::push(const json& line) const { client_->write(replyLine(line)); }
+void ControlServer::Reply::push(const json& line) const {
+  client_->write(replyLine(line));
+}
 
-bool ControlServer::Reply::isConnected() const { return client_->isConnected(); }
+bool ControlServer::Reply::isConnected() const {
+  return client_->isConnected();
+}
 
-std::size_t ControlServer::Reply::unsentBytes() const { return client_->unsentBytes(); }
+std::size_t ControlServer::Reply::unsentBytes() const {
+  return client_->unsentBytes();
+}
 
 void ControlServer::Reply::send(json reply) const {
   reply["id"] = json::parse(id_);

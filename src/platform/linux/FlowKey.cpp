@@ -17,6 +17,8 @@ std::string IPv4Endpoint::host() const {
                      address & 0xFF);
 }
 
-std::string IPv4Endpoint::description() const { return fmt::format("{}:{}", host(), port); }
+std::string IPv4Endpoint::description() const {
+  return fmt::format("{}:{}", host(), port);
+}
 
 }  // namespace tandor

@@ -1,15 +1,15 @@
 #include "platform/linux/FlowWatch.h"
 
-#include <fmt/chrono.h>
-#include <fmt/format.h>
-#include <netinet/in.h>
-
 #include <array>
-#include <asio/post.hpp>
 #include <chrono>
-#include <nlohmann/json.hpp>
+#include <netinet/in.h>
 #include <string_view>
 #include <utility>
+
+#include <asio/post.hpp>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace tandor {
 
@@ -22,7 +22,9 @@ constexpr std::size_t mostHappenings = 4096;
 /// Bytes that a client may leave unread before it loses events.
 constexpr std::size_t mostUnread = std::size_t{1} << 20;
 
-json textOrNull(const std::string& text) { return text.empty() ? json() : json(text); }
+json textOrNull(const std::string& text) {
+  return text.empty() ? json() : json(text);
+}
 
 }  // namespace
 
@@ -44,9 +46,8 @@ json flowJSON(const FlowInfo& flow) {
 void FlowWatch::add(ControlServer::Reply client) {
   watchers_.push_back({std::move(client), 0});
   if (watchers_.size() == 1) {
-    registry_.setObserver([this](FlowRegistry::Event event, const FlowInfo& flow) {
-      happened(event, flow);
-    });
+    registry_.setObserver(
+        [this](FlowRegistry::Event event, const FlowInfo& flow) { happened(event, flow); });
   }
 }
 

@@ -1,8 +1,8 @@
 #include "platform/linux/InterceptedFlow.h"
 
-#include <fmt/format.h>
-
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "platform/linux/FlowRegistry.h"
 

@@ -1,15 +1,15 @@
 #include "platform/linux/PacketQueue.h"
 
-#include <libmnl/libmnl.h>
-#include <libnetfilter_queue/libnetfilter_queue.h>
+#include <cerrno>
+#include <cstring>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nfnetlink_queue.h>
 #include <netinet/ip.h>
 #include <sys/socket.h>
-
-#include <cerrno>
-#include <cstring>
 #include <utility>
+
+#include <libmnl/libmnl.h>
+#include <libnetfilter_queue/libnetfilter_queue.h>
 
 #include "platform/linux/Marks.h"
 
@@ -20,7 +20,8 @@ constexpr std::uint32_t copiedBytes = 96;  // the longest IPv4 header with the p
 constexpr std::uint32_t queueLength = 4096;
 constexpr int receiveBuffer = 4 * 1024 * 1024;
 
-/// The flow that an IPv4 packet belongs to, from its first bytes; protocol 0 when it is none of ours.
+/// The flow that an IPv4 packet belongs to, from its first bytes; protocol 0 when it is none of
+/// ours.
 FlowKey flowOf(std::span<const std::byte> bytes) noexcept {
   constexpr std::size_t shortestHeader = 20;
   constexpr std::size_t portBytes = 4;
@@ -96,7 +97,9 @@ PacketQueue::PacketQueue(EpollLoop& loop, Socket socket, std::uint16_t number, O
       number_(number),
       messages_(batchSize) {}
 
-PacketQueue::~PacketQueue() { loop_.remove(::mnl_socket_get_fd(socket_.get()), *this); }
+PacketQueue::~PacketQueue() {
+  loop_.remove(::mnl_socket_get_fd(socket_.get()), *this);
+}
 
 void PacketQueue::ready(std::uint32_t events) {
   if ((events & EPOLLIN) != 0) receive();
@@ -133,8 +136,8 @@ void PacketQueue::handle(const nlmsghdr& message) {
                ? 0
                : ntohl(::mnl_attr_get_u32(attributes[static_cast<std::size_t>(type)]));
   };
-  const auto* header = static_cast<const nfqnl_msg_packet_hdr*>(
-      ::mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
+  const auto* header =
+      static_cast<const nfqnl_msg_packet_hdr*>(::mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
   Packet packet{.id = ntohl(header->packet_id),
                 .mark = number(NFQA_MARK),
                 .interface = number(NFQA_IFINDEX_OUTDEV),

@@ -1,13 +1,13 @@
 #include "platform/linux/PacketRules.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <string_view>
 #include <system_error>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "platform/linux/Marks.h"
 #include "platform/linux/Subprocess.h"
@@ -64,8 +64,8 @@ std::expected<SubprocessResult, std::string> run(const std::vector<std::string>&
   auto result = runProgram(arguments, input);
   if (!result) {
     if (result.error() == ENOENT) {
-      return std::unexpected(fmt::format(
-          "{} is not installed; install the package iptables", arguments.front()));
+      return std::unexpected(
+          fmt::format("{} is not installed; install the package iptables", arguments.front()));
     }
     return std::unexpected(fmt::format("cannot run {}: {}", arguments.front(),
                                        std::generic_category().message(result.error())));

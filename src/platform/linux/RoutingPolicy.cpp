@@ -1,10 +1,9 @@
 #include "platform/linux/RoutingPolicy.h"
 
-#include <linux/fib_rules.h>
-#include <linux/rtnetlink.h>
-
 #include <cerrno>
 #include <cstdint>
+#include <linux/fib_rules.h>
+#include <linux/rtnetlink.h>
 
 #include "platform/linux/Marks.h"
 #include "platform/linux/NetlinkRequest.h"

@@ -160,7 +160,8 @@ void Session::handle(const std::string& call, const json& request,
     replyFlows(reply);
   } else if (call == "watch") {
     if (request.value("flows", json(false)) != json(true)) {
-      reply.fail(ControlError::badArgument, "\"flows\" is not true; there is nothing else to watch");
+      reply.fail(ControlError::badArgument,
+                 "\"flows\" is not true; there is nothing else to watch");
       return;
     }
     reply.succeed();

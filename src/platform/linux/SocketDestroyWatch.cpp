@@ -1,12 +1,12 @@
 #include "platform/linux/SocketDestroyWatch.h"
 
-#include <libmnl/libmnl.h>
+#include <array>
+#include <cerrno>
 #include <linux/inet_diag.h>
 #include <linux/sock_diag.h>
 #include <sys/socket.h>
 
-#include <array>
-#include <cerrno>
+#include <libmnl/libmnl.h>
 
 namespace tandor {
 
@@ -33,7 +33,9 @@ std::expected<std::unique_ptr<SocketDestroyWatch>, int> SocketDestroyWatch::make
   return watch;
 }
 
-SocketDestroyWatch::~SocketDestroyWatch() { loop_.remove(socket_.get(), *this); }
+SocketDestroyWatch::~SocketDestroyWatch() {
+  loop_.remove(socket_.get(), *this);
+}
 
 void SocketDestroyWatch::ready(std::uint32_t /*events*/) {
   alignas(nlmsghdr) std::array<char, 8192> buffer;

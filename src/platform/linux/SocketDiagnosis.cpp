@@ -1,13 +1,13 @@
 #include "platform/linux/SocketDiagnosis.h"
 
-#include <libmnl/libmnl.h>
+#include <array>
+#include <cerrno>
 #include <linux/inet_diag.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
-
-#include <array>
-#include <cerrno>
 #include <utility>
+
+#include <libmnl/libmnl.h>
 
 #include "platform/linux/NetlinkDump.h"
 
@@ -61,11 +61,10 @@ std::optional<SocketFacts> SocketDiagnosis::find(const FlowKey& flow, std::uint3
     if (header.nlmsg_seq != sequence_) continue;  // an answer that an error made us give up
     if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY) return std::nullopt;
     const auto& message = *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(&header));
-    SocketFacts facts{
-        .inode = message.idiag_inode,
-        .cookie = cookieOf(message),
-        .cgroup = 0,
-        .interface = message.id.idiag_if};
+    SocketFacts facts{.inode = message.idiag_inode,
+                      .cookie = cookieOf(message),
+                      .cgroup = 0,
+                      .interface = message.id.idiag_if};
     forEachAttribute(header, sizeof message, [&](const nlattr& attribute) {
       if (::mnl_attr_get_type(&attribute) == INET_DIAG_CGROUP_ID)
         facts.cgroup = ::mnl_attr_get_u64(&attribute);
@@ -81,12 +80,11 @@ std::expected<std::unordered_set<std::uint64_t>, int> SocketDiagnosis::udpSocket
     all.sdiag_family = family;
     all.sdiag_protocol = IPPROTO_UDP;
     all.idiag_states = ~0U;
-    auto dumped = dumpNetlink(
-        NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY, std::as_bytes(std::span(&all, 1)),
-        [&](const nlmsghdr& message) {
-          cookies.insert(cookieOf(
-              *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(&message))));
-        });
+    auto dumped = dumpNetlink(NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY,
+                              std::as_bytes(std::span(&all, 1)), [&](const nlmsghdr& message) {
+                                cookies.insert(cookieOf(*static_cast<const inet_diag_msg*>(
+                                    ::mnl_nlmsg_get_payload(&message))));
+                              });
     if (!dumped && dumped.error() != ENOENT) return std::unexpected(dumped.error());
   }
   return cookies;

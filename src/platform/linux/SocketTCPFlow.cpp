@@ -60,8 +60,8 @@ class SocketTCPFlow::FirstFlight {
 
 SocketTCPFlow::SocketTCPFlow(Origin origin, FlowRegistry& registry)
     : InterceptedFlow(std::move(origin), &registry),
-      remoteEndpoint_(NWHostEndpoint{key().destination.host(),
-                                     std::to_string(key().destination.port)}) {}
+      remoteEndpoint_(
+          NWHostEndpoint{key().destination.host(), std::to_string(key().destination.port)}) {}
 
 SocketTCPFlow::SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
                              NWFlowEndpoint remoteEndpoint)

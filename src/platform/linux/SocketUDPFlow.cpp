@@ -61,7 +61,9 @@ void SocketUDPFlow::abandon() {
     completion(NSError::posix(ECONNABORTED));
 }
 
-void SocketUDPFlow::inject(Data datagram) { socket_->inject(std::move(datagram)); }
+void SocketUDPFlow::inject(Data datagram) {
+  socket_->inject(std::move(datagram));
+}
 
 void SocketUDPFlow::end() {
   onLoop([this] { socket_->endAfterInput(); });

@@ -1,15 +1,14 @@
 #include "platform/linux/Subprocess.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
 #include <string_view>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "platform/linux/FileDescriptor.h"
 
