@@ -134,6 +134,7 @@ void TandorProxyConnection::receiveFailed(bool isComplete, const std::optional<N
 
 void TandorProxyConnection::writeFlowData(std::unique_ptr<Download> download, Data data) {
   const ConnectionNetwork& network = download->self->network_;
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the function owns what it captures
   auto completion = [download = std::move(download)](std::optional<NSError> error) mutable {
     DispatchQueue& queue = *download->self->nwQueue_;
     queue.carry([download = std::move(download), error = std::move(error)]() mutable {

@@ -26,7 +26,7 @@ constexpr milliseconds toolLimit{5'000};
 [[noreturn]] void becomeProgram(const std::vector<char*>& arguments, ChildProcess::Streams streams,
                                 pid_t parent, int errorPipe) {
   const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  ::dup2(nowhere, STDIN_FILENO);
+  if (nowhere >= 0) ::dup2(nowhere, STDIN_FILENO);
   // Through high numbers, so that neither stream overwrites the other's source.
   const int output = ::fcntl(streams.output < 0 ? nowhere : streams.output, F_DUPFD_CLOEXEC, 3);
   const int errors = ::fcntl(streams.errors < 0 ? nowhere : streams.errors, F_DUPFD_CLOEXEC, 3);
