@@ -13,12 +13,12 @@ ConnectionMode TandorTransparentProxyProvider::connectionMode() const {
 void TandorTransparentProxyProvider::handleTCPFlow(
     const std::shared_ptr<NEAppProxyTCPFlow>& tcpFlow, const NWHostEndpoint& endPoint,
     SwitchOffs switchOffsBefore) {
-  tcpFlow->open(std::nullopt, [weakSelf = weakSelf(), tcpFlow, endPoint,
+  tcpFlow->open(std::nullopt, [weakSelf = weakSelf(), flow = tcpFlow, endPoint,
                                switchOffsBefore](const std::optional<NSError>& error) mutable {
     if (error) {
       log("tcp flow open failed:", *error);
     } else if (const auto self = weakSelf.lock()) {
-      self->startTandorProxyConnectionWith(std::move(tcpFlow), endPoint, switchOffsBefore);
+      self->startTandorProxyConnectionWith(std::move(flow), endPoint, switchOffsBefore);
     }
   });
 }
@@ -32,11 +32,11 @@ void TandorTransparentProxyProvider::handleUDPFlow(
     udpFlow->closeReadWithError(refusal);
     return;
   }
-  udpFlow->open(std::nullopt, [weakSelf = weakSelf(), udpFlow, endPoint,
+  udpFlow->open(std::nullopt, [weakSelf = weakSelf(), flow = udpFlow, endPoint,
                                switchOffsBefore](const std::optional<NSError>& error) mutable {
     if (error) return;
     if (const auto self = weakSelf.lock())
-      self->startTandorProxyConnectionWith(std::move(udpFlow), endPoint, switchOffsBefore);
+      self->startTandorProxyConnectionWith(std::move(flow), endPoint, switchOffsBefore);
   });
 }
 

@@ -323,6 +323,7 @@ TEST_F(RunTest, LeavesNothingForLongWhenKilled) {
 
 TEST_F(CommandTest, AppsListsWhoHasSockets) {
   const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_TRUE(socket.isOpen());
   sockaddr_in address{};
   address.sin_family = AF_INET;
   ASSERT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);

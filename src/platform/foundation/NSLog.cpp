@@ -35,7 +35,7 @@ std::string_view localTime(std::chrono::sys_seconds second) {
   return {cached.data(), cached.size()};
 }
 
-void writeWhole(std::string_view line) {
+void writeWhole(std::string_view line) noexcept {
   // One call writes a line whole in practice; the mutex keeps the rest of an interrupted line with
   // its beginning.
   static std::mutex mutex;
@@ -48,7 +48,37 @@ void writeWhole(std::string_view line) {
   }
 }
 
+/// The lines of a thread that have not been written.
+class Gathered {
+ public:
+  ~Gathered() { flush(); }
+  void begin() noexcept { isGathering_ = true; }
+  void add(std::string_view line) {
+    constexpr std::size_t manyBytes = std::size_t{16} * 1024;
+    lines_.append(line);
+    if (!isGathering_ || lines_.size() >= manyBytes) flush();
+  }
+  void flush() noexcept {
+    if (lines_.size() == 0) return;
+    writeWhole({lines_.data(), lines_.size()});
+    lines_.clear();
+  }
+
+ private:
+  bool isGathering_ = false;
+  fmt::memory_buffer lines_;
+};
+thread_local Gathered gathered;
+
 }  // namespace
+
+void gatherNSLog() noexcept {
+  gathered.begin();
+}
+
+void flushNSLog() noexcept {
+  gathered.flush();
+}
 
 void NSLog(std::string_view message) {
   if (const NSLogSink sink = installedSink.load(std::memory_order_acquire); sink != nullptr) {
@@ -62,7 +92,7 @@ void NSLog(std::string_view message) {
   fmt::memory_buffer line;
   fmt::format_to(std::back_inserter(line), "{}.{:06} tandor-provider[{}:{}] {}\n",
                  localTime(second), micros, pid, threadNumber(), message);
-  writeWhole({line.data(), line.size()});
+  gathered.add({line.data(), line.size()});
 }
 
 void setNSLogSink(NSLogSink sink) noexcept {

@@ -9,6 +9,11 @@ namespace tandor {
 /// Any thread; never fails to its caller.
 void NSLog(std::string_view message);
 
+/// Keeps what the calling thread logs until flushNSLog(): for a thread that handles many things
+/// before it rests. It flushes by itself what grows long, and when the thread ends.
+void gatherNSLog() noexcept;
+void flushNSLog() noexcept;
+
 /// Receives each message in place of standard error. A null sink restores it. Meant for tests; set
 /// it while nothing logs.
 using NSLogSink = void (*)(std::string_view message);

@@ -7,6 +7,8 @@
 #include <sys/eventfd.h>
 #include <utility>
 
+#include "platform/foundation/NSLog.h"
+
 namespace tandor {
 namespace {
 
@@ -130,6 +132,7 @@ void EpollLoop::remove(int descriptor, const Source& source) noexcept {
 
 void EpollLoop::run() {
   setCurrent(this);
+  gatherNSLog();
   // Sending through a pipe to a peer that has gone raises it, whatever the flags say.
   sigset_t brokenPipe;
   ::sigemptyset(&brokenPipe);
@@ -168,6 +171,7 @@ int EpollLoop::waitLimit() {
 }
 
 void EpollLoop::waitForEvents() {
+  flushNSLog();
   int limit = waitLimit();
   // Asleep is said before the last look at what was posted, so a block posted after the look sees
   // it and wakes the loop.

@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include <fmt/format.h>
-
 #include "platform/linux/FlowRegistry.h"
 
 namespace tandor {
@@ -32,14 +30,10 @@ void InterceptedFlow::delist() noexcept {
 
 void InterceptedFlow::setOutbound(const SocketAddress& address, const std::string& interface) {
   if (registry_ == nullptr) return;
-  const bool isIPv6 = address.family() == AF_INET6;
-  auto outbound = std::make_unique<const std::string>(
-      isIPv6 ? fmt::format("[{}]:{}", address.host(), address.port())
-             : fmt::format("{}:{}", address.host(), address.port()));
-  auto bound = interface.empty() ? nullptr : std::make_unique<const std::string>(interface);
   const std::scoped_lock lock(registry_->mutex());
-  outbound_ = std::move(outbound);
-  interface_ = std::move(bound);
+  outbound_ = address;
+  interface_ = {};
+  interface.copy(interface_.data(), interface_.size() - 1);
 }
 
 FlowInfo InterceptedFlow::info() const {
@@ -49,8 +43,8 @@ FlowInfo InterceptedFlow::info() const {
           .protocol = origin_.key.protocol,
           .source = origin_.key.source.description(),
           .destination = origin_.key.destination.description(),
-          .outbound = outbound_ != nullptr ? *outbound_ : std::string(),
-          .interface = interface_ != nullptr ? *interface_ : std::string(),
+          .outbound = outbound_.length() > 0 ? outbound_.description() : std::string(),
+          .interface = interface_.data(),
           .bytesIn = bytesIn(),
           .bytesOut = bytesOut(),
           .since = since_};

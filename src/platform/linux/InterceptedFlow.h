@@ -1,9 +1,11 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <net/if.h>
 #include <string>
 #include <sys/types.h>
 
@@ -95,8 +97,8 @@ class InterceptedFlow : public EpollLoop::Resident {
   std::uint64_t id_ = 0;
 
   // Guarded by the registry.
-  std::unique_ptr<const std::string> outbound_;
-  std::unique_ptr<const std::string> interface_;
+  SocketAddress outbound_;
+  std::array<char, IFNAMSIZ> interface_{};
   InterceptedFlow* next_ = nullptr;
   InterceptedFlow* previous_ = nullptr;
   bool isListed_ = false;

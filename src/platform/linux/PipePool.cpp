@@ -78,6 +78,7 @@ const std::uint8_t* PipePool::Pipe::bringIn() noexcept {
     // Bytes keep their places, also when those before them have gone.
     bytes_ = std::make_unique_for_overwrite<std::uint8_t[]>(filled_);
     for (std::size_t place = drained_; place < filled_;) {
+      // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection): the pipe does not block
       const ssize_t count = ::read(reading_.get(), bytes_.get() + place, filled_ - place);
       if (count <= 0 && errno != EINTR) break;  // cannot be: the pipe holds that many
       if (count > 0) place += static_cast<std::size_t>(count);

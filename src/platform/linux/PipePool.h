@@ -26,6 +26,8 @@ class PipePool {
           loop_(loop),
           reading_(std::move(reading)),
           writing_(std::move(writing)) {}
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
     ~Pipe();
 
     /// Moves in what a socket holds; once. Returns like recv. On the loop's thread, as all below.

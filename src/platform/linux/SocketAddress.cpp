@@ -7,6 +7,8 @@
 #include <memory>
 #include <netdb.h>
 
+#include <fmt/format.h>
+
 namespace tandor {
 
 SocketAddress::SocketAddress(const sockaddr_in& address) noexcept
@@ -49,12 +51,15 @@ std::uint16_t SocketAddress::port() const noexcept {
   return ntohs(reinterpret_cast<const sockaddr_in&>(storage_).sin_port);
 }
 
+std::string SocketAddress::description() const {
+  return fmt::format(fmt::runtime(family() == AF_INET6 ? "[{}]:{}" : "{}:{}"), host(), port());
+}
+
 std::string SocketAddress::host() const {
   std::array<char, INET6_ADDRSTRLEN> text{};
-  const void* address =
-      family() == AF_INET6
-          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6&>(storage_).sin6_addr)
-          : &reinterpret_cast<const sockaddr_in&>(storage_).sin_addr;
+  const void* address = family() == AF_INET6
+                            ? static_cast<const void*>(&storage_.sin6_addr)
+                            : &reinterpret_cast<const sockaddr_in&>(storage_).sin_addr;
   if (::inet_ntop(family(), address, text.data(), text.size()) == nullptr) return {};
   return text.data();
 }

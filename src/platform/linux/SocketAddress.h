@@ -23,14 +23,16 @@ class SocketAddress {
 
   [[nodiscard]] const sockaddr& get() const noexcept;
   [[nodiscard]] socklen_t length() const noexcept { return length_; }
-  [[nodiscard]] int family() const noexcept { return storage_.ss_family; }
+  [[nodiscard]] int family() const noexcept { return storage_.sin6_family; }
   void setPort(std::uint16_t port) noexcept;
   [[nodiscard]] std::uint16_t port() const noexcept;
+  /// HOST:PORT, with the brackets of an IPv6 host.
+  [[nodiscard]] std::string description() const;
   /// The host in numbers, without the port.
   [[nodiscard]] std::string host() const;
 
  private:
-  sockaddr_storage storage_{};
+  sockaddr_in6 storage_{};  // has room for either family
   socklen_t length_ = 0;
 };
 

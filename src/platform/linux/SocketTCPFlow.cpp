@@ -200,6 +200,8 @@ void SocketTCPFlow::streamDidRead(Data data) {
       return;
     }
     hasFirstFlight_ = true;
+    // It may have to wait for a tunnel, and would keep a read buffer from all others.
+    data = Data::copying(data.bytes());
   }
   if (auto completion = std::exchange(readCompletion_, nullptr))
     completion(std::move(data), std::nullopt);

@@ -66,6 +66,7 @@ class KernelTypes {
 using Register = std::uint8_t;
 constexpr Register stack = BPF_REG_10;
 
+// BPF_K, a constant operand, is zero, and so is BPF_IMM.
 constexpr bpf_insn instruction(int code, Register to, Register from, int offset, int value) {
   return {.code = static_cast<std::uint8_t>(code),
           .dst_reg = static_cast<std::uint8_t>(to & 0xF),
@@ -83,10 +84,10 @@ constexpr bpf_insn copy(Register to, Register from) {
   return instruction(BPF_ALU64 | BPF_MOV | BPF_X, to, from, 0, 0);
 }
 constexpr bpf_insn set(Register to, int value) {
-  return instruction(BPF_ALU64 | BPF_MOV | BPF_K, to, 0, 0, value);
+  return instruction(BPF_ALU64 | BPF_MOV, to, 0, 0, value);
 }
 constexpr bpf_insn add(Register to, int value) {
-  return instruction(BPF_ALU64 | BPF_ADD | BPF_K, to, 0, 0, value);
+  return instruction(BPF_ALU64 | BPF_ADD, to, 0, 0, value);
 }
 constexpr bpf_insn call(int function) {
   return instruction(BPF_JMP | BPF_CALL, 0, 0, 0, function);
@@ -125,7 +126,7 @@ std::optional<std::vector<bpf_insn>> assemble(const KernelTypes& types, int map)
     instructions.insert(instructions.end(), more);
   };
   const auto appendConstant = [&](Register to, Register kind, std::uint64_t constant) {
-    append({instruction(BPF_LD | BPF_DW | BPF_IMM, to, kind, 0,
+    append({instruction(BPF_LD | BPF_DW, to, kind, 0,
                         static_cast<int>(static_cast<std::uint32_t>(constant))),
             instruction(0, 0, 0, 0, static_cast<int>(constant >> 32))});
   };

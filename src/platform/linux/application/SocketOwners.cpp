@@ -148,7 +148,7 @@ SocketOwners::Recents::iterator SocketOwners::remember(ProcessDirectory director
 }
 
 std::optional<SocketOwner> SocketOwners::found(Recents::iterator recent, int descriptor) {
-  const auto owner = identify(recent);
+  auto owner = identify(recent);
   if (!owner) return std::nullopt;
   auto& descriptors = recent->descriptors;
   std::erase(descriptors, descriptor);
