@@ -19,14 +19,14 @@ namespace {
 /// first. LEAVE is written to the connection before the packet is queued: should the answer be to
 /// leave the flow, it costs nothing from then on. A packet goes on from the queue at the next hook,
 /// so what follows a queueing rule in its chain never sees it. Of TCP every SYN is asked: a reused
-/// pair of addresses must not inherit an old answer.
+/// pair of addresses must not inherit an old answer. TAKE is saved on lo, by the first packet that
+/// comes back from there: few packets get that far, and those of others pass one rule a hook.
 std::string rules() {
   return fmt::format(
       R"(*mangle
 :TANDOR_OUTPUT - [0:0]
 :TANDOR_OWN - [0:0]
 :TANDOR_ASK - [0:0]
-:TANDOR_POST - [0:0]
 :TANDOR_PRE - [0:0]
 -A TANDOR_OUTPUT -o lo -j RETURN
 -A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -g TANDOR_OWN
@@ -40,18 +40,18 @@ std::string rules() {
 -A TANDOR_ASK -m addrtype ! --dst-type UNICAST -j RETURN
 -A TANDOR_ASK -j CONNMARK --set-xmark {leave:#x}/{mask:#x}
 -A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
--A TANDOR_POST -o lo -m mark --mark {take:#x}/{mask:#x} -m connmark ! --mark {take:#x}/{mask:#x} -j CONNMARK --save-mark --nfmask {mask:#x} --ctmask {mask:#x}
--A TANDOR_PRE -i lo -p tcp -m mark --mark {take:#x}/{mask:#x} -j TPROXY --on-ip 127.0.0.1 --on-port {port}
--A TANDOR_PRE -i lo -p udp -m mark --mark {take:#x}/{mask:#x} -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -p tcp --syn -j CONNMARK --set-xmark {take:#x}/{mask:#x}
+-A TANDOR_PRE -p tcp -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -m connmark ! --mark {take:#x}/{mask:#x} -j CONNMARK --set-xmark {take:#x}/{mask:#x}
+-A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {port}
 -A OUTPUT -j TANDOR_OUTPUT
--A POSTROUTING -j TANDOR_POST
--A PREROUTING -j TANDOR_PRE
+-A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
 COMMIT
 *filter
 :TANDOR_REFUSE - [0:0]
--A TANDOR_REFUSE -p tcp -m mark --mark {refuse:#x}/{mask:#x} -j REJECT --reject-with tcp-reset
--A TANDOR_REFUSE -m mark --mark {refuse:#x}/{mask:#x} -j REJECT --reject-with icmp-port-unreachable
--A OUTPUT -j TANDOR_REFUSE
+-A TANDOR_REFUSE -p tcp -j REJECT --reject-with tcp-reset
+-A TANDOR_REFUSE -j REJECT --reject-with icmp-port-unreachable
+-A OUTPUT -m mark --mark {refuse:#x}/{mask:#x} -j TANDOR_REFUSE
 COMMIT
 )",
       fmt::arg("bypass", bypassMark), fmt::arg("leave", leaveMark), fmt::arg("take", takeMark),
