@@ -157,7 +157,8 @@ class DescriptorTest : public testing::Test {
  protected:
   void SetUp() override { before_ = openDescriptors(); }
   void TearDown() override {
-    EXPECT_TRUE(eventually([this] { return openDescriptors() == before_; }))
+    // What else was open for a moment when the test began may have gone.
+    EXPECT_TRUE(eventually([this] { return openDescriptors() <= before_; }))
         << openDescriptors() << " descriptors are open, not " << before_;
   }
 
