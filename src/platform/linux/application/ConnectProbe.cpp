@@ -165,11 +165,11 @@ std::optional<std::vector<bpf_insn>> assemble(const KernelTypes& types, int map)
 
 std::expected<ConnectProbe, int> ConnectProbe::load() {
   libbpf_set_print(nullptr);  // who cannot have the probe does without
-  const KernelTypes types;
-  if (!types.isKnown()) return std::unexpected(ENOTSUP);
   FileDescriptor map(bpf_map_create(BPF_MAP_TYPE_LRU_HASH, "tandor_connects", sizeof(std::uint64_t),
                                     sizeof(NotedProcess), mostNoted, nullptr));
   if (!map.isOpen()) return std::unexpected(errno);
+  const KernelTypes types;
+  if (!types.isKnown()) return std::unexpected(ENOTSUP);
   const auto instructions = assemble(types, map.get());
   if (!instructions) return std::unexpected(ENOTSUP);
   FileDescriptor program(bpf_prog_load(BPF_PROG_TYPE_RAW_TRACEPOINT, "tandor_connect", "GPL",
