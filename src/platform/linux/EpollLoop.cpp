@@ -24,31 +24,19 @@ constexpr auto longestWait = 60'000ms;
 
 }  // namespace
 
-void EpollLoop::Task::unlink() noexcept {
-  if (link_ == nullptr) return;
-  *link_ = next_;
-  if (next_ != nullptr) {
-    next_->link_ = link_;
-  } else {
-    *tail_ = link_;
-  }
-  next_ = nullptr;
-  link_ = nullptr;
-}
-
 void EpollLoop::TaskList::append(Task& task) noexcept {
-  if (task.link_ != nullptr) return;
-  task.link_ = tail_;
-  task.tail_ = &tail_;
-  *tail_ = &task;
-  tail_ = &task.next_;
+  if (task.next_ != &task) return;
+  task.next_ = this;
+  task.previous_ = previous_;
+  previous_->next_ = &task;
+  previous_ = &task;
 }
 
 bool EpollLoop::TaskList::runFirst() {
-  Task* const task = first_;
-  if (task == nullptr) return false;
-  task->unlink();
-  task->call_();
+  if (isEmpty()) return false;
+  auto& task = static_cast<Task&>(*next_);  // all but the list itself are tasks
+  task.unlink();
+  task.call_();
   return true;
 }
 

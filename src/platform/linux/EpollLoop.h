@@ -60,22 +60,39 @@ class EpollLoop final : public EventLoop {
     void (*call_)(void*);
   };
 
+  /// A place in a line, which is a ring.
+  class Link {
+   public:
+    Link() = default;
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    void unlink() noexcept {
+      next_->previous_ = previous_;
+      previous_->next_ = next_;
+      next_ = previous_ = this;
+    }
+
+   protected:
+    ~Link() = default;
+
+   private:
+    friend class EpollLoop;
+    Link* next_ = this;
+    Link* previous_ = this;
+  };
+
   /// A step that waits in line; in line once, however often it is scheduled.
-  class Task {
+  class Task final : public Link {
    public:
     explicit Task(Call call) noexcept : call_(call) {}
     Task(const Task&) = delete;
     Task& operator=(const Task&) = delete;
     ~Task() { unlink(); }
 
-    void unlink() noexcept;
-
    private:
     friend class EpollLoop;
     Call call_;
-    Task* next_ = nullptr;
-    Task** link_ = nullptr;  // what points here; null when not in line
-    Task*** tail_ = nullptr;
   };
 
   /// A one-shot timer. Its owner may destroy or restart it at any time, also when it goes off.
@@ -162,16 +179,12 @@ class EpollLoop final : public EventLoop {
   [[nodiscard]] PipePool& pipes() noexcept { return pipes_; }
 
  private:
-  class TaskList {
+  class TaskList final : public Link {
    public:
     void append(Task& task) noexcept;
     /// Runs the first task; false when there is none.
     bool runFirst();
-    [[nodiscard]] bool isEmpty() const noexcept { return first_ == nullptr; }
-
-   private:
-    Task* first_ = nullptr;
-    Task** tail_ = &first_;
+    [[nodiscard]] bool isEmpty() const noexcept { return next_ == this; }
   };
   EpollLoop(FileDescriptor epoll, FileDescriptor wakeUp) noexcept
       : epoll_(std::move(epoll)), wakeUp_(std::move(wakeUp)), buffers_(*this), pipes_(*this) {}
