@@ -19,10 +19,8 @@ bool isLocalFailure(int error) noexcept {
 
 SocketConnection::SocketConnection(NWEndpoint endpoint, NWParameters parameters, Resolver& resolver,
                                    EpollLoop& defaultLoop)
-    : endpoint_(std::move(endpoint)),
-      parameters_(std::move(parameters)),
-      resolver_(resolver),
-      defaultLoop_(defaultLoop) {}
+    : search_(std::make_unique<Search>(std::move(endpoint), std::move(parameters), resolver,
+                                       defaultLoop)) {}
 
 void SocketConnection::setStateUpdateHandler(StateUpdateHandler handler) {
   auto set = [&] {
@@ -40,22 +38,24 @@ void SocketConnection::start(std::shared_ptr<DispatchQueue> queue) {
   queue_ = std::move(queue);
   const auto& affinity = queue_->affinity();
   // Every loop of this platform is one of these.
-  settle(affinity != nullptr ? static_cast<EpollLoop&>(affinity->loop()) : defaultLoop_);
+  settle(affinity != nullptr ? static_cast<EpollLoop&>(affinity->loop()) : search_->defaultLoop);
   onLoop([this] { begin(); });
 }
 
 void SocketConnection::begin() {
   if (isCancelled_) return;
   report(State::Kind::preparing);
-  const std::string& host = endpoint_.host().description();
-  if (const auto numeric = SocketAddress::fromNumeric(host, endpoint_.port().number())) {
-    addresses_ = {*numeric};
+  const std::string& host = search_->endpoint.host().description();
+  if (const auto numeric = SocketAddress::fromNumeric(host, search_->endpoint.port().number())) {
+    search_->addresses = {*numeric};
     tryNextAddress();
     return;
   }
-  resolver_.resolve(host, [weak = std::weak_ptr(self()), this](const Resolver::Answer& answer) {
-    if (const auto alive = weak.lock()) onLoop([this, answer] { resolved(answer); });
-  });
+  search_->resolver.resolve(host,
+                            [weak = std::weak_ptr(self()), this](const Resolver::Answer& answer) {
+                              if (const auto alive = weak.lock())
+                                onLoop([this, answer] { resolved(answer); });
+                            });
 }
 
 void SocketConnection::resolved(const Resolver::Answer& answer) {
@@ -64,20 +64,22 @@ void SocketConnection::resolved(const Resolver::Answer& answer) {
     report(State::Kind::waiting, answer.error());
     return;
   }
-  addresses_ = *answer;
-  for (SocketAddress& address : addresses_) address.setPort(endpoint_.port().number());
+  search_->addresses = *answer;
+  for (SocketAddress& address : search_->addresses)
+    address.setPort(search_->endpoint.port().number());
   tryNextAddress();
 }
 
 void SocketConnection::tryNextAddress() {
-  while (nextAddress_ < addresses_.size()) {
-    const SocketAddress& address = addresses_[nextAddress_++];
-    auto socket = makeOutboundSocket(address.family(), parameters_);
-    lastError_ = socket ? attempt(std::move(*socket), address) : socket.error();
-    if (lastError_ == 0) return;
+  while (search_->next < search_->addresses.size()) {
+    const SocketAddress& address = search_->addresses[search_->next++];
+    auto socket = makeOutboundSocket(address.family(), search_->parameters);
+    const int error = socket ? attempt(std::move(*socket), address) : socket.error();
+    if (error == 0) return;  // under way; or done, and the search with it
+    search_->lastError = error;
   }
-  report(isLocalFailure(lastError_) ? State::Kind::failed : State::Kind::waiting,
-         NSError::posix(lastError_));
+  report(isLocalFailure(search_->lastError) ? State::Kind::failed : State::Kind::waiting,
+         NSError::posix(search_->lastError));
 }
 
 void SocketConnection::attemptEnded(int error) {
@@ -85,15 +87,16 @@ void SocketConnection::attemptEnded(int error) {
   if (error == 0) {
     const auto* affinity = dynamic_cast<const InterceptedFlow::Affinity*>(queue_->affinity().get());
     if (const auto flow = affinity != nullptr ? affinity->flow() : nullptr) {
-      const auto& interface = parameters_.requiredInterface;
-      flow->setOutbound(addresses_[nextAddress_ - 1], interface ? interface->name : std::string());
+      const auto& interface = search_->parameters.requiredInterface;
+      flow->setOutbound(search_->addresses[search_->next - 1],
+                        interface ? interface->name : std::string());
     }
-    addresses_ = {};  // an idle connection does not need them
+    search_ = nullptr;
     isReady_ = true;
     report(State::Kind::ready);
     return;
   }
-  lastError_ = error;
+  search_->lastError = error;
   tryNextAddress();
 }
 

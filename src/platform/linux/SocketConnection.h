@@ -54,19 +54,22 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   /// Runs `function` on the connection's queue: at once where the loop is the queue.
   void onQueue(std::invocable auto&& function);
 
-  const NWEndpoint endpoint_;
-  const NWParameters parameters_;
-  Resolver& resolver_;
-  EpollLoop& defaultLoop_;
+  /// What only a connection that is not ready yet needs.
+  struct Search {
+    NWEndpoint endpoint;
+    NWParameters parameters;
+    Resolver& resolver;
+    EpollLoop& defaultLoop;
+    Resolver::Addresses addresses{};
+    std::size_t next = 0;  // the address that comes after the one that is tried
+    int lastError = 0;
+  };
+  std::unique_ptr<Search> search_;
   std::shared_ptr<DispatchQueue> queue_;
 
   StateUpdateHandler stateUpdateHandler_;  // touched under the queue's exclusion only
   bool wasHandlerReplaced_ = false;
   std::vector<State> statesToDeliver_;
-
-  Resolver::Addresses addresses_;
-  std::size_t nextAddress_ = 0;
-  int lastError_ = 0;
 
   SendCompletion sendCompletion_;
   ReceiveCompletion receiveCompletion_;
