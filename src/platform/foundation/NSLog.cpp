@@ -51,6 +51,9 @@ void writeWhole(std::string_view line) noexcept {
 /// The lines of a thread that have not been written.
 class Gathered {
  public:
+  Gathered() = default;
+  Gathered(const Gathered&) = delete;
+  Gathered& operator=(const Gathered&) = delete;
   ~Gathered() { flush(); }
   void begin() noexcept { isGathering_ = true; }
   void add(std::string_view line) {
