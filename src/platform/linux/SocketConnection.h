@@ -60,7 +60,7 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
     NWParameters parameters;
     Resolver& resolver;
     EpollLoop& defaultLoop;
-    Resolver::Addresses addresses{};
+    Resolver::Addresses addresses;
     std::size_t next = 0;  // the address that comes after the one that is tried
     int lastError = 0;
   };
