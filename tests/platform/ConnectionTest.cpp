@@ -53,7 +53,7 @@ class ConnectionTest : public LoopTest, public testing::WithParamInterface<bool>
   }
   /// Sends so many bytes, each piece as soon as the one before is accepted.
   static void sendWholePattern(const Outbound& connection, std::size_t count) {
-    constexpr std::size_t piece = 48 * 1024;
+    constexpr std::size_t piece = std::size_t{48} * 1024;
     for (std::size_t offset = 0; offset < count; offset += piece) {
       const auto sent = connection.send(pattern(std::min(piece, count - offset), offset));
       ASSERT_EQ(codeOf(sent.get()), 0);
@@ -151,9 +151,9 @@ TEST_P(ConnectionTest, ReceivesBetweenMinimumAndMaximum) {
 TEST_P(ConnectionTest, CarriesBothWaysAtOnceInSlices) {
   constexpr std::size_t count = (isSanitized ? 3 : 12) * mebibyte;
   auto [connection, peer] = connect();
-  std::jthread answering([&] { peer.sendPattern(count); });
+  const std::jthread answering([&] { peer.sendPattern(count); });
   std::jthread listening([&] { EXPECT_EQ(peer.receivePattern(count), count); });
-  std::jthread sending([&] { sendWholePattern(connection, count); });
+  const std::jthread sending([&] { sendWholePattern(connection, count); });
   std::string text;
   while (text.size() < count) {
     const Received received = connection.receive(1, 2048).get();
@@ -327,7 +327,7 @@ TEST_P(ConnectionTest, FailsWhatThePeerResets) {
 
 TEST_P(ConnectionTest, LosesNothingThatIsSentBeforeItIsReadyOrAfterItFailed) {
   const Listener listener;
-  Outbound connection = outbound(endpointOf(listener.address()));
+  const Outbound connection = outbound(endpointOf(listener.address()));
   connection.start(queue());
   const auto early = connection.send("early");  // accepted and delivered, or an error
   const auto received = connection.receive();

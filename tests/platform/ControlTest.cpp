@@ -40,6 +40,7 @@ sockaddr_un unixAddress(const std::string& path) {
 /// A stream socket, bound to `path` and listening, or connected to it; closed if that fails.
 FileDescriptor unixSocket(const std::string& path, bool isListening) {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket.isOpen()) return socket;
   const sockaddr_un address = unixAddress(path);
   const auto* target = reinterpret_cast<const sockaddr*>(&address);
   const int result =
@@ -152,6 +153,7 @@ class ControlTest : public DescriptorTest {
 
   void launch(const std::vector<std::string>& arguments, int descriptor3 = -1) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments)
       argv.push_back(const_cast<char*>(argument.data()));
     argv.push_back(nullptr);

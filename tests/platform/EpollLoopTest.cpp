@@ -19,6 +19,7 @@ TEST_F(EpollLoopTest, RunsPostsOfManyThreadsInEachOnesOrder) {
   std::array<std::size_t, threads> next{};  // touched by the loop's thread only
   std::size_t outOfOrder = 0;
   std::vector<std::jthread> posters;
+  posters.reserve(threads);
   for (std::size_t thread = 0; thread < threads; ++thread) {
     posters.emplace_back([&, thread] {
       for (std::size_t number = 0; number < posts; ++number) {
@@ -156,9 +157,9 @@ TEST_F(EpollLoopTest, DestroysResidentsOnItsThreadBetweenSteps) {
     std::atomic<int>& gone;
   };
   std::atomic<int> gone = 0;
-  std::vector<std::jthread> owners;
-  for (int owner = 0; owner < 4; ++owner) {
-    owners.emplace_back([&] {
+  std::vector<std::jthread> owners(4);
+  for (std::jthread& owner : owners) {
+    owner = std::jthread([&] {
       for (int count = 0; count < 500; ++count) {
         auto resident = makeResident<Inhabitant>(loop(), gone);
         loop().post([copy = resident]() mutable {

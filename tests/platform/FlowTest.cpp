@@ -55,8 +55,8 @@ std::string record(std::size_t length, char type = '\x16') {
 
 TEST_F(TCPFlowTest, FirstReadBringsTheWholeFirstRecord) {
   const std::string hello = record(700);
-  const std::string big = record(16 * 1024);
-  const std::string tooLong = record(0xFFFF).substr(0, 16 * 1024 + 5);
+  const std::string big = record(std::size_t{16} * 1024);
+  const std::string tooLong = record(0xFFFF).substr(0, (std::size_t{16} * 1024) + 5);
   enum class Then : std::uint8_t { whole, patience, closed };
   struct Case {
     std::string what;
@@ -217,13 +217,13 @@ TEST_F(TCPFlowTest, ClosesAnswerWhatIsPending) {
     pair.app.close();
   }
   // One direction alone: the other goes on.
-  TCPFlow pair = openFlow();
+  const TCPFlow pair = openFlow();
   const auto pending = read(*pair.flow);
   pair.flow->closeReadWithError(std::nullopt);
   EXPECT_FALSE(pending.get().data);
   EXPECT_EQ(codeOf(write(*pair.flow, "still").get()), 0);
   EXPECT_EQ(pair.app.receive(5), "still");
-  TCPFlow reading = openFlow();
+  const TCPFlow reading = openFlow();
   reading.flow->closeWriteWithError(std::nullopt);
   EXPECT_EQ(reading.app.receive(1), "");
   reading.app.send("still");
@@ -334,6 +334,7 @@ TEST_F(UDPFlowTest, CarriesDatagramsWholeAndInOrder) {
   const UDPFlow pair = openFlow();
   for (const std::size_t size : {3U, 1200U}) {
     std::vector<std::string> burst;
+    burst.reserve(80);
     for (std::size_t number = 0; number < 80; ++number) burst.push_back(pattern(size, number));
     for (const std::string& text : burst) pair.app.send(text);
     EXPECT_TRUE(readDatagrams(pair, burst.size()) == burst);

@@ -61,6 +61,7 @@ Awaited<ReadDatagrams> read(NEAppProxyUDPFlow& flow) {
 
 Awaited<Error> write(NEAppProxyUDPFlow& flow, const std::vector<std::string>& texts) {
   std::vector<Data> datagrams;
+  datagrams.reserve(texts.size());
   for (const std::string& text : texts) datagrams.push_back(Data::copying(text));
   const std::vector<NWHostEndpoint> sentBy(datagrams.size(), {"203.0.113.1", "53"});
   const Awaited<Error> written;

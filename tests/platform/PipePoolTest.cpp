@@ -1,6 +1,5 @@
 #include <array>
 #include <fcntl.h>
-#include <numeric>
 #include <sys/socket.h>
 #include <thread>
 #include <vector>
@@ -24,7 +23,8 @@ class PipePoolTest : public LoopTest {
   PipePoolTest() {
     connect(source_);
     connect(sink_);
-    std::iota(pattern_.begin(), pattern_.end(), std::uint8_t{0});
+    for (std::size_t index = 0; index < pattern_.size(); ++index)
+      pattern_[index] = static_cast<std::uint8_t>(index);
     sendAgain();
   }
 
@@ -103,9 +103,9 @@ TEST_F(PipePoolTest, WhoeverLooksSeesTheBytesOnAnyThread) {
     EXPECT_EQ(drain(range), Pipe::mustBeRead);
     EXPECT_EQ(arrived(), pattern(0, 100));
   });
-  std::vector<std::jthread> readers;
-  for (int reader = 0; reader < 4; ++reader)
-    readers.emplace_back([&, copy = kept] { EXPECT_EQ(bytesOf(copy), pattern(120, 150)); });
+  std::vector<std::jthread> readers(4);
+  for (std::jthread& reader : readers)
+    reader = std::jthread([&, copy = kept] { EXPECT_EQ(bytesOf(copy), pattern(120, 150)); });
   readers.clear();
   EXPECT_TRUE(kept.storage()->isInMemory());
   kept = {};  // away from its loop

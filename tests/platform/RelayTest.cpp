@@ -89,7 +89,7 @@ class RelayTest : public DescriptorTest, private NEProviderHost {
     complete(settings);
     std::string json;
     for (const auto& [key, value] : settings)
-      json += fmt::format("{}\"{}\":\"{}\"", json.empty() ? "{" : ",", key,
+      json += fmt::format(R"({}"{}":"{}")", json.empty() ? "{" : ",", key,
                           value.starts_with('[') ? R"([\"app\"])" : value);
     provider_->handleAppMessage(makeAppMessage("updateConfig", Data::copying(json + "}")), nullptr);
   }
@@ -370,7 +370,7 @@ FarSide makeFarSide() {
 }
 
 TEST_F(RelayTest, BindsDirectConnectionsToTheInterfaceOfTheDefaultRoute) {
-  FarSide far = makeFarSide();
+  const FarSide far = makeFarSide();
   start(mode("tunnelWhiteList"));
   const auto usesInterface = [this](const std::optional<std::string>& name) {
     return eventually([&] {
@@ -437,6 +437,7 @@ TEST_F(RelayTest, EndsCleanlyWhateverHappensAtTheSameTime) {
   std::atomic<bool> isOver = false;
   std::atomic<int> echoed = 0;
   std::vector<std::jthread> applications;
+  applications.reserve(3);
   for (unsigned number = 0; number < 3; ++number) {
     applications.emplace_back([&, number] {
       std::minstd_rand random(number);
