@@ -13,7 +13,6 @@ import atexit
 import ctypes
 import json
 import os
-import re
 import shutil
 import signal
 import socket
@@ -23,7 +22,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
-from lab import Daemon, Namespace, command, end, eventually  # noqa: E402
+from lab import Daemon, Namespace, command, end, eventually, sweep  # noqa: E402
 
 DESTINATIONS = [f"203.0.113.{number}" for number in range(10, 14)]
 PROXY = "198.51.100.80"
@@ -143,7 +142,7 @@ class Lab:
     def __init__(self, build, placement, most_idle_flows, other_provider=None):
         self.placement = placement
         self.most_idle_flows = most_idle_flows
-        self._sweep()
+        sweep(self._prefix)
         self._stem = f"{self._prefix}{os.getpid()}"
         self.folder = f"/tmp/{self._stem}-files"
         os.mkdir(self.folder)
@@ -213,19 +212,6 @@ class Lab:
             except Exception as error:  # the rest is to be removed all the same
                 print(f"bench: while cleaning up: {error}", file=sys.stderr)
         atexit.unregister(self.close)
-
-    @classmethod
-    def _sweep(cls):
-        """Removes what runs left that are no more."""
-        for folder in ("/run/netns", "/tmp"):
-            for name in os.listdir(folder) if os.path.isdir(folder) else ():
-                match = re.fullmatch(cls._prefix + r"(\d+)-.*", name)
-                if not match or os.path.exists(f"/proc/{match[1]}"):
-                    continue
-                if folder == "/tmp":
-                    shutil.rmtree(f"/tmp/{name}", ignore_errors=True)
-                else:
-                    command("ip", "netns", "del", name, check=False)
 
 
 class Client:

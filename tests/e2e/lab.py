@@ -69,6 +69,20 @@ def command(*words, input=None, check=True):
     return result.stdout if check else result
 
 
+def sweep(prefix):
+    """Removes the namespaces and folders of runs that are no more; their names begin with `prefix`,
+    and the number of the process that made them follows."""
+    for folder in ("/run/netns", "/tmp"):
+        for name in os.listdir(folder) if os.path.isdir(folder) else ():
+            match = re.fullmatch(prefix + r"(\d+)-.*", name)
+            if not match or os.path.exists(f"/proc/{match[1]}"):
+                continue
+            if folder == "/tmp":
+                shutil.rmtree(f"/tmp/{name}", ignore_errors=True)
+            else:
+                command("ip", "netns", "del", name, check=False)
+
+
 def _die_with_runner():
     """A child of a runner that was killed ends with it."""
     pr_set_pdeathsig = 1
@@ -148,7 +162,7 @@ class Lab:
             raise unittest.SkipTest("the end-to-end tests need root")
         if not os.access(PROVIDER, os.X_OK):
             raise unittest.SkipTest("TANDOR_PROVIDER names no program")
-        self._sweep()
+        sweep(self._prefix)
         stem = f"{self._prefix}{os.getpid()}-{next(self._numbers)}"
         self.folder = f"/tmp/{stem}"
         self._undo = [lambda: shutil.rmtree(self.folder)]
@@ -214,19 +228,6 @@ class Lab:
                 return True
             except OSError:
                 return False
-
-    @classmethod
-    def _sweep(cls):
-        """Removes what runs left that are no more."""
-        for folder in ("/run/netns", "/tmp"):
-            for name in os.listdir(folder) if os.path.isdir(folder) else ():
-                match = re.fullmatch(cls._prefix + r"(\d+)-.*", name)
-                if not match or os.path.exists(f"/proc/{match[1]}"):
-                    continue
-                if folder == "/tmp":
-                    shutil.rmtree(f"/tmp/{name}", ignore_errors=True)
-                else:
-                    command("ip", "netns", "del", name, check=False)
 
     def close(self):
         while self._undo:

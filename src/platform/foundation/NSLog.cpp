@@ -56,9 +56,10 @@ class Gathered {
   Gathered& operator=(const Gathered&) = delete;
   ~Gathered() { flush(); }
   void begin() noexcept { isGathering_ = true; }
-  void add(std::string_view line) {
+  /// Adds a line: what `format` writes to the given place.
+  void add(auto format) {
     constexpr std::size_t manyBytes = std::size_t{16} * 1024;
-    lines_.append(line);
+    format(std::back_inserter(lines_));
     if (!isGathering_ || lines_.size() >= manyBytes) flush();
   }
   void flush() noexcept {
@@ -92,10 +93,10 @@ void NSLog(std::string_view message) {
   const auto second = std::chrono::floor<std::chrono::seconds>(now);
   const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now - second).count();
   static const pid_t pid = ::getpid();
-  fmt::memory_buffer line;
-  fmt::format_to(std::back_inserter(line), "{}.{:06} tandor-provider[{}:{}] {}\n",
-                 localTime(second), micros, pid, threadNumber(), message);
-  gathered.add({line.data(), line.size()});
+  gathered.add([&, process = pid](auto out) {
+    fmt::format_to(out, "{}.{:06} tandor-provider[{}:{}] {}\n", localTime(second), micros, process,
+                   threadNumber(), message);
+  });
 }
 
 void setNSLogSink(NSLogSink sink) noexcept {

@@ -163,9 +163,8 @@ class EpollLoop final : public EventLoop {
   /// Takes an object that nobody refers to any more. Any thread.
   void retire(std::unique_ptr<Resident> resident);
 
-  /// Watches `descriptor` edge-triggered for reading, writing, urgent bytes and
-  /// hang-up. False when the system
-  /// has no room for it.
+  /// Watches `descriptor` edge-triggered for reading, writing, urgent bytes and hang-up. False when
+  /// the system has no room for it.
   [[nodiscard]] bool add(int descriptor, Source& source);
   /// Ends the watch; no event reaches `source` from here on. Before the descriptor is closed.
   void remove(int descriptor, const Source& source) noexcept;

@@ -1,27 +1,12 @@
 #include "platform/linux/StreamSocket.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
 #include <sys/uio.h>
 #include <utility>
 
 namespace tandor {
 namespace {
-
-using namespace std::chrono_literals;
-
-/// While a finished stream still has bytes to send: how often to look, and how long it may stand
-/// still before its peer counts as gone.
-constexpr auto lingerCheck = 1s;
-constexpr int stalledChecksAllowed = 30;
-/// How long a peer that has received everything may take to end its own side.
-constexpr int silentChecksAllowed = 5;
-/// What such a peer may go on sending until it is told that nobody listens.
-constexpr std::size_t mostDiscarded = std::size_t{256} * 1024;
 
 /// A read that brings so much is one of many.
 constexpr std::size_t bulk = std::size_t{32} * 1024;
@@ -36,28 +21,6 @@ constexpr std::size_t smallSlice = BufferPool::bufferSize / 4;
 void setResetOnClose(const FileDescriptor& socket, bool isReset) noexcept {
   const linger option{.l_onoff = isReset ? 1 : 0, .l_linger = 0};
   ::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &option, sizeof option);
-}
-
-/// What only a finishing socket needs.
-struct StreamSocket::Linger {
-  Linger(StreamSocket& socket, std::shared_ptr<void> owner, Peer peer)
-      : isPeerLocal(peer == Peer::local),
-        reference(std::move(owner)),
-        timer(socket.loop_, EpollLoop::Call::to<&StreamSocket::lingerTimeout>(&socket)) {}
-
-  const bool isPeerLocal;
-  std::shared_ptr<void> reference;
-  EpollLoop::Timer timer;
-  bool isShutDown = false;
-  std::size_t discarded = 0;  // since the shutdown
-  std::size_t unsentAtLastCheck = 0;
-  int checksWithoutProgress = 0;
-};
-
-StreamSocket::StreamSocket(EpollLoop& loop, Owner& owner) noexcept : loop_(loop), owner_(owner) {}
-
-StreamSocket::~StreamSocket() {
-  close();
 }
 
 void StreamSocket::prepare(const FileDescriptor& socket) noexcept {
@@ -292,121 +255,6 @@ ssize_t StreamSocket::receiveIntoPipe(PipePool::Pipe& pipe) {
   input_ = Data(pipe, 0, static_cast<std::size_t>(count));
   pipe.setRestHeld(true);
   return count;
-}
-
-void StreamSocket::finishWriting() {
-  if (phase_ != Phase::open || std::exchange(isWriteEnding_, true)) return;
-  if (outputBytes_ == 0) ::shutdown(socket_.get(), SHUT_WR);
-}
-
-void StreamSocket::finish(Peer peer) {
-  if (phase_ == Phase::finishing) return;
-  const bool hasNothingToSay = hasEnded_ && outputBytes_ == 0;
-  if (phase_ != Phase::open || hasNothingToSay) {
-    if (isOpen()) setResetOnClose(socket_, false);
-    close();
-    return;
-  }
-  phase_ = Phase::finishing;
-  isReadWanted_ = isWriteWanted_ = false;
-  completion_.unlink();
-  dropInput();
-  linger_ = std::make_unique<Linger>(*this, owner_.streamReference(), peer);
-  linger_->timer.start(lingerCheck);
-  loop_.defer(transfer_);
-}
-
-void StreamSocket::linger() {
-  if (writeError_ != 0 || readError_ != 0) {
-    close();
-    return;
-  }
-  if (outputBytes_ > 0) {
-    // What comes in meanwhile must not fill the window, or a peer that waits to be read never
-    // reads.
-    if (isReadable_) discardInput();
-    return;
-  }
-  if (!linger_->isShutDown) {
-    linger_->isShutDown = true;
-    // The kernel has every byte: from here on it can do the rest alone.
-    setResetOnClose(socket_, false);
-    if (!hasEnded_) ::shutdown(socket_.get(), SHUT_WR);
-  }
-  if (!hasEnded_ && isReadable_) discardInput();
-  if (hasEnded_) close();
-}
-
-void StreamSocket::discardInput() {
-  // A stream socket drops the bytes of a read that asks for their count only.
-  for (int rounds = 0; rounds < 16; ++rounds) {
-    const ssize_t count =
-        ::recv(socket_.get(), nullptr, std::size_t{1} << 20, MSG_DONTWAIT | MSG_TRUNC);
-    if (count > 0) {
-      if (!linger_->isShutDown) continue;
-      linger_->discarded += static_cast<std::size_t>(count);
-      if (linger_->discarded <= mostDiscarded || undelivered() > 0) continue;
-      reset();
-      return;
-    }
-    if (count == 0 || errno != EAGAIN) hasEnded_ = true;
-    if (count < 0 && errno != EAGAIN) readError_ = errno;
-    isReadable_ = false;
-    return;
-  }
-  loop_.defer(transfer_);  // a flood: others have their turn first
-}
-
-void StreamSocket::lingerTimeout() {
-  const std::size_t unsent = undelivered();
-  const bool hasProgress = unsent != linger_->unsentAtLastCheck;
-  linger_->unsentAtLastCheck = unsent;
-  linger_->checksWithoutProgress = hasProgress ? 0 : linger_->checksWithoutProgress + 1;
-  const bool isPatient = unsent > 0 && linger_->isPeerLocal;
-  const int allowed = unsent > 0 ? stalledChecksAllowed : silentChecksAllowed;
-  if (isPatient || linger_->checksWithoutProgress < allowed) {
-    linger_->timer.start(lingerCheck);
-  } else if (unsent > 0) {
-    reset();  // an end in order would say that this was everything
-  } else {
-    close();
-  }
-}
-
-std::size_t StreamSocket::undelivered() const noexcept {
-  int unacknowledged = 0;
-  ::ioctl(socket_.get(), SIOCOUTQ, &unacknowledged);
-  return outputBytes_ + static_cast<std::size_t>(std::max(unacknowledged, 0));
-}
-
-void StreamSocket::letGo(bool isLate) {
-  if (!isOpen()) return;
-  if (linger_ != nullptr && linger_->isShutDown && undelivered() == 0) {
-    close();
-  } else if (isLate) {
-    reset();
-  }
-}
-
-void StreamSocket::reset() {
-  if (isOpen()) setResetOnClose(socket_, true);
-  close();
-}
-
-void StreamSocket::close() noexcept {
-  phase_ = Phase::closed;
-  isReadWanted_ = isWriteWanted_ = false;
-  completion_.unlink();
-  transfer_.unlink();
-  dropInput();
-  output_.clear();
-  outputBytes_ = 0;
-  if (socket_.isOpen()) {
-    loop_.remove(socket_.get(), *this);
-    socket_.reset();
-  }
-  // Goes last: it may hold the only reference to the owner, which then dies at the end of the turn.
-  const auto last = std::move(linger_);
 }
 
 }  // namespace tandor
