@@ -1,5 +1,6 @@
 #include "platform/linux/Admission.h"
 
+#include <algorithm>
 #include <chrono>
 #include <sys/resource.h>
 #include <system_error>
@@ -9,7 +10,6 @@
 
 #include "platform/dispatch/DispatchQueue.h"
 #include "platform/foundation/NSLog.h"
-#include "platform/linux/ConnectionTracking.h"
 #include "platform/linux/Marks.h"
 #include "platform/linux/PacketRules.h"
 
@@ -24,15 +24,11 @@ constexpr auto complaintInterval = 60s;
 /// Descriptors that are kept for everything but flows.
 constexpr std::uint64_t reservedDescriptors = 256;
 constexpr std::uint64_t descriptorsAFlow = 2;
+/// What is remembered of each has its price in the kernel, also of those that never come.
+constexpr std::uint64_t mostTakenAtOnce = 262'144;
 /// UDP flows whose sockets are remembered; beyond, the oldest answers may be inherited.
-constexpr std::size_t mostTracked = 100'000;
+constexpr std::size_t mostFlowsOfSockets = 100'000;
 constexpr std::size_t mostIdentifiers = 4096;
-
-std::uint64_t descriptorLimit() {
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  return limit.rlim_cur;
-}
 
 std::unexpected<std::string> failure(std::string_view what, int error) {
   return std::unexpected(fmt::format("{}: {}", what, std::generic_category().message(error)));
@@ -42,7 +38,7 @@ std::unexpected<std::string> failure(std::string_view what, int error) {
 
 std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
     EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-    std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, const ConnectProbe* probe) {
+    std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry) {
   auto diagnosis = SocketDiagnosis::make();
   if (!diagnosis)
     return failure("the kernel does not tell about sockets (inet_diag)", diagnosis.error());
@@ -66,13 +62,14 @@ std::expected<std::shared_ptr<Admission>, std::string> Admission::make(
                    queue.error());
   }
   admission->queue_ = std::move(*queue);
-  if (probe != nullptr) {
-    if (auto link = probe->attach()) {
-      admission->probe_ = probe;
-      admission->probeLink_ = std::move(*link);
-    }
-  }
   return admission;
+}
+
+std::size_t Admission::mostFlows() noexcept {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const std::uint64_t spare = limit.rlim_cur - std::min(limit.rlim_cur, reservedDescriptors);
+  return std::min(spare / descriptorsAFlow, mostTakenAtOnce);
 }
 
 Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
@@ -83,16 +80,25 @@ Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider
       registry_(registry),
       diagnosis_(std::move(diagnosis)),
       socketsAtStart_(std::move(socketsAtStart)),
-      descriptorLimit_(descriptorLimit()),
+      mostFlows_(mostFlows()),
       overdue_(loop, EpollLoop::Call::to<&Admission::checkOverdue>(this)) {
   settle(loop);
+}
+
+void Admission::begin(FlowAnswers& answers, const KernelPrograms* programs) {
+  answers_ = &answers;
+  if (programs == nullptr) return;
+  if (auto watch = programs->watch()) {
+    programs_ = programs;
+    watch_ = std::move(*watch);
+  }
 }
 
 void Admission::end() {
   queue_ = nullptr;
   destroyWatch_ = nullptr;
-  probe_ = nullptr;
-  probeLink_.reset();
+  programs_ = nullptr;
+  watch_ = {};
   held_.clear();
   overdue_.stop();
   abandonOverdue(EpollLoop::Clock::duration::zero());
@@ -100,7 +106,7 @@ void Admission::end() {
 
 void Admission::packetArrived(const PacketQueue::Packet& packet) {
   const FlowKey& key = packet.flow;
-  if (key.protocol == 0 || !hasBegun_) {
+  if (key.protocol == 0 || answers_ == nullptr) {
     queue_->accept(packet, leaveMark);
     return;
   }
@@ -129,8 +135,8 @@ void Admission::packetArrived(const PacketQueue::Packet& packet) {
 }
 
 std::optional<SocketOwner> Admission::ownerOf(const FlowKey& key, const SocketFacts& facts) {
-  if (probe_ != nullptr && key.protocol == IPPROTO_TCP) {
-    if (const auto connector = probe_->take(facts.inode))
+  if (programs_ != nullptr && key.protocol == IPPROTO_TCP) {
+    if (const auto connector = programs_->connectorOf(facts.inode))
       if (auto owner = owners_.identify(*connector)) return owner;
     // A process that has ended may have left its socket to another one.
   }
@@ -180,7 +186,7 @@ void Admission::conclude(const FlowKey& key, const SocketFacts& facts, const Soc
   }
   if (mark == leaveMark) registry_.countLeft(origin);
   if (mark == refuseMark) registry_.countRefused(origin);
-  if (key.protocol == IPPROTO_UDP && mark != refuseMark) rememberTracked(key, facts.cookie);
+  if (key.protocol == IPPROTO_UDP && facts.cookie != 0) remember(key, facts.cookie, mark);
   for (const PacketQueue::Packet& packet : packets) queue_->accept(packet, mark);
 }
 
@@ -203,10 +209,10 @@ std::uint32_t Admission::offerAs(const InterceptedFlow::Origin& origin, Handle h
   if (!handle(flow)) return leaveMark;
   if (flow->isRefused()) return refuseMark;
   if constexpr (std::same_as<Flow, SocketUDPFlow>) {
-    flow->setCloseHandler([flows = flows_, key = origin.key] {
+    flow->setCloseHandler([flows = flows_, answers = answers_, key = origin.key] {
       // What the application sends from now on begins a new flow.
       flows->remove(key);
-      forgetTracked(key);
+      answers->forget(key);
     });
   }
   flows_->add(std::move(flow));
@@ -215,9 +221,7 @@ std::uint32_t Admission::offerAs(const InterceptedFlow::Origin& origin, Handle h
 }
 
 bool Admission::hasRoomForAnother() {
-  const std::uint64_t needed =
-      (registry_.existingCount() + 1) * descriptorsAFlow + reservedDescriptors;
-  if (needed <= descriptorLimit_) return true;
+  if (registry_.existingCount() < mostFlows_) return true;
   const auto now = EpollLoop::Clock::now();
   if (now - lastComplaint_ >= complaintInterval) {
     lastComplaint_ = now;
@@ -236,29 +240,34 @@ std::shared_ptr<const NEFlowMetaData> Admission::metaDataOf(const SocketOwner& o
   return metaData;
 }
 
-void Admission::rememberTracked(const FlowKey& key, std::uint64_t cookie) {
-  if (cookie == 0) return;
-  if (trackedCount_ >= mostTracked) {
-    trackedFlows_.clear();
-    trackedCount_ = 0;
+void Admission::remember(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark) {
+  if (mark == refuseMark) return;
+  if (mark == takeMark) {
+    answers_->setTaken(key, cookie);
+  } else {
+    answers_->setLeft(key, cookie);
   }
-  trackedFlows_[cookie].push_back(key);
-  ++trackedCount_;
+  if (flowsOfSocketsCount_ >= mostFlowsOfSockets) {
+    flowsOfSockets_.clear();
+    flowsOfSocketsCount_ = 0;
+  }
+  flowsOfSockets_[cookie].push_back(key);
+  ++flowsOfSocketsCount_;
 }
 
 void Admission::socketDestroyed(std::uint64_t cookie) {
   socketsAtStart_.erase(cookie);
-  const auto tracked = trackedFlows_.find(cookie);
-  if (tracked == trackedFlows_.end()) return;
-  for (const FlowKey& key : tracked->second) {
+  const auto flows = flowsOfSockets_.find(cookie);
+  if (flows == flowsOfSockets_.end()) return;
+  for (const FlowKey& key : flows->second) {
     if (flows_->contains(key)) {
       flows_->end(key);
     } else {
-      forgetTracked(key);
+      answers_->forget(key);
     }
   }
-  trackedCount_ -= tracked->second.size();
-  trackedFlows_.erase(tracked);
+  flowsOfSocketsCount_ -= flows->second.size();
+  flowsOfSockets_.erase(flows);
 }
 
 void Admission::checkOverdue() {
@@ -268,11 +277,14 @@ void Admission::checkOverdue() {
 
 void Admission::abandonOverdue(EpollLoop::Clock::duration patience) {
   const auto overdue = flows_->takeOverdue(patience);
-  for (const auto& flow : overdue.tcp) flow->abandon();
+  for (const auto& flow : overdue.tcp) {
+    flow->abandon();
+    answers_->forget(flow->key());
+  }
   for (const auto& flow : overdue.udp) {
     flow->abandon();
     flows_->remove(flow->key());
-    forgetTracked(flow->key());
+    answers_->forget(flow->key());
   }
 }
 

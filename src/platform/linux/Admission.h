@@ -15,8 +15,8 @@
 #include "platform/linux/PacketQueue.h"
 #include "platform/linux/SocketDestroyWatch.h"
 #include "platform/linux/SocketDiagnosis.h"
-#include "platform/linux/application/ConnectProbe.h"
 #include "platform/linux/application/SocketOwners.h"
+#include "platform/linux/kernel/KernelPrograms.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
 
 namespace tandor {
@@ -28,20 +28,23 @@ class Admission final : public EpollLoop::Resident,
                         private PacketQueue::Owner,
                         private SocketDestroyWatch::Owner {
  public:
-  /// Everything given outlives the admission; there may be no probe. Fails with the words for the
-  /// user. On the loop.
+  /// Everything given outlives the admission. Fails with the words for the user. On the loop.
   [[nodiscard]] static std::expected<std::shared_ptr<Admission>, std::string> make(
       EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
-      std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry, const ConnectProbe* probe);
+      std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry);
 
   Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider> provider,
             std::shared_ptr<AnnouncedFlows> flows, FlowRegistry& registry,
             SocketDiagnosis diagnosis, std::unordered_set<std::uint64_t> socketsAtStart);
 
-  /// Offers flows from now on; until then, whatever is held goes its native way. On the loop.
-  void begin() noexcept { hasBegun_ = true; }
+  /// Offers flows from now on; until then, whatever is held goes its native way. `answers` outlives
+  /// the admission; so do the programs, where there are any. On the loop.
+  void begin(FlowAnswers& answers, const KernelPrograms* programs);
   /// Gives up the queue: packets pass from now on. On the loop.
   void end();
+
+  /// So many flows can be taken at once: as many as there are descriptors for.
+  [[nodiscard]] static std::size_t mostFlows() noexcept;
 
  private:
   /// Packets of one flow that wait until its application is known.
@@ -65,7 +68,7 @@ class Admission final : public EpollLoop::Resident,
   [[nodiscard]] std::uint32_t offerAs(const InterceptedFlow::Origin& origin, Handle handle);
   [[nodiscard]] bool hasRoomForAnother();
   [[nodiscard]] std::shared_ptr<const NEFlowMetaData> metaDataOf(const SocketOwner& owner);
-  void rememberTracked(const FlowKey& key, std::uint64_t cookie);
+  void remember(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark);
   void checkOverdue();
   void abandonOverdue(EpollLoop::Clock::duration patience);
 
@@ -74,23 +77,23 @@ class Admission final : public EpollLoop::Resident,
   FlowRegistry& registry_;
   SocketDiagnosis diagnosis_;
   SocketOwners owners_;
-  const ConnectProbe* probe_ = nullptr;  // while it is attached
-  FileDescriptor probeLink_;
+  FlowAnswers* answers_ = nullptr;            // from the beginning on
+  const KernelPrograms* programs_ = nullptr;  // while they watch
+  KernelPrograms::Watch watch_;
   std::unique_ptr<SocketDestroyWatch> destroyWatch_;
   std::unique_ptr<PacketQueue> queue_;
 
   std::unordered_map<FlowKey, Held> held_;
   bool isSearching_ = false;
-  bool hasBegun_ = false;
   std::unordered_map<std::string, std::shared_ptr<const NEFlowMetaData>> metaData_;
 
   /// UDP sockets that talked before us; their flows are none that begin.
   std::unordered_set<std::uint64_t> socketsAtStart_;
-  /// The tracked UDP flows of each socket: what follows the socket must not inherit its answers.
-  std::unordered_map<std::uint64_t, std::vector<FlowKey>> trackedFlows_;
-  std::size_t trackedCount_ = 0;
+  /// The UDP flows of each socket: what follows the socket must not inherit its answers.
+  std::unordered_map<std::uint64_t, std::vector<FlowKey>> flowsOfSockets_;
+  std::size_t flowsOfSocketsCount_ = 0;
 
-  const std::uint64_t descriptorLimit_;
+  const std::size_t mostFlows_;
   EpollLoop::Timer overdue_;
   EpollLoop::Clock::time_point lastComplaint_;
 };

@@ -20,7 +20,7 @@ void beginDelete(NetlinkRequest& request) {
 
 }  // namespace
 
-void forgetTracked(const FlowKey& flow) {
+void ConnectionTracking::forget(const FlowKey& flow) {
   NetlinkRequest request(deleteTracked, 0);
   beginDelete(request);
   nlmsghdr* header = &request.header();
@@ -38,7 +38,7 @@ void forgetTracked(const FlowKey& flow) {
   static_cast<void>(request.send(NETLINK_NETFILTER));
 }
 
-std::expected<void, int> forgetTaken() {
+std::expected<void, int> ConnectionTracking::forgetTaken() {
   NetlinkRequest request(deleteTracked, 0);
   beginDelete(request);
   ::mnl_attr_put_u32(&request.header(), CTA_MARK, htonl(takeMark));

@@ -2,16 +2,21 @@
 
 #include <expected>
 
-#include "platform/linux/FlowKey.h"
+#include "platform/linux/FlowAnswers.h"
 
 namespace tandor {
 
-/// Makes the kernel forget a tracked connection, so that its addresses start afresh. Nothing there
-/// is no failure.
-void forgetTracked(const FlowKey& flow);
+/// Answers that the rules themselves write to the kernel's tracked connections: there is no more to
+/// it than to forget.
+class ConnectionTracking final : public FlowAnswers {
+ public:
+  void setTaken(const FlowKey& /*flow*/, std::uint64_t /*cookie*/) override {}
+  void setLeft(const FlowKey& /*flow*/, std::uint64_t /*cookie*/) override {}
+  void forget(const FlowKey& flow) override;
 
-/// Makes it forget every connection that carries the mark of taken flows: with nobody to take them,
-/// their packets would vanish. Fails with an error number.
-[[nodiscard]] std::expected<void, int> forgetTaken();
+  /// Makes the kernel forget every connection that carries the mark of taken flows: with nobody to
+  /// take them, their packets would vanish. Fails with an error number.
+  [[nodiscard]] static std::expected<void, int> forgetTaken();
+};
 
 }  // namespace tandor

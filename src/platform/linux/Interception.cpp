@@ -11,7 +11,6 @@
 #include <fmt/format.h>
 
 #include "platform/foundation/NSLog.h"
-#include "platform/linux/ConnectionTracking.h"
 #include "platform/linux/PacketRules.h"
 #include "platform/linux/Privileges.h"
 #include "platform/linux/RoutingPolicy.h"
@@ -60,7 +59,9 @@ std::string describe(std::string_view what, int error) {
 std::expected<void, std::string> Interception::cleanUp() {
   auto removed = removePacketRules();
   removeRoutingPolicy();
-  if (auto forgotten = forgetTaken(); !forgotten && removed && forgotten.error() != EINVAL)
+  KernelPrograms::retract();
+  if (auto forgotten = ConnectionTracking::forgetTaken();
+      !forgotten && removed && forgotten.error() != EINVAL)
     return std::unexpected(describe("cannot clear connection tracking", forgotten.error()));
   return removed;
 }
@@ -78,22 +79,39 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
   // have one owner only, and the rules of a process that lives are not ours to clear.
   std::unique_ptr<Interception> interception(
       new Interception(registry));  // NOLINT(*-owning-memory): the constructor is private
-  if (auto admitting = interception->admit(backend, std::move(provider)); !admitting)
+  if (auto admitting = interception->admit(std::move(provider)); !admitting)
     return std::unexpected(admitting.error());
   if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
+  KernelPrograms* const programs = backend.kernelPrograms();
+  const std::string programsFolder = interception->chooseMemory(programs);
   if (auto listening = interception->listen(backend); !listening)
     return std::unexpected(listening.error());
-  runOn(*interception->loop_, [&] { interception->admission_->begin(); });
+  runOn(*interception->loop_,
+        [&] { interception->admission_->begin(*interception->answers_, programs); });
   if (auto routed = installRoutingPolicy(); !routed)
     return std::unexpected(describe("cannot add the routing rule", routed.error()));
-  if (auto ruled = installPacketRules(); !ruled) return std::unexpected(ruled.error());
+  if (auto ruled = installPacketRules(programsFolder); !ruled)
+    return std::unexpected(ruled.error());
   return interception;
+}
+
+std::string Interception::chooseMemory(KernelPrograms* programs) {
+  if (programs == nullptr) return {};
+  const auto folder = programs->publish();
+  if (!folder) return {};
+  if (!canCallPrograms(*folder)) {
+    KernelPrograms::retract();
+    return {};
+  }
+  answers_ = programs;
+  return *folder;
 }
 
 std::expected<void, std::string> Interception::listen(LinuxBackend& backend) {
   for (const auto& loop : backend.loops()) {
-    auto listener =
-        runOn(*loop, [&] { return TransparentListener::make(*loop, transparentPort, flows_); });
+    auto listener = runOn(*loop, [&] {
+      return TransparentListener::make(*loop, transparentPort, flows_, *answers_);
+    });
     if (!listener) {
       return std::unexpected(
           describe(fmt::format("cannot listen transparently on port {}", transparentPort),
@@ -105,13 +123,12 @@ std::expected<void, std::string> Interception::listen(LinuxBackend& backend) {
 }
 
 std::expected<void, std::string> Interception::admit(
-    LinuxBackend& backend, std::shared_ptr<NETransparentProxyProvider> provider) {
+    std::shared_ptr<NETransparentProxyProvider> provider) {
   auto loop = EpollLoop::make("tandor-admit");
   if (!loop) return std::unexpected(describe("cannot start", loop.error()));
   loop_ = std::move(*loop);
-  auto admission = runOn(*loop_, [&] {
-    return Admission::make(*loop_, std::move(provider), flows_, registry_, backend.connectProbe());
-  });
+  auto admission = runOn(
+      *loop_, [&] { return Admission::make(*loop_, std::move(provider), flows_, registry_); });
   if (!admission) return std::unexpected(admission.error());
   admission_ = std::move(*admission);
   return {};

@@ -7,6 +7,7 @@
 
 #include "platform/linux/Admission.h"
 #include "platform/linux/AnnouncedFlows.h"
+#include "platform/linux/ConnectionTracking.h"
 #include "platform/linux/FlowRegistry.h"
 #include "platform/linux/LinuxBackend.h"
 #include "platform/linux/TransparentListener.h"
@@ -32,13 +33,18 @@ class Interception {
  private:
   explicit Interception(FlowRegistry& registry) : registry_(registry) {}
 
+  /// Decides what remembers the answers of flows; returns where the packet filter finds the
+  /// programs that do, or nothing when connection tracking does.
+  [[nodiscard]] std::string chooseMemory(KernelPrograms* programs);
   [[nodiscard]] std::expected<void, std::string> listen(LinuxBackend& backend);
   [[nodiscard]] std::expected<void, std::string> admit(
-      LinuxBackend& backend, std::shared_ptr<NETransparentProxyProvider> provider);
+      std::shared_ptr<NETransparentProxyProvider> provider);
   void endFlows() const;
 
   FlowRegistry& registry_;
   const std::shared_ptr<AnnouncedFlows> flows_ = std::make_shared<AnnouncedFlows>();
+  ConnectionTracking tracking_;
+  FlowAnswers* answers_ = &tracking_;
   std::vector<std::shared_ptr<TransparentListener>> listeners_;
   std::unique_ptr<EpollLoop> loop_;  // of the admission
   std::shared_ptr<Admission> admission_;

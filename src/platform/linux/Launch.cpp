@@ -8,11 +8,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "platform/linux/Admission.h"
 #include "platform/linux/Interception.h"
 #include "platform/linux/LinuxBackend.h"
 #include "platform/linux/Privileges.h"
 #include "platform/linux/Session.h"
-#include "platform/linux/application/ConnectProbe.h"
+#include "platform/linux/kernel/KernelPrograms.h"
 #include "platform/networkextension/NETransparentProxyProvider.h"
 
 namespace tandor {
@@ -45,16 +46,16 @@ void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> argum
   }
 
   raiseDescriptorLimit();
-  auto probe = ConnectProbe::load();
-  // A capability belongs to a thread: this is the time, while there is one.
-  dropPrivileges();
   if (cleansUp) {
     if (auto clean = Interception::cleanUp(); !clean) giveUp(clean.error());
     std::exit(EXIT_SUCCESS);
   }
+  auto programs = KernelPrograms::load(Admission::mostFlows());
+  // A capability belongs to a thread: this is the time, while there is one.
+  dropPrivileges();
   auto backend = LinuxBackend::make();
   if (!backend) giveUp("cannot start: " + std::generic_category().message(backend.error()));
-  if (probe) (*backend)->setConnectProbe(std::move(*probe));
+  if (programs) (*backend)->setKernelPrograms(std::move(*programs));
   auto socket = openControlSocket(controlPath);
   if (!socket) giveUp(socket.error());
 

@@ -4,14 +4,13 @@
 #include <cstddef>
 #include <expected>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include "platform/Backend.h"
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/Resolver.h"
 #include "platform/linux/ServiceThread.h"
-#include "platform/linux/application/ConnectProbe.h"
+#include "platform/linux/kernel/KernelPrograms.h"
 
 namespace tandor {
 
@@ -35,11 +34,11 @@ class LinuxBackend final : public PlatformBackend {
   [[nodiscard]] EpollLoop& nextLoop() noexcept;
   [[nodiscard]] ServiceThread& service() noexcept { return service_; }
 
-  /// The probe that tells who connects; null where the kernel has none for us.
-  void setConnectProbe(ConnectProbe probe) { connectProbe_ = std::move(probe); }
-  [[nodiscard]] const ConnectProbe* connectProbe() const noexcept {
-    return connectProbe_ ? &*connectProbe_ : nullptr;
+  /// Our programs in the kernel; null where it has none for us.
+  void setKernelPrograms(std::unique_ptr<KernelPrograms> programs) {
+    kernelPrograms_ = std::move(programs);
   }
+  [[nodiscard]] KernelPrograms* kernelPrograms() noexcept { return kernelPrograms_.get(); }
 
  private:
   LinuxBackend() = default;
@@ -48,7 +47,7 @@ class LinuxBackend final : public PlatformBackend {
   Resolver resolver_;
   std::vector<std::unique_ptr<EpollLoop>> loops_;
   std::atomic<std::size_t> turn_{0};
-  std::optional<ConnectProbe> connectProbe_;
+  std::unique_ptr<KernelPrograms> kernelPrograms_;
 };
 
 }  // namespace tandor

@@ -15,15 +15,40 @@
 namespace tandor {
 namespace {
 
-/// The rules, for iptables-restore. The jumps are appended, so that other software's marks apply
-/// first. LEAVE is written to the connection before the packet is queued: should the answer be to
-/// leave the flow, it costs nothing from then on. A packet goes on from the queue at the next hook,
-/// so what follows a queueing rule in its chain never sees it. Of TCP every SYN is asked: a reused
-/// pair of addresses must not inherit an old answer. TAKE is saved on lo, by the first packet that
-/// comes back from there: few packets get that far, and those of others pass one rule a hook.
-std::string rules() {
-  return fmt::format(
-      R"(*mangle
+// The rules, for iptables-restore. The jumps are appended, so that other software's marks apply
+// first. A packet goes on from the queue at the next hook, so what follows a queueing rule in its
+// chain never sees it. Of TCP every SYN is asked: a reused pair of addresses must not inherit an
+// old answer. That a flow is taken is remembered by its first packet on lo: few packets get there,
+// and those of others pass one rule a hook.
+
+/// Answers are remembered by our programs in the kernel.
+constexpr std::string_view mangleWithPrograms = R"(*mangle
+:TANDOR_OUTPUT - [0:0]
+:TANDOR_TAKE - [0:0]
+:TANDOR_ASK - [0:0]
+:TANDOR_PRE - [0:0]
+:TANDOR_INPUT - [0:0]
+-A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -p udp -m bpf --object-pinned {programs}/noteOwn
+-A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -j RETURN
+-A TANDOR_OUTPUT -m bpf --object-pinned {programs}/isTaken -g TANDOR_TAKE
+-A TANDOR_OUTPUT -p tcp --syn -g TANDOR_ASK
+-A TANDOR_OUTPUT -p udp -m bpf --object-pinned {programs}/isNew -g TANDOR_ASK
+-A TANDOR_TAKE -j MARK --set-xmark {take:#x}/{mask:#x}
+-A TANDOR_ASK -m addrtype ! --dst-type UNICAST -j RETURN
+-A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
+-A TANDOR_PRE -p tcp ! --syn -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -p tcp -m bpf --object-pinned {programs}/noteTaken -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_INPUT -m bpf --object-pinned {programs}/noteHeard
+-A OUTPUT ! -o lo -j TANDOR_OUTPUT
+-A INPUT ! -i lo -p udp -j TANDOR_INPUT
+-A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
+COMMIT
+)";
+
+/// Answers are marks of tracked connections. LEAVE is written before the packet is queued: should
+/// that be the answer, the flow costs nothing from then on.
+constexpr std::string_view mangleWithTracking = R"(*mangle
 :TANDOR_OUTPUT - [0:0]
 :TANDOR_OWN - [0:0]
 :TANDOR_ASK - [0:0]
@@ -47,16 +72,23 @@ std::string rules() {
 -A OUTPUT -j TANDOR_OUTPUT
 -A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
 COMMIT
-*filter
+)";
+
+constexpr std::string_view filter = R"(*filter
 :TANDOR_REFUSE - [0:0]
 -A TANDOR_REFUSE -p tcp -j REJECT --reject-with tcp-reset
 -A TANDOR_REFUSE -j REJECT --reject-with icmp-port-unreachable
 -A OUTPUT -m mark --mark {refuse:#x}/{mask:#x} -j TANDOR_REFUSE
 COMMIT
-)",
-      fmt::arg("bypass", bypassMark), fmt::arg("leave", leaveMark), fmt::arg("take", takeMark),
-      fmt::arg("refuse", refuseMark), fmt::arg("mask", markMask),
-      fmt::arg("queue", packetQueueNumber), fmt::arg("port", transparentPort));
+)";
+
+std::string rules(const std::string& programs) {
+  const std::string_view mangle = programs.empty() ? mangleWithTracking : mangleWithPrograms;
+  return fmt::format(fmt::runtime(fmt::format("{}{}", mangle, filter)),
+                     fmt::arg("programs", programs), fmt::arg("bypass", bypassMark),
+                     fmt::arg("leave", leaveMark), fmt::arg("take", takeMark),
+                     fmt::arg("refuse", refuseMark), fmt::arg("mask", markMask),
+                     fmt::arg("queue", packetQueueNumber), fmt::arg("port", transparentPort));
 }
 
 std::expected<SubprocessResult, std::string> run(const std::vector<std::string>& arguments,
@@ -113,9 +145,19 @@ std::expected<std::string, std::string> removal(const std::string& table) {
 
 }  // namespace
 
-std::expected<void, std::string> installPacketRules() {
+bool canCallPrograms(const std::string& folder) {
+  constexpr std::string_view trial = R"(*mangle
+:TANDOR_TRIAL - [0:0]
+-A TANDOR_TRIAL -m bpf --object-pinned {}/isTaken
+COMMIT
+)";
+  const bool canCall = restore(fmt::format(fmt::runtime(trial), folder)).has_value();
+  return removePacketRules().has_value() && canCall;
+}
+
+std::expected<void, std::string> installPacketRules(const std::string& programs) {
   if (auto removed = removePacketRules(); !removed) return removed;
-  auto installed = restore(rules());
+  auto installed = restore(rules(programs));
   // One table may have been committed before the other failed.
   if (!installed) static_cast<void>(removePacketRules());
   return installed;

@@ -11,10 +11,14 @@ namespace tandor {
 inline constexpr std::uint16_t packetQueueNumber = 77;
 inline constexpr std::uint16_t transparentPort = 15001;
 
+/// Can the packet filter call the programs that have their names in `folder`?
+[[nodiscard]] bool canCallPrograms(const std::string& folder);
+
 /// Puts the packet filter's rules in force, in chains of our own, after clearing what an earlier
-/// process left. All of one table come at once or not at all. Fails with the words for the user,
+/// process left. They call the programs in the folder `programs`, or use connection tracking when
+/// that is empty. All of one table come at once or not at all. Fails with the words for the user,
 /// naming the tool or the feature that is missing.
-[[nodiscard]] std::expected<void, std::string> installPacketRules();
+[[nodiscard]] std::expected<void, std::string> installPacketRules(const std::string& programs);
 
 /// Takes every rule and chain of ours away; nothing there is no failure.
 [[nodiscard]] std::expected<void, std::string> removePacketRules();

@@ -10,7 +10,6 @@
 #include <sys/uio.h>
 #include <utility>
 
-#include "platform/linux/ConnectionTracking.h"
 #include "platform/linux/DatagramSocket.h"
 #include "platform/linux/StreamSocket.h"
 
@@ -67,7 +66,8 @@ std::optional<IPv4Endpoint> originalDestination(msghdr& message) {
 }  // namespace
 
 std::expected<std::shared_ptr<TransparentListener>, int> TransparentListener::make(
-    EpollLoop& loop, std::uint16_t port, std::shared_ptr<AnnouncedFlows> flows) {
+    EpollLoop& loop, std::uint16_t port, std::shared_ptr<AnnouncedFlows> flows,
+    FlowAnswers& answers) {
   const IPv4Endpoint local{INADDR_LOOPBACK, port};
   auto tcp = makeTransparent(SOCK_STREAM, local, SO_REUSEPORT);
   if (!tcp) return std::unexpected(tcp.error());
@@ -79,15 +79,17 @@ std::expected<std::shared_ptr<TransparentListener>, int> TransparentListener::ma
   if (!setOption(*tcp, IPPROTO_TCP, TCP_NODELAY) || ::listen(tcp->get(), SOMAXCONN) != 0 ||
       !setOption(*udp, SOL_IP, IP_RECVORIGDSTADDR))
     return std::unexpected(errno);
-  auto listener =
-      makeResident<TransparentListener>(loop, std::move(flows), std::move(*tcp), std::move(*udp));
+  auto listener = makeResident<TransparentListener>(loop, std::move(flows), answers,
+                                                    std::move(*tcp), std::move(*udp));
   if (const int error = listener->watch(); error != 0) return std::unexpected(error);
   return listener;
 }
 
 TransparentListener::TransparentListener(EpollLoop& loop, std::shared_ptr<AnnouncedFlows> flows,
-                                         FileDescriptor tcp, FileDescriptor udp)
+                                         FlowAnswers& answers, FileDescriptor tcp,
+                                         FileDescriptor udp)
     : flows_(std::move(flows)),
+      answers_(answers),
       tcp_(std::move(tcp), EpollLoop::Call::to<&TransparentListener::accept>(this)),
       udp_(std::move(udp), EpollLoop::Call::to<&TransparentListener::receive>(this)),
       retry_(loop, EpollLoop::Call::to<&TransparentListener::accept>(this)) {
@@ -163,7 +165,7 @@ void TransparentListener::receive() {
     const auto [flow, isFirst] = flows_->recipient(key);
     if (flow == nullptr) {
       // Its flow has ended; the next datagram is a new flow's first.
-      forgetTracked(key);
+      answers_.forget(key);
       continue;
     }
     if (isFirst) attachNew(flow);

@@ -9,6 +9,7 @@
 #include "platform/linux/AnnouncedFlows.h"
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/FlowAnswers.h"
 
 namespace tandor {
 
@@ -17,13 +18,14 @@ namespace tandor {
 /// whatever was not announced is refused. Belongs to the loop's thread.
 class TransparentListener final : public EpollLoop::Resident {
  public:
-  /// Listens at `port` of the loopback address, as one of several loops that share it. Fails with
-  /// an error number.
+  /// Listens at `port` of the loopback address, as one of several loops that share it. `answers`
+  /// outlives it. Fails with an error number.
   [[nodiscard]] static std::expected<std::shared_ptr<TransparentListener>, int> make(
-      EpollLoop& loop, std::uint16_t port, std::shared_ptr<AnnouncedFlows> flows);
+      EpollLoop& loop, std::uint16_t port, std::shared_ptr<AnnouncedFlows> flows,
+      FlowAnswers& answers);
 
-  TransparentListener(EpollLoop& loop, std::shared_ptr<AnnouncedFlows> flows, FileDescriptor tcp,
-                      FileDescriptor udp);
+  TransparentListener(EpollLoop& loop, std::shared_ptr<AnnouncedFlows> flows, FlowAnswers& answers,
+                      FileDescriptor tcp, FileDescriptor udp);
   ~TransparentListener() override;
   TransparentListener(const TransparentListener&) = delete;
   TransparentListener& operator=(const TransparentListener&) = delete;
@@ -54,6 +56,7 @@ class TransparentListener final : public EpollLoop::Resident {
   void attachNew(const std::shared_ptr<SocketUDPFlow>& flow);
 
   std::shared_ptr<AnnouncedFlows> flows_;
+  FlowAnswers& answers_;
   Socket tcp_;
   Socket udp_;
   /// Flows whose first datagram came just now; their sockets are read after the listener is empty.

@@ -116,7 +116,7 @@ std::optional<SocketOwner> SocketOwners::confirm(Place place, ino_t inode) {
   return found(known, place.descriptor);
 }
 
-std::optional<SocketOwner> SocketOwners::identify(const ConnectProbe::Connector& connector) {
+std::optional<SocketOwner> SocketOwners::identify(const Connector& connector) {
   static const auto nanosecondsATick =
       std::uint64_t{1'000'000'000} / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
   const auto isMeant = [&](Recent& recent) {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/linux/FileDescriptor.h"
-#include "platform/linux/application/ConnectProbe.h"
+#include "platform/linux/application/Connector.h"
 #include "platform/linux/application/ProcessDirectory.h"
 
 namespace tandor {
@@ -35,8 +35,8 @@ class SocketOwners {
 
   SocketOwners();
 
-  /// The process that the probe has noted, if it still is there.
-  [[nodiscard]] std::optional<SocketOwner> identify(const ConnectProbe::Connector& connector);
+  /// The process that was seen to connect a socket, if it still is there.
+  [[nodiscard]] std::optional<SocketOwner> identify(const Connector& connector);
 
   /// Looks where sockets were found lately, at the newest processes, and at those of the socket's
   /// cgroup (its number in the unified hierarchy, 0 for unknown). Takes microseconds. Absent when a

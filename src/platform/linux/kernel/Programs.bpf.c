@@ -1,0 +1,263 @@
+// What runs in the kernel: for the packet filter, whether a packet belongs to a flow that is taken
+// or has its answer; and, watching TCP's sockets, who connects and which taken flows are over. None
+// of it changes a packet or a socket.
+
+#include <linux/bpf.h>
+#include <linux/in.h>
+#include <stdbool.h>
+
+#include <bpf/bpf_core_read.h>
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+
+#include "ProgramTypes.h"
+
+const char licence[] SEC("license") = "GPL";
+
+const volatile struct ProgramSurroundings surroundings;
+
+// The kernel's structures, as far as they are read. Where each member lies is found out at loading.
+
+struct ns_common {
+  unsigned int inum;
+} __attribute__((preserve_access_index));
+struct net {
+  struct ns_common ns;
+} __attribute__((preserve_access_index));
+typedef struct {
+  struct net* net;
+} possible_net_t;
+struct sock_common {
+  __u32 skc_daddr;
+  __u32 skc_rcv_saddr;
+  __u16 skc_dport;
+  possible_net_t skc_net;
+} __attribute__((preserve_access_index));
+struct socket;
+struct sock {
+  struct sock_common __sk_common;
+  struct socket* sk_socket;
+} __attribute__((preserve_access_index));
+struct inet_sock {
+  struct sock sk;
+  __u16 inet_sport;
+} __attribute__((preserve_access_index));
+struct inode {
+  unsigned long i_ino;
+} __attribute__((preserve_access_index));
+struct socket_alloc {  // begins with the socket
+  struct inode vfs_inode;
+} __attribute__((preserve_access_index));
+struct task_struct {
+  struct task_struct* group_leader;
+  __u64 start_boottime;
+  __u64 self_exec_id;
+} __attribute__((preserve_access_index));
+
+enum { stateSynSent = 2, stateClose = 7 };
+enum { applicationGone = 1, relayGone = 2, bothGone = 3 };
+
+/// Flows that were taken. Those of TCP come with the SYN that reaches the relay's side and go with
+/// the later one of both sockets: what the kernel itself sends for a socket that is no more still
+/// has to find the other. Those of UDP come and go with the daemon's word.
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(map_flags, BPF_F_NO_PREALLOC);
+  __uint(max_entries, 1);  // the daemon says how many
+  __type(key, struct FlowAddresses);
+  __type(value, struct TakenFlow);
+} takenFlows SEC(".maps");
+
+/// The UDP flows that were left alone, and the daemon's own: each with the cookie of its socket,
+/// since another one with the same addresses is a flow of its own.
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 65536);
+  __type(key, struct FlowAddresses);
+  __type(value, __u64);
+} leftFlows SEC(".maps");
+
+/// UDP flows that their peers began, and when these spoke last: no answer to them is a new flow.
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 65536);
+  __type(key, struct FlowAddresses);
+  __type(value, __u64);
+} heardPeers SEC(".maps");
+
+/// The sockets that connected last, each at the lowest bits of its inode.
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(map_flags, BPF_F_MMAPABLE);
+  __uint(max_entries, notedConnectors);
+  __type(key, __u32);
+  __type(value, struct NotedConnector);
+} connectors SEC(".maps");
+
+static const __u64 longestSilence = 120ULL * 1000 * 1000 * 1000;
+
+/// The addresses of an IPv4 packet, as the packet filter shows it: the header comes first.
+static __always_inline bool readAddresses(struct __sk_buff* packet, struct FlowAddresses* flow) {
+  __u8 header[20];
+  if (bpf_skb_load_bytes(packet, 0, header, sizeof header) != 0) return false;
+  __u32 ports = 0;
+  if (bpf_skb_load_bytes(packet, (header[0] & 0xF) * 4, &ports, sizeof ports) != 0) return false;
+  __builtin_memcpy(&flow->source, header + 12, sizeof flow->source);
+  __builtin_memcpy(&flow->destination, header + 16, sizeof flow->destination);
+  __builtin_memcpy(&flow->sourcePort, &ports, sizeof ports);
+  flow->protocol = header[9];
+  return true;
+}
+
+static __always_inline bool isSyn(struct __sk_buff* packet) {
+  enum { flagsOffset = 13, syn = 2 };
+  __u8 headerLength = 0;
+  __u8 flags = 0;
+  return bpf_skb_load_bytes(packet, 0, &headerLength, 1) == 0 &&
+         bpf_skb_load_bytes(packet, (headerLength & 0xF) * 4 + flagsOffset, &flags, 1) == 0 &&
+         (flags & syn) != 0;
+}
+
+static __always_inline struct FlowAddresses reversed(const struct FlowAddresses* flow) {
+  return (struct FlowAddresses){.source = flow->destination,
+                                .destination = flow->source,
+                                .sourcePort = flow->destinationPort,
+                                .destinationPort = flow->sourcePort,
+                                .protocol = flow->protocol};
+}
+
+static __always_inline bool isLeft(struct __sk_buff* packet, const struct FlowAddresses* flow) {
+  const __u64* cookie = bpf_map_lookup_elem(&leftFlows, flow);
+  return cookie != NULL && *cookie == bpf_get_socket_cookie(packet);
+}
+
+/// Outgoing: does the packet belong to a taken flow?
+SEC("socket")
+int isTaken(struct __sk_buff* packet) {
+  struct FlowAddresses flow;
+  if (!readAddresses(packet, &flow)) return false;
+  const struct TakenFlow* taken = bpf_map_lookup_elem(&takenFlows, &flow);
+  if (taken == NULL) return false;
+  if (flow.protocol == IPPROTO_UDP) return taken->cookie == bpf_get_socket_cookie(packet);
+  // A connection that begins must not inherit the answer of an older one.
+  if (!isSyn(packet)) return true;
+  bpf_map_delete_elem(&takenFlows, &flow);
+  return false;
+}
+
+/// Outgoing, of UDP, not taken: does the datagram begin a flow?
+SEC("socket")
+int isNew(struct __sk_buff* packet) {
+  struct FlowAddresses flow;
+  if (!readAddresses(packet, &flow) || isLeft(packet, &flow)) return false;
+  const __u64* heard = bpf_map_lookup_elem(&heardPeers, &flow);
+  return heard == NULL || bpf_ktime_get_ns() - *heard > longestSilence;
+}
+
+/// Outgoing, of UDP, the daemon's own: nobody is asked, but what comes back is an answer.
+SEC("socket")
+int noteOwn(struct __sk_buff* packet) {
+  struct FlowAddresses flow;
+  if (!readAddresses(packet, &flow) || isLeft(packet, &flow)) return false;
+  const __u64 cookie = bpf_get_socket_cookie(packet);
+  bpf_map_update_elem(&leftFlows, &flow, &cookie, BPF_ANY);
+  return true;
+}
+
+/// Incoming, of UDP.
+SEC("socket")
+int noteHeard(struct __sk_buff* packet) {
+  struct FlowAddresses heard;
+  if (!readAddresses(packet, &heard)) return false;
+  const struct FlowAddresses flow = reversed(&heard);
+  if (bpf_map_lookup_elem(&leftFlows, &flow) != NULL ||
+      bpf_map_lookup_elem(&takenFlows, &flow) != NULL)
+    return false;
+  const __u64 now = bpf_ktime_get_ns();
+  __u64* last = bpf_map_lookup_elem(&heardPeers, &flow);
+  if (last != NULL) {
+    *last = now;
+  } else {
+    bpf_map_update_elem(&heardPeers, &flow, &now, BPF_ANY);
+  }
+  return true;
+}
+
+/// A taken SYN, on the relay's side.
+SEC("socket")
+int noteTaken(struct __sk_buff* packet) {
+  struct FlowAddresses flow;
+  if (!readAddresses(packet, &flow)) return false;
+  const struct TakenFlow taken = {};
+  bpf_map_update_elem(&takenFlows, &flow, &taken, BPF_ANY);
+  return true;
+}
+
+static __always_inline bool isOfThisNetwork(const struct sock* socket) {
+  return BPF_CORE_READ(socket, __sk_common.skc_net.net, ns.inum) == surroundings.networkNamespace;
+}
+
+static __always_inline struct FlowAddresses addressesOf(struct sock* socket) {
+  return (struct FlowAddresses){
+      .source = BPF_CORE_READ(socket, __sk_common.skc_rcv_saddr),
+      .destination = BPF_CORE_READ(socket, __sk_common.skc_daddr),
+      // The socket's own note of its port is gone by the time that it is destroyed.
+      .sourcePort = BPF_CORE_READ((struct inet_sock*)socket, inet_sport),
+      .destinationPort = BPF_CORE_READ(socket, __sk_common.skc_dport),
+      .protocol = IPPROTO_TCP};
+}
+
+static __always_inline void noteConnector(struct sock* socket) {
+  struct bpf_pidns_info process;
+  if (bpf_get_ns_current_pid_tgid(surroundings.processNamespaceDevice,
+                                  surroundings.processNamespace, &process, sizeof process) != 0 ||
+      process.tgid == surroundings.daemon || !isOfThisNetwork(socket))
+    return;
+  const struct socket_alloc* file = (const void*)BPF_CORE_READ(socket, sk_socket);
+  const __u64 inode = BPF_CORE_READ(file, vfs_inode.i_ino);
+  const __u32 place = inode % notedConnectors;
+  struct NotedConnector* noted = bpf_map_lookup_elem(&connectors, &place);
+  if (noted == NULL) return;
+  const struct task_struct* task = (const void*)bpf_get_current_task();
+  // The inode goes first and comes last: who reads it twice has what lies between.
+  __sync_lock_test_and_set(&noted->inode, 0);
+  noted->process = process.tgid;
+  noted->startTime = BPF_CORE_READ(task, group_leader, start_boottime);
+  noted->program = BPF_CORE_READ(task, self_exec_id);
+  __sync_lock_test_and_set(&noted->inode, inode);
+}
+
+/// A socket of TCP changes its state: the socket, the old state, the new one.
+SEC("raw_tp/inet_sock_set_state")
+int stateChanges(struct bpf_raw_tracepoint_args* context) {
+  struct sock* socket = (struct sock*)context->args[0];
+  const __u64 oldState = context->args[1];
+  const __u64 newState = context->args[2];
+  if (newState == stateSynSent) {
+    noteConnector(socket);
+  } else if (newState == stateClose && oldState == stateSynSent && isOfThisNetwork(socket)) {
+    // It never got a partner that could end after it.
+    const struct FlowAddresses flow = addressesOf(socket);
+    bpf_map_delete_elem(&takenFlows, &flow);
+  }
+  return 0;
+}
+
+static __always_inline void noteGone(const struct FlowAddresses* flow, __u64 end) {
+  struct TakenFlow* taken = bpf_map_lookup_elem(&takenFlows, flow);
+  if (taken == NULL) return;
+  if ((__sync_fetch_and_or(&taken->endsGone, end) | end) == bothGone)
+    bpf_map_delete_elem(&takenFlows, flow);
+}
+
+/// A socket of TCP is destroyed.
+SEC("raw_tp/tcp_destroy_sock")
+int isDestroyed(struct bpf_raw_tracepoint_args* context) {
+  struct sock* socket = (struct sock*)context->args[0];
+  if (!isOfThisNetwork(socket)) return 0;
+  const struct FlowAddresses addresses = addressesOf(socket);
+  noteGone(&addresses, applicationGone);
+  const struct FlowAddresses flow = reversed(&addresses);
+  noteGone(&flow, relayGone);
+  return 0;
+}
