@@ -118,6 +118,7 @@ void Admission::packetArrived(const PacketQueue::Packet& packet) {
     queue_->accept(packet, takeMark);  // one more of a flow that has its answer
     return;
   }
+  if (programs_ != nullptr && key.protocol == IPPROTO_TCP && concludeQuickly(packet)) return;
   const auto facts = diagnosis_.find(key, packet.interface);
   // A flow without a process, or bound to an interface, cannot be ours: the one belongs to nobody,
   // the other cannot be rerouted.
@@ -126,7 +127,7 @@ void Admission::packetArrived(const PacketQueue::Packet& packet) {
     conclude(key, facts.value_or(SocketFacts{}), nullptr, {&packet, 1});
     return;
   }
-  if (const auto owner = ownerOf(key, *facts)) {
+  if (const auto owner = owners_.findQuickly(facts->inode, facts->cgroup)) {
     conclude(key, *facts, &*owner, {&packet, 1});
     return;
   }
@@ -134,13 +135,17 @@ void Admission::packetArrived(const PacketQueue::Packet& packet) {
   searchOwners();
 }
 
-std::optional<SocketOwner> Admission::ownerOf(const FlowKey& key, const SocketFacts& facts) {
-  if (programs_ != nullptr && key.protocol == IPPROTO_TCP) {
-    if (const auto connector = programs_->connectorOf(facts.inode))
-      if (auto owner = owners_.identify(*connector)) return owner;
-    // A process that has ended may have left its socket to another one.
+bool Admission::concludeQuickly(const PacketQueue::Packet& packet) {
+  const auto connector = programs_->connectorOf(packet.flow);
+  if (!connector) return false;
+  if (connector->interface != 0) {
+    conclude(packet.flow, {}, nullptr, {&packet, 1});
+    return true;
   }
-  return owners_.findQuickly(facts.inode, facts.cgroup);
+  const auto owner = owners_.identify(*connector);
+  if (!owner) return false;  // it has ended; and may have left its socket to another one
+  conclude(packet.flow, {}, &*owner, {&packet, 1});
+  return true;
 }
 
 void Admission::searchOwners() {

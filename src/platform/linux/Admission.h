@@ -56,8 +56,8 @@ class Admission final : public EpollLoop::Resident,
   void packetArrived(const PacketQueue::Packet& packet) override;
   void socketDestroyed(std::uint64_t cookie) override;
 
-  /// Absent when only a search everywhere can tell.
-  [[nodiscard]] std::optional<SocketOwner> ownerOf(const FlowKey& key, const SocketFacts& facts);
+  /// Concludes when the programs in the kernel saw who connects; false when they did not.
+  [[nodiscard]] bool concludeQuickly(const PacketQueue::Packet& packet);
   void searchOwners();
   void ownersFound(const std::vector<ino_t>& searched, const SocketOwners::Places& places);
   void conclude(const FlowKey& key, const SocketFacts& facts, const SocketOwner* owner,

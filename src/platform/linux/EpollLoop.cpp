@@ -32,6 +32,14 @@ void EpollLoop::TaskList::append(Task& task) noexcept {
   previous_ = &task;
 }
 
+void EpollLoop::TaskList::prepend(Task& task) noexcept {
+  task.unlink();
+  task.next_ = next_;
+  task.previous_ = this;
+  next_->previous_ = &task;
+  next_ = &task;
+}
+
 bool EpollLoop::TaskList::runFirst() {
   if (isEmpty()) return false;
   auto& task = static_cast<Task&>(*next_);  // all but the list itself are tasks

@@ -173,6 +173,11 @@ class EpollLoop final : public EventLoop {
   void schedule(Task& task) noexcept { completions_.append(task); }
   /// Runs `task` in this turn or the next, after the completions.
   void defer(Task& task) noexcept { deferred_.append(task); }
+  /// The same, before all that is deferred already.
+  void hurry(Task& task) noexcept { deferred_.prepend(task); }
+
+  /// Did several descriptors become ready at once? Then what saves work comes before what is prompt.
+  [[nodiscard]] bool isBusy() const noexcept { return eventCount_ > 1; }
 
   [[nodiscard]] BufferPool& buffers() noexcept { return buffers_; }
   [[nodiscard]] PipePool& pipes() noexcept { return pipes_; }
@@ -181,6 +186,7 @@ class EpollLoop final : public EventLoop {
   class TaskList final : public Link {
    public:
     void append(Task& task) noexcept;
+    void prepend(Task& task) noexcept;
     /// Runs the first task; false when there is none.
     bool runFirst();
     [[nodiscard]] bool isEmpty() const noexcept { return next_ == this; }

@@ -123,7 +123,8 @@ void PacketQueue::receive() {
     const auto* message = reinterpret_cast<const nlmsghdr*>(messages_[index].data());
     if (::mnl_nlmsg_ok(message, static_cast<int>(headers[index].msg_len))) handle(*message);
   }
-  loop_.defer(receive_);  // until the socket is empty
+  // Fewer than asked for were all: the next one is announced by a new edge.
+  if (static_cast<std::size_t>(count) == batchSize) loop_.defer(receive_);
 }
 
 void PacketQueue::handle(const nlmsghdr& message) {
@@ -153,7 +154,9 @@ void PacketQueue::accept(const Packet& packet, std::uint32_t decision) {
   alignas(nlmsghdr) std::array<char, 128> buffer{};
   nlmsghdr* message = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
   ::nfq_nlmsg_verdict_put(message, static_cast<int>(packet.id), NF_ACCEPT);
-  ::nfq_nlmsg_verdict_put_mark(message, (packet.mark & ~markMask) | decision);
+  // Another mark makes the kernel look for the packet's route again.
+  if (decision != leaveMark)
+    ::nfq_nlmsg_verdict_put_mark(message, (packet.mark & ~markMask) | decision);
   const auto* bytes = reinterpret_cast<const std::byte*>(message);
   verdicts_.insert(verdicts_.end(), bytes, bytes + NLMSG_ALIGN(message->nlmsg_len));
   loop_.schedule(send_);

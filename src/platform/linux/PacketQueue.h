@@ -48,8 +48,8 @@ class PacketQueue final : private EpollLoop::Source {
   PacketQueue& operator=(const PacketQueue&) = delete;
   ~PacketQueue();
 
-  /// Lets the packet go on, with `decision` in our nibble of its mark and its other bits unchanged.
-  /// Leaves with the other verdicts of this turn.
+  /// Lets the packet go on: untouched for leaveMark, else with `decision` in our nibble of its mark
+  /// and its other bits unchanged. Leaves with the other verdicts of this turn.
   void accept(const Packet& packet, std::uint32_t decision);
 
  private:

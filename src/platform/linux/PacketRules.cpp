@@ -27,7 +27,7 @@ constexpr std::string_view mangleWithPrograms = R"(*mangle
 :TANDOR_TAKE - [0:0]
 :TANDOR_ASK - [0:0]
 :TANDOR_PRE - [0:0]
-:TANDOR_INPUT - [0:0]
+:TANDOR_HEAR - [0:0]
 -A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -p udp -m bpf --object-pinned {programs}/noteOwn
 -A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -j RETURN
 -A TANDOR_OUTPUT -m bpf --object-pinned {programs}/isTaken -g TANDOR_TAKE
@@ -35,14 +35,15 @@ constexpr std::string_view mangleWithPrograms = R"(*mangle
 -A TANDOR_OUTPUT -p udp -m bpf --object-pinned {programs}/isNew -g TANDOR_ASK
 -A TANDOR_TAKE -j MARK --set-xmark {take:#x}/{mask:#x}
 -A TANDOR_ASK -m addrtype ! --dst-type UNICAST -j RETURN
+-A TANDOR_ASK -p tcp -m bpf --object-pinned {programs}/noteAsked
 -A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
 -A TANDOR_PRE -p tcp ! --syn -j TPROXY --on-ip 127.0.0.1 --on-port {port}
 -A TANDOR_PRE -p tcp -m bpf --object-pinned {programs}/noteTaken -j TPROXY --on-ip 127.0.0.1 --on-port {port}
 -A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {port}
--A TANDOR_INPUT -m bpf --object-pinned {programs}/noteHeard
+-A TANDOR_HEAR -m bpf --object-pinned {programs}/noteHeard
 -A OUTPUT ! -o lo -j TANDOR_OUTPUT
--A INPUT ! -i lo -p udp -j TANDOR_INPUT
 -A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
+-A PREROUTING ! -i lo -p udp -m addrtype --dst-type LOCAL -j TANDOR_HEAR
 COMMIT
 )";
 

@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cerrno>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/uio.h>
 #include <utility>
 
@@ -15,6 +17,15 @@ constexpr std::size_t bulk = std::size_t{32} * 1024;
 /// towards a slow reader would otherwise hold a whole buffer a piece.
 constexpr std::size_t slicesThatMayWait = 4;
 constexpr std::size_t smallSlice = BufferPool::bufferSize / 4;
+
+/// How often others have their turn before a new connection is one that has nothing to say yet:
+/// once for who is told of it to ask for bytes, once for these to be read.
+constexpr std::uint8_t stepsToFirstBytes = 3;
+
+void setPromptAcknowledgement(const FileDescriptor& socket, bool isPrompt) noexcept {
+  const int option = isPrompt ? 1 : 0;
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_QUICKACK, &option, sizeof option);
+}
 
 }  // namespace
 
@@ -42,6 +53,8 @@ int StreamSocket::adopt(FileDescriptor socket) {
 
 int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, socklen_t length) {
   prepare(socket);
+  // The last packet of the handshake waits for the first bytes and goes with them.
+  setPromptAcknowledgement(socket, false);
   if (::connect(socket.get(), &address, length) != 0 && errno != EINPROGRESS) return errno;
   if (!loop_.add(socket.get(), *this)) return errno;
   socket_ = std::move(socket);
@@ -54,6 +67,9 @@ void StreamSocket::read(std::size_t maximum) {
   readMaximum_ = maximum;
   if (!input_.isEmpty() || hasEnded_) {
     loop_.schedule(completion_);
+  } else if (isReadable_ && isReadUntilEmpty_ && loop_.isBusy()) {
+    // The end, which is about to be found, can leave in one packet with the last bytes.
+    loop_.hurry(transfer_);
   } else if (isReadable_) {
     loop_.defer(transfer_);
   }
@@ -92,6 +108,8 @@ void StreamSocket::ready(std::uint32_t events) {
     isWritable_ = true;
     isReadable_ = (events & EPOLLIN) != 0;
     isReadUntilEmpty_ = (events & (EPOLLRDHUP | EPOLLPRI)) != 0;
+    greetingPatience_ = stepsToFirstBytes;
+    loop_.defer(transfer_);
     owner_.streamDidConnect(0);
     return;
   }
@@ -139,7 +157,18 @@ bool StreamSocket::isOutputAccepted() const noexcept {
   return output_.size() == 1 && PipePool::holding(output_.front()) != nullptr;
 }
 
+void StreamSocket::greet() {
+  if (outputBytes_ > 0) {
+    greetingPatience_ = 0;
+  } else if (--greetingPatience_ > 0) {
+    loop_.defer(transfer_);
+  } else {
+    setPromptAcknowledgement(socket_, true);  // there are none: the peer may be the one to begin
+  }
+}
+
 void StreamSocket::transfer() {
+  if (greetingPatience_ > 0) greet();
   if (outputBytes_ > 0 && isWritable_) flush();
   if (phase_ == Phase::finishing) {
     linger();
@@ -199,7 +228,9 @@ ssize_t StreamSocket::sendSome(std::size_t first, std::size_t& asked) {
   msghdr message{};
   message.msg_iov = pieces.data();
   message.msg_iovlen = count;
-  return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  const bool isLast = (isWriteEnding_ || phase_ == Phase::finishing) && asked == outputBytes_;
+  return ::sendmsg(socket_.get(), &message,
+                   MSG_NOSIGNAL | MSG_DONTWAIT | (isLast ? MSG_MORE : 0));
 }
 
 void StreamSocket::failWriting(int error) {

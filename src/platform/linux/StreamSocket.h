@@ -107,6 +107,7 @@ class StreamSocket final : private EpollLoop::Source {
   /// much that was.
   [[nodiscard]] ssize_t sendSome(std::size_t first, std::size_t& asked);
   void fill();
+  void greet();
   [[nodiscard]] ssize_t receiveIntoMemory();
   [[nodiscard]] ssize_t receiveIntoPipe(PipePool::Pipe& pipe);
   [[nodiscard]] Data takeInput();
@@ -138,7 +139,8 @@ class StreamSocket final : private EpollLoop::Source {
   Data input_;  // read but not yet handed out
 
   // Writing.
-  bool isWriteWanted_ = false;  // a write waits for its answer
+  std::uint8_t greetingPatience_ = 0;  // steps that the last word of the handshake may still wait
+  bool isWriteWanted_ = false;         // a write waits for its answer
   bool isWritable_ = false;
   bool isWriteEnding_ = false;  // the sending side is shut down when all has left
   int writeError_ = 0;

@@ -54,9 +54,7 @@ void StreamSocket::finishWriting() {
 
 void StreamSocket::finish(Peer peer) {
   if (phase_ == Phase::finishing) return;
-  const bool hasNothingToSay = hasEnded_ && outputBytes_ == 0;
-  if (phase_ != Phase::open || hasNothingToSay) {
-    if (isOpen()) setResetOnClose(socket_, false);
+  if (phase_ != Phase::open) {
     close();
     return;
   }
@@ -65,7 +63,9 @@ void StreamSocket::finish(Peer peer) {
   completion_.unlink();
   dropInput();
   linger_ = std::make_unique<Linger>(*this, owner_.streamReference(), peer);
-  linger_->timer.start(lingerCheck);
+  // Where both sides have ended there is nothing to wait for. But what the end is about, bytes to
+  // another socket, goes first.
+  if (!hasEnded_ || outputBytes_ > 0) linger_->timer.start(lingerCheck);
   loop_.defer(transfer_);
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <linux/magic.h>
 #include <netinet/in.h>
@@ -23,7 +24,7 @@ namespace tandor {
 namespace {
 
 constexpr const char* namesRoot = "/sys/fs/bpf";
-constexpr std::size_t connectorsBytes = notedConnectors * sizeof(NotedConnector);
+constexpr std::size_t askedFlowsBytes = rememberedConnectors * sizeof(AskedFlow);
 
 /// The file system for names of programs is there on every machine that systemd has started; on
 /// others it is usual that who needs it mounts it.
@@ -68,8 +69,8 @@ void KernelPrograms::Free::operator()(bpf_object* object) const noexcept {
   bpf_object__close(object);
 }
 
-void KernelPrograms::Free::operator()(NotedConnector* connectors) const noexcept {
-  ::munmap(connectors, connectorsBytes);
+void KernelPrograms::Free::operator()(AskedFlow* flows) const noexcept {
+  ::munmap(flows, askedFlowsBytes);
 }
 
 std::expected<std::unique_ptr<KernelPrograms>, int> KernelPrograms::load(std::size_t mostFlows) {
@@ -84,21 +85,21 @@ std::expected<std::unique_ptr<KernelPrograms>, int> KernelPrograms::load(std::si
       bpf_map__set_max_entries(takenFlows, static_cast<__u32>(mostFlows)) != 0 ||
       bpf_object__load(object.get()) != 0)
     return std::unexpected(errno);
-  void* connectors = ::mmap(nullptr, connectorsBytes, PROT_READ, MAP_SHARED,
-                            descriptorOf(object.get(), "connectors"), 0);
-  if (connectors == MAP_FAILED) return std::unexpected(errno);
+  void* const askedFlows = ::mmap(nullptr, askedFlowsBytes, PROT_READ, MAP_SHARED,
+                                  descriptorOf(object.get(), "askedFlows"), 0);
+  if (askedFlows == MAP_FAILED) return std::unexpected(errno);
   mountNames();
   // The constructor is private: only loaded programs are ever held.
   return std::unique_ptr<KernelPrograms>(  // NOLINT(*-owning-memory)
-      new KernelPrograms(std::move(object), static_cast<NotedConnector*>(connectors)));
+      new KernelPrograms(std::move(object), static_cast<AskedFlow*>(askedFlows)));
 }
 
 KernelPrograms::KernelPrograms(std::unique_ptr<bpf_object, Free> object,
-                               NotedConnector* connectors) noexcept
+                               AskedFlow* askedFlows) noexcept
     : object_(std::move(object)),
       takenFlows_(descriptorOf(object_.get(), "takenFlows")),
       leftFlows_(descriptorOf(object_.get(), "leftFlows")),
-      connectors_(connectors) {}
+      askedFlows_(askedFlows) {}
 
 KernelPrograms::~KernelPrograms() = default;
 
@@ -136,17 +137,21 @@ std::expected<KernelPrograms::Watch, int> KernelPrograms::watch() const {
   return watch;
 }
 
-std::optional<Connector> KernelPrograms::connectorOf(ino_t socket) const noexcept {
-  NotedConnector& noted = connectors_.get()[socket % notedConnectors];
-  const std::atomic_ref inode(noted.inode);
-  if (inode.load(std::memory_order_acquire) != socket) return std::nullopt;
-  const Connector connector{.pid = static_cast<pid_t>(noted.process),
-                            .startTime = noted.startTime,
-                            .program = noted.program};
-  // Another socket may have taken the place meanwhile.
+std::optional<Connector> KernelPrograms::connectorOf(const FlowKey& flow) const noexcept {
+  const FlowAddresses addresses = addressesOf(flow);
+  AskedFlow& asked = askedFlows_.get()[placeOfAsked(&addresses)];
+  const std::atomic_ref version(asked.version);
+  const auto versionBefore = version.load(std::memory_order_acquire);
+  const AskedFlow copy = asked;
   std::atomic_thread_fence(std::memory_order_acquire);
-  if (inode.load(std::memory_order_relaxed) != socket) return std::nullopt;
-  return connector;
+  // Another flow may take the place meanwhile.
+  if (versionBefore % 2 != 0 || version.load(std::memory_order_relaxed) != versionBefore ||
+      std::memcmp(&copy.flow, &addresses, sizeof addresses) != 0 || copy.process.number == 0)
+    return std::nullopt;
+  return Connector{.pid = static_cast<pid_t>(copy.process.number),
+                   .startTime = copy.process.startTime,
+                   .program = copy.process.program,
+                   .interface = copy.process.interface};
 }
 
 void KernelPrograms::setTaken(const FlowKey& flow, std::uint64_t cookie) {

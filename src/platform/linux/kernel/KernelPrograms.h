@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/FlowAnswers.h"
@@ -44,9 +43,9 @@ class KernelPrograms final : public FlowAnswers {
   /// Lets them see what sockets do from here on. Fails with an error number.
   [[nodiscard]] std::expected<Watch, int> watch() const;
 
-  /// Who has connected the socket of this inode; absent when that was not seen, or long ago. Costs
-  /// no system call. Any thread.
-  [[nodiscard]] std::optional<Connector> connectorOf(ino_t socket) const noexcept;
+  /// Who connected the TCP flow that the packet filter asks about now; absent when that was not
+  /// seen. Costs no system call. Any thread.
+  [[nodiscard]] std::optional<Connector> connectorOf(const FlowKey& flow) const noexcept;
 
   void setTaken(const FlowKey& flow, std::uint64_t cookie) override;
   void setLeft(const FlowKey& flow, std::uint64_t cookie) override;
@@ -55,15 +54,15 @@ class KernelPrograms final : public FlowAnswers {
  private:
   struct Free {
     void operator()(bpf_object* object) const noexcept;
-    void operator()(NotedConnector* connectors) const noexcept;
+    void operator()(AskedFlow* flows) const noexcept;
   };
 
-  KernelPrograms(std::unique_ptr<bpf_object, Free> object, NotedConnector* connectors) noexcept;
+  KernelPrograms(std::unique_ptr<bpf_object, Free> object, AskedFlow* askedFlows) noexcept;
 
   std::unique_ptr<bpf_object, Free> object_;
   const int takenFlows_;
   const int leftFlows_;
-  std::unique_ptr<NotedConnector, Free> connectors_;  // the kernel's own, to read
+  std::unique_ptr<AskedFlow, Free> askedFlows_;  // the kernel's own, to read
 };
 
 }  // namespace tandor

@@ -22,15 +22,30 @@ struct TakenFlow {
 };
 
 /// How many connecting sockets are remembered; a power of two.
-enum { notedConnectors = 4096 };
+enum { rememberedConnectors = 4096 };
 
-/// Who connected the socket with this inode. Sockets share places: the latest has it.
-struct NotedConnector {
-  __u64 inode;
-  __u64 process;    // its number where the daemon lives
-  __u64 startTime;  // of the process, nanoseconds since the machine's start
-  __u64 program;    // another one after each exec of the process
+/// A process that connects a socket.
+struct ConnectingProcess {
+  __u32 number;     // where the daemon lives
+  __u32 interface;  // that the socket is bound to, or 0
+  __u64 startTime;  // nanoseconds since the machine's start
+  __u64 program;    // another one after each exec
 };
+
+/// Whose connection is asked about. Flows share places: the latest has it.
+struct AskedFlow {
+  __u64 version;  // odd while it is written
+  __u64 socket;   // its address
+  struct FlowAddresses flow;
+  struct ConnectingProcess process;  // number 0 when it was not seen
+};
+
+/// The place of a flow among those that are asked about.
+static inline __u32 placeOfAsked(const struct FlowAddresses* flow) {
+  // Neighbouring ports of a machine come one after the other: the lower byte is the second one.
+  const __u32 port = flow->sourcePort >> 8 | (flow->sourcePort & 0xFFU) << 8;
+  return (port ^ flow->destination >> 16 ^ flow->destination >> 24) % rememberedConnectors;
+}
 
 /// What the programs must know before they are loaded.
 struct ProgramSurroundings {

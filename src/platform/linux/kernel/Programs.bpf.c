@@ -31,22 +31,15 @@ struct sock_common {
   __u32 skc_daddr;
   __u32 skc_rcv_saddr;
   __u16 skc_dport;
+  int skc_bound_dev_if;
   possible_net_t skc_net;
 } __attribute__((preserve_access_index));
-struct socket;
 struct sock {
   struct sock_common __sk_common;
-  struct socket* sk_socket;
 } __attribute__((preserve_access_index));
 struct inet_sock {
   struct sock sk;
   __u16 inet_sport;
-} __attribute__((preserve_access_index));
-struct inode {
-  unsigned long i_ino;
-} __attribute__((preserve_access_index));
-struct socket_alloc {  // begins with the socket
-  struct inode vfs_inode;
 } __attribute__((preserve_access_index));
 struct task_struct {
   struct task_struct* group_leader;
@@ -85,14 +78,27 @@ struct {
   __type(value, __u64);
 } heardPeers SEC(".maps");
 
-/// The sockets that connected last, each at the lowest bits of its inode.
+struct Connector {
+  __u64 socket;  // its address
+  struct ConnectingProcess process;
+};
+
+/// The sockets that connected last. Sockets share places: the latest has it.
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, rememberedConnectors);
+  __type(key, __u32);
+  __type(value, struct Connector);
+} connectors SEC(".maps");
+
+/// The connections that are asked about, for the daemon to read without a call.
 struct {
   __uint(type, BPF_MAP_TYPE_ARRAY);
   __uint(map_flags, BPF_F_MMAPABLE);
-  __uint(max_entries, notedConnectors);
+  __uint(max_entries, rememberedConnectors);
   __type(key, __u32);
-  __type(value, struct NotedConnector);
-} connectors SEC(".maps");
+  __type(value, struct AskedFlow);
+} askedFlows SEC(".maps");
 
 static const __u64 longestSilence = 120ULL * 1000 * 1000 * 1000;
 
@@ -183,6 +189,36 @@ int noteHeard(struct __sk_buff* packet) {
   return true;
 }
 
+static __always_inline __u32 placeOfConnector(__u64 socket) {
+  return (socket * 0x9E3779B97F4A7C15ULL >> 32) % rememberedConnectors;
+}
+
+/// Outgoing, a SYN that is asked about: whose is it?
+SEC("socket")
+int noteAsked(struct __sk_buff* packet) {
+  struct FlowAddresses flow;
+  struct bpf_sock* const sender = packet->sk;
+  if (sender == NULL || !readAddresses(packet, &flow)) return false;
+  const __u32 place = placeOfAsked(&flow);
+  struct AskedFlow* asked = bpf_map_lookup_elem(&askedFlows, &place);
+  if (asked == NULL) return false;
+  const __u64 version = asked->version;
+  if (version % 2 != 0 ||
+      __sync_val_compare_and_swap(&asked->version, version, version + 1) != version)
+    return false;
+  // An earlier flow's owner is never taken for this one's.
+  asked->flow = flow;
+  asked->process.number = 0;
+  // Only a number that was read from memory may be calculated with.
+  *(struct bpf_sock* volatile*)&asked->socket = sender;
+  const __u64 socket = *(volatile __u64*)&asked->socket;
+  const __u32 connectorPlace = placeOfConnector(socket);
+  const struct Connector* connector = bpf_map_lookup_elem(&connectors, &connectorPlace);
+  if (connector != NULL && connector->socket == socket) asked->process = connector->process;
+  __sync_lock_test_and_set(&asked->version, version + 2);
+  return true;
+}
+
 /// A taken SYN, on the relay's side.
 SEC("socket")
 int noteTaken(struct __sk_buff* packet) {
@@ -213,18 +249,15 @@ static __always_inline void noteConnector(struct sock* socket) {
                                   surroundings.processNamespace, &process, sizeof process) != 0 ||
       process.tgid == surroundings.daemon || !isOfThisNetwork(socket))
     return;
-  const struct socket_alloc* file = (const void*)BPF_CORE_READ(socket, sk_socket);
-  const __u64 inode = BPF_CORE_READ(file, vfs_inode.i_ino);
-  const __u32 place = inode % notedConnectors;
-  struct NotedConnector* noted = bpf_map_lookup_elem(&connectors, &place);
-  if (noted == NULL) return;
+  const __u32 place = placeOfConnector((__u64)socket);
+  struct Connector* connector = bpf_map_lookup_elem(&connectors, &place);
+  if (connector == NULL) return;
   const struct task_struct* task = (const void*)bpf_get_current_task();
-  // The inode goes first and comes last: who reads it twice has what lies between.
-  __sync_lock_test_and_set(&noted->inode, 0);
-  noted->process = process.tgid;
-  noted->startTime = BPF_CORE_READ(task, group_leader, start_boottime);
-  noted->program = BPF_CORE_READ(task, self_exec_id);
-  __sync_lock_test_and_set(&noted->inode, inode);
+  connector->socket = (__u64)socket;
+  connector->process.number = process.tgid;
+  connector->process.interface = BPF_CORE_READ(socket, __sk_common.skc_bound_dev_if);
+  connector->process.startTime = BPF_CORE_READ(task, group_leader, start_boottime);
+  connector->process.program = BPF_CORE_READ(task, self_exec_id);
 }
 
 /// A socket of TCP changes its state: the socket, the old state, the new one.
