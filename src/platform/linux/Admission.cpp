@@ -24,8 +24,9 @@ constexpr auto complaintInterval = 60s;
 /// Descriptors that are kept for everything but flows.
 constexpr std::uint64_t reservedDescriptors = 256;
 constexpr std::uint64_t descriptorsAFlow = 2;
-/// What is remembered of each has its price in the kernel, also of those that never come.
-constexpr std::uint64_t mostTakenAtOnce = 262'144;
+/// What is remembered of each has its price in the kernel, also of those that never come: about 100
+/// bytes.
+constexpr std::uint64_t mostTakenAtOnce = 65'536;
 /// UDP flows whose sockets are remembered; beyond, the oldest answers may be inherited.
 constexpr std::size_t mostFlowsOfSockets = 100'000;
 constexpr std::size_t mostIdentifiers = 4096;
@@ -98,7 +99,7 @@ void Admission::end() {
   queue_ = nullptr;
   destroyWatch_ = nullptr;
   programs_ = nullptr;
-  watch_ = {};
+  watch_.reset();
   held_.clear();
   overdue_.stop();
   abandonOverdue(EpollLoop::Clock::duration::zero());

@@ -79,7 +79,7 @@ class Admission final : public EpollLoop::Resident,
   SocketOwners owners_;
   FlowAnswers* answers_ = nullptr;            // from the beginning on
   const KernelPrograms* programs_ = nullptr;  // while they watch
-  KernelPrograms::Watch watch_;
+  FileDescriptor watch_;
   std::unique_ptr<SocketDestroyWatch> destroyWatch_;
   std::unique_ptr<PacketQueue> queue_;
 

@@ -82,7 +82,7 @@ std::expected<std::unique_ptr<KernelPrograms>, int> KernelPrograms::load(std::si
   bpf_map* constants = bpf_object__find_map_by_name(object.get(), ".rodata");
   bpf_map* takenFlows = bpf_object__find_map_by_name(object.get(), "takenFlows");
   if (bpf_map__set_initial_value(constants, &*surroundings, sizeof *surroundings) != 0 ||
-      bpf_map__set_max_entries(takenFlows, static_cast<__u32>(mostFlows)) != 0 ||
+      bpf_map__set_max_entries(takenFlows, static_cast<__u32>(mostFlows + mostFlows / 4)) != 0 ||
       bpf_object__load(object.get()) != 0)
     return std::unexpected(errno);
   void* const askedFlows = ::mmap(nullptr, askedFlowsBytes, PROT_READ, MAP_SHARED,
@@ -125,15 +125,10 @@ void KernelPrograms::retract() noexcept {
   std::filesystem::remove_all(namesFolder(), nothingThere);
 }
 
-std::expected<KernelPrograms::Watch, int> KernelPrograms::watch() const {
-  const auto attach = [this](const char* program, const char* event) {
-    return FileDescriptor(bpf_raw_tracepoint_open(
-        event, bpf_program__fd(bpf_object__find_program_by_name(object_.get(), program))));
-  };
-  Watch watch{attach("stateChanges", "inet_sock_set_state"),
-              attach("isDestroyed", "tcp_destroy_sock")};
-  for (const FileDescriptor& descriptor : watch)
-    if (!descriptor.isOpen()) return std::unexpected(errno);
+std::expected<FileDescriptor, int> KernelPrograms::watch() const {
+  const bpf_program* program = bpf_object__find_program_by_name(object_.get(), "stateChanges");
+  FileDescriptor watch(bpf_raw_tracepoint_open("inet_sock_set_state", bpf_program__fd(program)));
+  if (!watch.isOpen()) return std::unexpected(errno);
   return watch;
 }
 

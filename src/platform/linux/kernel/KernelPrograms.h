@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <expected>
@@ -24,9 +23,6 @@ namespace tandor {
 /// cannot have them is served by connection tracking and by looking into processes.
 class KernelPrograms final : public FlowAnswers {
  public:
-  /// While it exists, the programs see what sockets do.
-  using Watch = std::array<FileDescriptor, 2>;
-
   /// Brings the programs into the kernel, where they rest. While the process has all its privileges
   /// and is in its network namespace. `mostFlows` TCP and UDP flows can be taken at once. Fails
   /// with an error number.
@@ -40,8 +36,9 @@ class KernelPrograms final : public FlowAnswers {
   /// Takes away the names that this or an earlier process has given in this network namespace.
   static void retract() noexcept;
 
-  /// Lets them see what sockets do from here on. Fails with an error number.
-  [[nodiscard]] std::expected<Watch, int> watch() const;
+  /// Lets them see what sockets do, until the returned descriptor is closed. Fails with an error
+  /// number.
+  [[nodiscard]] std::expected<FileDescriptor, int> watch() const;
 
   /// Who connected the TCP flow that the packet filter asks about now; absent when that was not
   /// seen. Costs no system call. Any thread.

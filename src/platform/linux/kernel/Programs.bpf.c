@@ -55,8 +55,7 @@ enum { applicationGone = 1, relayGone = 2, bothGone = 3 };
 /// has to find the other. Those of UDP come and go with the daemon's word.
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
-  __uint(map_flags, BPF_F_NO_PREALLOC);
-  __uint(max_entries, 1);  // the daemon says how many
+  __uint(max_entries, 1);  // the daemon says how many; there is room for all of them from the start
   __type(key, struct FlowAddresses);
   __type(value, struct TakenFlow);
 } takenFlows SEC(".maps");
@@ -225,8 +224,7 @@ int noteTaken(struct __sk_buff* packet) {
   struct FlowAddresses flow;
   if (!readAddresses(packet, &flow)) return false;
   const struct TakenFlow taken = {};
-  bpf_map_update_elem(&takenFlows, &flow, &taken, BPF_ANY);
-  return true;
+  return bpf_map_update_elem(&takenFlows, &flow, &taken, BPF_ANY) == 0;
 }
 
 static __always_inline bool isOfThisNetwork(const struct sock* socket) {
@@ -237,7 +235,7 @@ static __always_inline struct FlowAddresses addressesOf(struct sock* socket) {
   return (struct FlowAddresses){
       .source = BPF_CORE_READ(socket, __sk_common.skc_rcv_saddr),
       .destination = BPF_CORE_READ(socket, __sk_common.skc_daddr),
-      // The socket's own note of its port is gone by the time that it is destroyed.
+      // The socket has given its port back by the time that it is closed, but not forgotten it.
       .sourcePort = BPF_CORE_READ((struct inet_sock*)socket, inet_sport),
       .destinationPort = BPF_CORE_READ(socket, __sk_common.skc_dport),
       .protocol = IPPROTO_TCP};
@@ -260,22 +258,6 @@ static __always_inline void noteConnector(struct sock* socket) {
   connector->process.program = BPF_CORE_READ(task, self_exec_id);
 }
 
-/// A socket of TCP changes its state: the socket, the old state, the new one.
-SEC("raw_tp/inet_sock_set_state")
-int stateChanges(struct bpf_raw_tracepoint_args* context) {
-  struct sock* socket = (struct sock*)context->args[0];
-  const __u64 oldState = context->args[1];
-  const __u64 newState = context->args[2];
-  if (newState == stateSynSent) {
-    noteConnector(socket);
-  } else if (newState == stateClose && oldState == stateSynSent && isOfThisNetwork(socket)) {
-    // It never got a partner that could end after it.
-    const struct FlowAddresses flow = addressesOf(socket);
-    bpf_map_delete_elem(&takenFlows, &flow);
-  }
-  return 0;
-}
-
 static __always_inline void noteGone(const struct FlowAddresses* flow, __u64 end) {
   struct TakenFlow* taken = bpf_map_lookup_elem(&takenFlows, flow);
   if (taken == NULL) return;
@@ -283,12 +265,21 @@ static __always_inline void noteGone(const struct FlowAddresses* flow, __u64 end
     bpf_map_delete_elem(&takenFlows, flow);
 }
 
-/// A socket of TCP is destroyed.
-SEC("raw_tp/tcp_destroy_sock")
-int isDestroyed(struct bpf_raw_tracepoint_args* context) {
+/// A socket of TCP changes its state: the socket, the old state, the new one.
+SEC("raw_tp/inet_sock_set_state")
+int stateChanges(struct bpf_raw_tracepoint_args* context) {
   struct sock* socket = (struct sock*)context->args[0];
-  if (!isOfThisNetwork(socket)) return 0;
+  const __u64 oldState = context->args[1];
+  const __u64 newState = context->args[2];
+  if (newState == stateSynSent) noteConnector(socket);
+  if (newState != stateClose || !isOfThisNetwork(socket)) return 0;
+  // This is the last moment at which a socket still has its addresses.
   const struct FlowAddresses addresses = addressesOf(socket);
+  if (oldState == stateSynSent) {
+    // It never got a partner that could end after it.
+    bpf_map_delete_elem(&takenFlows, &addresses);
+    return 0;
+  }
   noteGone(&addresses, applicationGone);
   const struct FlowAddresses flow = reversed(&addresses);
   noteGone(&flow, relayGone);
