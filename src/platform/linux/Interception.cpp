@@ -1,5 +1,6 @@
 #include "platform/linux/Interception.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -86,8 +87,10 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
   const std::string programsFolder = interception->chooseMemory(programs);
   if (auto listening = interception->listen(backend); !listening)
     return std::unexpected(listening.error());
-  runOn(*interception->loop_,
-        [&] { interception->admission_->begin(*interception->answers_, programs); });
+  runOn(*interception->loop_, [&] {
+    interception->admission_->begin(*interception->answers_,
+                                    programsFolder.empty() ? nullptr : programs);
+  });
   if (auto routed = installRoutingPolicy(); !routed)
     return std::unexpected(describe("cannot add the routing rule", routed.error()));
   if (auto ruled = installPacketRules(programsFolder); !ruled)
@@ -96,15 +99,16 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
 }
 
 std::string Interception::chooseMemory(KernelPrograms* programs) {
-  if (programs == nullptr) return {};
-  const auto folder = programs->publish();
-  if (!folder) return {};
-  if (!canCallPrograms(*folder)) {
-    KernelPrograms::retract();
-    return {};
+  const auto folder = programs == nullptr ? std::unexpected(ENOTSUP) : programs->publish();
+  if (folder && canCallPrograms(*folder)) {
+    answers_ = programs;
+    return *folder;
   }
-  answers_ = programs;
-  return *folder;
+  KernelPrograms::retract();
+  NSLog(
+      "interception: by connection tracking, which is slower: the kernel or its packet filter does "
+      "not take the daemon's programs");
+  return {};
 }
 
 std::expected<void, std::string> Interception::listen(LinuxBackend& backend) {
