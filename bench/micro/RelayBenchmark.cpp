@@ -53,7 +53,7 @@ class BareConnection final : public NWConnection {
 class BareFlow final : public NEAppProxyTCPFlow {
  public:
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return metaData_; }
-  [[nodiscard]] const NWFlowEndpoint& remoteEndpoint() const override { return remoteEndpoint_; }
+  [[nodiscard]] NWFlowEndpoint remoteEndpoint() const override { return remoteEndpoint_; }
   void open(const std::optional<NWHostEndpoint>&, Completion) override {}
   void closeReadWithError(const std::optional<NSError>&) override {}
   void closeWriteWithError(const std::optional<NSError>&) override {}

@@ -80,7 +80,8 @@ void TandorProxyConnection::decideRoute(NEAppProxyTCPFlow& flow, Data firstData)
     }
     return;
   }
-  const auto* endpoint = std::get_if<NWHostEndpoint>(&flow.remoteEndpoint());
+  const NWFlowEndpoint remoteEndpoint = flow.remoteEndpoint();
+  const auto* endpoint = std::get_if<NWHostEndpoint>(&remoteEndpoint);
   if (endpoint == nullptr) {
     toDirectMode("flow.remoteEndpoint not NWHostEndpoint type", std::move(firstData));
     return;

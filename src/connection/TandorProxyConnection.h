@@ -145,14 +145,14 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
                                  const std::optional<NSError>& error);
 
   bool isDebug_ = false;
+  bool flowHandled_ = false;
   ConnectReply connectReply_ = ConnectReply::phrase;
+  ConnectionState state_ = ConnectionState::ready;
   const ConnectionNetwork network_;
   std::shared_ptr<NWConnection> connection_;
-  ConnectionState state_ = ConnectionState::ready;
   ConnectionMode mode_;
   const UUID identifier_ = UUID::random();
   std::weak_ptr<TandorProxyConnectionDelegate> delegate_;
-  bool flowHandled_ = false;
   const std::shared_ptr<DispatchQueue> nwQueue_;
   /// Datagrams of the last flow read that wait for their turn to be sent, last one first.
   std::vector<Data> datagramsToSend_;

@@ -19,7 +19,8 @@ bool TandorTransparentProxyProvider::handleNewFlow(const std::shared_ptr<NEAppPr
   const SwitchOffs switchOffsBefore = switchOffs_;
   const auto tcpFlow = std::dynamic_pointer_cast<NEAppProxyTCPFlow>(flow);
   if (tcpFlow == nullptr) return false;
-  const auto* endPoint = std::get_if<NWHostEndpoint>(&tcpFlow->remoteEndpoint());
+  const NWFlowEndpoint remoteEndpoint = tcpFlow->remoteEndpoint();
+  const auto* endPoint = std::get_if<NWHostEndpoint>(&remoteEndpoint);
   if (endPoint == nullptr) return false;
   if (!checkFlowShouldBeHandled(*tcpFlow, /*isUDP=*/false, *endPoint)) return false;
   if (config()->isDebug) log("handle tcp flow: " + tcpFlow->metaData().sourceAppSigningIdentifier);

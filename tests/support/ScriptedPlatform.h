@@ -199,7 +199,7 @@ class ScriptedTCPFlow final
     return reading_.complete(data, error);
   }
 
-  [[nodiscard]] const NWFlowEndpoint& remoteEndpoint() const override { return remoteEndpoint_; }
+  [[nodiscard]] NWFlowEndpoint remoteEndpoint() const override { return remoteEndpoint_; }
   void readData(ReadCompletion completion) override {
     note("read");
     reading_.put(std::move(completion));

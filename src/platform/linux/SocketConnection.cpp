@@ -72,32 +72,47 @@ void SocketConnection::resolved(const Resolver::Answer& answer) {
 
 void SocketConnection::tryNextAddress() {
   while (search_->next < search_->addresses.size()) {
-    const SocketAddress& address = search_->addresses[search_->next++];
+    const SocketAddress address = search_->addresses[search_->next++];
     auto socket = makeOutboundSocket(address.family(), search_->parameters);
-    const int error = socket ? attempt(std::move(*socket), address) : socket.error();
-    if (error == 0) return;  // under way; or done, and the search with it
+    int error = socket ? 0 : socket.error();
+    if (error == 0) {
+      noteOutbound(address);
+      error = attempt(std::move(*socket), address);
+    }
+    if (error == 0) {
+      // Many may be under way at once: they keep no more than they need.
+      if (search_ != nullptr && search_->next == search_->addresses.size()) search_ = nullptr;
+      return;
+    }
     search_->lastError = error;
   }
-  report(isLocalFailure(search_->lastError) ? State::Kind::failed : State::Kind::waiting,
-         NSError::posix(search_->lastError));
+  reportFailure(search_->lastError);
+}
+
+void SocketConnection::noteOutbound(const SocketAddress& address) {
+  const auto* affinity = dynamic_cast<const InterceptedFlow::Affinity*>(queue_->affinity().get());
+  const auto flow = affinity != nullptr ? affinity->flow() : nullptr;
+  if (flow == nullptr) return;
+  const auto& interface = search_->parameters.requiredInterface;
+  flow->setOutbound(address, interface ? interface->name : std::string());
 }
 
 void SocketConnection::attemptEnded(int error) {
   if (isCancelled_) return;
   if (error == 0) {
-    const auto* affinity = dynamic_cast<const InterceptedFlow::Affinity*>(queue_->affinity().get());
-    if (const auto flow = affinity != nullptr ? affinity->flow() : nullptr) {
-      const auto& interface = search_->parameters.requiredInterface;
-      flow->setOutbound(search_->addresses[search_->next - 1],
-                        interface ? interface->name : std::string());
-    }
     search_ = nullptr;
     isReady_ = true;
     report(State::Kind::ready);
-    return;
+  } else if (search_ != nullptr) {
+    search_->lastError = error;
+    tryNextAddress();
+  } else {
+    reportFailure(error);
   }
-  search_->lastError = error;
-  tryNextAddress();
+}
+
+void SocketConnection::reportFailure(int error) {
+  report(isLocalFailure(error) ? State::Kind::failed : State::Kind::waiting, NSError::posix(error));
 }
 
 void SocketConnection::onQueue(std::invocable auto&& function) {
@@ -112,15 +127,17 @@ void SocketConnection::onQueue(std::invocable auto&& function) {
 
 void SocketConnection::report(State::Kind kind, std::optional<NSError> error) {
   statesToDeliver_.push_back({kind, std::move(error)});
-  loop().schedule(states_);
+  loop().schedule(answer_);
 }
 
-void SocketConnection::deliverStates() {
+void SocketConnection::answer() {
   // A connection that nobody refers to any more dies at the end of this turn: a free queue would
   // come too late.
-  if (self() == nullptr) return;
-  for (State& state : std::exchange(statesToDeliver_, {}))
-    onQueue([this, state = std::move(state)] { handleState(state); });
+  if (self() != nullptr) {
+    for (State& state : std::exchange(statesToDeliver_, {}))
+      onQueue([this, state = std::move(state)] { handleState(state); });
+  }
+  if (std::exchange(isRefusing_, false)) refuse();
 }
 
 void SocketConnection::handleState(const State& state) {
@@ -139,7 +156,7 @@ void SocketConnection::send(Data content, ContentContext /*context*/, bool /*isC
     if (isReady_ && !isCancelled_) {
       sendContent(std::move(content));
     } else {
-      loop().schedule(refusal_);
+      scheduleRefusal();
     }
   });
 }
@@ -151,7 +168,7 @@ void SocketConnection::receive(std::size_t minimum, std::size_t maximum,
     if (isReady_ && !isCancelled_) {
       receiveContent(minimum, maximum);
     } else {
-      loop().schedule(refusal_);
+      scheduleRefusal();
     }
   });
 }
@@ -183,8 +200,13 @@ void SocketConnection::cancel() {
     if (std::exchange(isCancelled_, true)) return;
     finish();
     report(State::Kind::cancelled);
-    loop().schedule(refusal_);
+    scheduleRefusal();
   });
+}
+
+void SocketConnection::scheduleRefusal() {
+  isRefusing_ = true;
+  loop().schedule(answer_);
 }
 
 void SocketConnection::refuse() {

@@ -46,15 +46,20 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   void begin();
   void resolved(const Resolver::Answer& answer);
   void tryNextAddress();
+  /// Lets the flow that is relayed show where to.
+  void noteOutbound(const SocketAddress& address);
+  void reportFailure(int error);
   void report(State::Kind kind, std::optional<NSError> error = std::nullopt);
-  void deliverStates();
+  /// Delivers the states that came, then refuses what cannot be done any more, or not yet.
+  void answer();
   void handleState(const State& state);
   /// Answers what cannot be carried out, before the connection is ready and after it was cancelled.
   void refuse();
+  void scheduleRefusal();
   /// Runs `function` on the connection's queue: at once where the loop is the queue.
   void onQueue(std::invocable auto&& function);
 
-  /// What only a connection that is not ready yet needs.
+  /// What a connection needs as long as there may be another address to try.
   struct Search {
     NWEndpoint endpoint;
     NWParameters parameters;
@@ -69,15 +74,15 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
 
   StateUpdateHandler stateUpdateHandler_;  // touched under the queue's exclusion only
   bool wasHandlerReplaced_ = false;
+  bool isReady_ = false;
+  bool isCancelled_ = false;
+  bool isRefusing_ = false;  // with the next answer
   std::vector<State> statesToDeliver_;
 
   SendCompletion sendCompletion_;
   ReceiveCompletion receiveCompletion_;
-  bool isReady_ = false;
-  bool isCancelled_ = false;
 
-  EpollLoop::Task states_{EpollLoop::Call::to<&SocketConnection::deliverStates>(this)};
-  EpollLoop::Task refusal_{EpollLoop::Call::to<&SocketConnection::refuse>(this)};
+  EpollLoop::Task answer_{EpollLoop::Call::to<&SocketConnection::answer>(this)};
 };
 
 /// A new connection of the parameters' transport.

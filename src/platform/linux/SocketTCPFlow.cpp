@@ -59,17 +59,14 @@ class SocketTCPFlow::FirstFlight {
 };
 
 SocketTCPFlow::SocketTCPFlow(Origin origin, FlowRegistry& registry)
-    : InterceptedFlow(std::move(origin), &registry),
-      remoteEndpoint_(
-          NWHostEndpoint{key().destination.host(), std::to_string(key().destination.port)}) {}
+    : InterceptedFlow(std::move(origin), &registry) {}
 
 SocketTCPFlow::SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
-                             NWFlowEndpoint remoteEndpoint)
-    : InterceptedFlow({.key = {},
+                             const IPv4Endpoint& destination)
+    : InterceptedFlow({.key = {.protocol = IPPROTO_TCP, .source = {}, .destination = destination},
                        .pid = 0,
                        .metaData = std::make_shared<const NEFlowMetaData>(std::move(metaData))},
                       nullptr),
-      remoteEndpoint_(std::move(remoteEndpoint)),
       unopened_(std::move(socket)) {
   StreamSocket::prepare(unopened_);
   settle(loop);
@@ -85,6 +82,11 @@ SocketTCPFlow::~SocketTCPFlow() {
   delist();
 }
 
+NWFlowEndpoint SocketTCPFlow::remoteEndpoint() const {
+  const IPv4Endpoint& destination = key().destination;
+  return NWHostEndpoint{destination.host(), std::to_string(destination.port)};
+}
+
 void SocketTCPFlow::attach(EpollLoop& loop, FileDescriptor socket) {
   settle(loop);
   stream_.emplace(loop, static_cast<StreamSocket::Owner&>(*this));
@@ -92,14 +94,14 @@ void SocketTCPFlow::attach(EpollLoop& loop, FileDescriptor socket) {
   enlist();
   if (isRefused()) {
     refuse();
-  } else if (openCompletion_ != nullptr) {
+  } else if (opening_ != nullptr) {
     adoptSocket();
   }
 }
 
 void SocketTCPFlow::abandon() {
-  if (auto completion = std::exchange(openCompletion_, nullptr))
-    completion(NSError::posix(ECONNABORTED));
+  if (const auto opening = std::exchange(opening_, nullptr))
+    opening->completion(NSError::posix(ECONNABORTED));
 }
 
 void SocketTCPFlow::letGo(bool isLate) {
@@ -113,17 +115,17 @@ void SocketTCPFlow::letGo(bool isLate) {
 void SocketTCPFlow::open(const std::optional<NWHostEndpoint>& /*localEndpoint*/,
                          Completion completion) {
   if (residence() == nullptr) {
-    openCompletion_ = std::move(completion);
+    opening_ = std::make_unique<Opening>(std::move(completion));
     return;
   }
   onLoop([this, completion = std::move(completion)]() mutable {
-    openCompletion_ = std::move(completion);
+    opening_ = std::make_unique<Opening>(std::move(completion));
     adoptSocket();
   });
 }
 
 void SocketTCPFlow::adoptSocket() {
-  openError_ =
+  opening_->error =
       systemError(unopened_.isOpen() ? stream_->adopt(std::move(unopened_)) : ECONNABORTED);
   residence()->schedule(answer_);
 }
@@ -229,7 +231,7 @@ void SocketTCPFlow::streamDidWrite(int error) {
 }
 
 void SocketTCPFlow::answer() {
-  if (auto completion = std::exchange(openCompletion_, nullptr)) completion(openError_);
+  if (const auto opening = std::exchange(opening_, nullptr)) opening->completion(opening->error);
   if (isReadClosed_) {
     firstFlight_ = nullptr;
     if (auto completion = std::exchange(readCompletion_, nullptr))

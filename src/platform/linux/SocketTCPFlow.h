@@ -19,10 +19,10 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
  public:
   /// A flow whose first packet is held: its socket follows.
   SocketTCPFlow(Origin origin, FlowRegistry& registry);
-  /// `socket` is connected to the application and non-blocking; `remoteEndpoint` is the destination
-  /// that the application asked for.
+  /// `socket` is connected to the application and non-blocking; `destination` is what the
+  /// application asked for.
   SocketTCPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaData metaData,
-                NWFlowEndpoint remoteEndpoint);
+                const IPv4Endpoint& destination);
   ~SocketTCPFlow() override;
   SocketTCPFlow(const SocketTCPFlow&) = delete;
   SocketTCPFlow& operator=(const SocketTCPFlow&) = delete;
@@ -37,7 +37,7 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   void letGo(bool isLate) override;
 
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
-  [[nodiscard]] const NWFlowEndpoint& remoteEndpoint() const override { return remoteEndpoint_; }
+  [[nodiscard]] NWFlowEndpoint remoteEndpoint() const override;
   [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return makeAffinity(); }
   void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
   void readData(ReadCompletion completion) override;
@@ -68,14 +68,15 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
     return stream_ ? stream_->bytesWritten() : 0;
   }
 
-  const NWFlowEndpoint remoteEndpoint_;
-
   FileDescriptor unopened_;
   std::optional<StreamSocket> stream_;  // once the flow has come to a loop
-  Completion openCompletion_;
+  struct Opening {
+    Completion completion;
+    std::optional<NSError> error;
+  };
+  std::unique_ptr<Opening> opening_;  // present until it is answered
   ReadCompletion readCompletion_;
   Completion writeCompletion_;
-  std::optional<NSError> openError_;
   std::optional<NSError> closeError_;
   bool isReadClosed_ = false;
   bool isWriteClosed_ = false;

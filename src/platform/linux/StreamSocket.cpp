@@ -1,7 +1,9 @@
 #include "platform/linux/StreamSocket.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/uio.h>
@@ -64,7 +66,7 @@ int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, sockle
 
 void StreamSocket::read(std::size_t maximum) {
   isReadWanted_ = true;
-  readMaximum_ = maximum;
+  readMaximum_ = static_cast<std::uint32_t>(std::min<std::size_t>(maximum, UINT32_MAX));
   if (!input_.isEmpty() || hasEnded_) {
     loop_.schedule(completion_);
   } else if (isReadable_ && isReadUntilEmpty_ && loop_.isBusy()) {
@@ -229,8 +231,7 @@ ssize_t StreamSocket::sendSome(std::size_t first, std::size_t& asked) {
   message.msg_iov = pieces.data();
   message.msg_iovlen = count;
   const bool isLast = (isWriteEnding_ || phase_ == Phase::finishing) && asked == outputBytes_;
-  return ::sendmsg(socket_.get(), &message,
-                   MSG_NOSIGNAL | MSG_DONTWAIT | (isLast ? MSG_MORE : 0));
+  return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT | (isLast ? MSG_MORE : 0));
 }
 
 void StreamSocket::failWriting(int error) {

@@ -135,7 +135,7 @@ class StreamSocket final : private EpollLoop::Source {
   bool isBulk_ = false;    // the last read brought much: the next goes through a pipe
   bool hasEnded_ = false;  // a read has seen the end, or readError_
   int readError_ = 0;
-  std::size_t readMaximum_ = 0;
+  std::uint32_t readMaximum_ = 0;
   Data input_;  // read but not yet handed out
 
   // Writing.

@@ -23,8 +23,7 @@ class StreamConnection final : public SocketConnection, private StreamSocket::Ow
   void sendContent(Data content) override { stream_->write(std::move(content)); }
 
   void receiveContent(std::size_t minimum, std::size_t maximum) override {
-    minimum_ = minimum;
-    maximum_ = maximum;
+    if (minimum > 1) gathering_ = std::make_unique<Gathering>(minimum, maximum);
     stream_->read(maximum);
   }
 
@@ -35,20 +34,22 @@ class StreamConnection final : public SocketConnection, private StreamSocket::Ow
   void streamDidConnect(int error) override { attemptEnded(error); }
 
   void streamDidRead(Data data) override {
-    if (gathered_.empty() && data.count() >= minimum_) {
+    if (gathering_ == nullptr) {
       completeReceive(std::move(data), /*isComplete=*/false, 0);
       return;
     }
-    gathered_.insert(gathered_.end(), data.bytes().begin(), data.bytes().end());
-    if (gathered_.size() >= minimum_) {
+    auto& bytes = gathering_->bytes;
+    bytes.insert(bytes.end(), data.bytes().begin(), data.bytes().end());
+    if (bytes.size() >= gathering_->minimum) {
       deliverGathered(/*isComplete=*/false);
     } else {
-      stream_->read(maximum_ - gathered_.size());
+      stream_->read(gathering_->maximum - bytes.size());
     }
   }
 
   void streamDidEnd(int error) override {
-    if (gathered_.empty()) {
+    if (gathering_ == nullptr || gathering_->bytes.empty()) {
+      gathering_ = nullptr;
       completeReceive(std::nullopt, /*isComplete=*/error == 0, error);
     } else {
       deliverGathered(/*isComplete=*/error == 0);  // the next receive meets the same end
@@ -59,14 +60,18 @@ class StreamConnection final : public SocketConnection, private StreamSocket::Ow
   [[nodiscard]] std::shared_ptr<void> streamReference() override { return self(); }
 
   void deliverGathered(bool isComplete) {
-    Data data = Data::copying(std::exchange(gathered_, {}));
-    completeReceive(std::move(data), isComplete, 0);
+    const auto gathering = std::exchange(gathering_, nullptr);
+    completeReceive(Data::copying(gathering->bytes), isComplete, 0);
   }
 
   std::optional<StreamSocket> stream_;
-  std::size_t minimum_ = 1;
-  std::size_t maximum_ = 1;
-  std::vector<std::uint8_t> gathered_;  // fewer bytes than a receive asked for
+  /// A receive that asks for more than one byte.
+  struct Gathering {
+    std::size_t minimum;
+    std::size_t maximum;
+    std::vector<std::uint8_t> bytes;  // fewer than it asked for
+  };
+  std::unique_ptr<Gathering> gathering_;
 };
 
 class DatagramConnection final : public SocketConnection, private DatagramSocket::Owner {

@@ -75,7 +75,7 @@ class NEAppProxyTCPFlow : public NEAppProxyFlow {
   using ReadCompletion = std::move_only_function<void(std::optional<Data>, std::optional<NSError>)>;
 
   /// The destination that the application asked for.
-  [[nodiscard]] virtual const NWFlowEndpoint& remoteEndpoint() const = 0;
+  [[nodiscard]] virtual NWFlowEndpoint remoteEndpoint() const = 0;
 
   /// Reads what is there, at least one byte; no bytes is the end of the stream. The first read
   /// returns the application's first flight: one that begins like a TLS handshake record comes
