@@ -13,6 +13,7 @@ foreach(class
     relay.Datagrams
     relay.Mass
     relay.AwkwardEnds
+    control.ControlSocket
     lifecycle.UnderLoad
     lifecycle.Surroundings
     identity.Identity

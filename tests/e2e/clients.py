@@ -14,6 +14,7 @@ import threading
 import time
 
 TIMEOUT = 20
+IMMEDIATELY = struct.pack("ii", 1, 0)  # a linger that makes a close a reset
 sockets = {}
 kept = []
 
@@ -47,7 +48,7 @@ def use_socket(number, method, arguments):
 
 
 def socket_reset(stream):
-    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, IMMEDIATELY)
     stream.close()
 
 
@@ -113,9 +114,9 @@ def socket_transfer(stream, first, to_send, to_receive):
     return transfer(stream, to_send, to_receive)
 
 
-def exchange_many(address, count, at_once, request, source=None):
+def exchange_many(address, count, at_once, request, resets=0):
     """`count` connections, `at_once` at the same time, each of which sends `request`, reads as many
-    bytes back, and closes; how many got what, by outcome."""
+    bytes back, and closes; every so many-th is reset instead. How many got what, by outcome."""
     outcomes = {}
     selector = selectors.DefaultSelector()
     begun, deadline = 0, time.monotonic() + TIMEOUT * 3
@@ -130,8 +131,6 @@ def exchange_many(address, count, at_once, request, source=None):
             begun += 1
             stream = socket.socket()
             stream.setblocking(False)
-            if source:
-                stream.bind((source, 0))
             stream.connect_ex(address)
             selector.register(stream, selectors.EVENT_WRITE, [b""])
         for key, _ in selector.select(1):
@@ -140,13 +139,16 @@ def exchange_many(address, count, at_once, request, source=None):
                 if key.events == selectors.EVENT_WRITE:
                     stream.send(request)
                     selector.modify(stream, selectors.EVENT_READ, state)
+                    if resets and begun % resets == 0:
+                        stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, IMMEDIATELY)
+                        conclude(stream, "reset")
                     continue
                 piece = stream.recv(1 << 16)
                 state[0] += piece
                 if state[0] == request:
                     conclude(stream, "whole")
-                elif not piece:
-                    conclude(stream, "short")
+                elif not piece or not request.startswith(state[0]):
+                    conclude(stream, "wrong" if piece else "short")
             except OSError as error:
                 conclude(stream, errno.errorcode[error.errno])
     for key in list(selector.get_map().values()):
