@@ -31,39 +31,39 @@ TEST_F(EpollLoopTest, RunsPostsOfManyThreadsInEachOnesOrder) {
     });
   }
   posters.clear();
-  passThrough(loop());
+  passThrough();
   EXPECT_EQ(outOfOrder, 0U);
   for (const std::size_t count : next) EXPECT_EQ(count, posts);
 }
 
 TEST_F(EpollLoopTest, PinnedQueueIsTheLoopForItsOwnBlocksOnly) {
-  const auto queue = pinnedQueue();
-  const auto other = pinnedQueue();
+  const auto own = queue();
+  const auto other = queue();
   const Awaited<std::string> order;
   loop().post([&] {
     std::string text;
-    EXPECT_TRUE(queue->isCurrent());
-    queue->async([&] { text += "a"; });
+    EXPECT_TRUE(own->isCurrent());
+    own->async([&] { text += "a"; });
     other->async([&] { text += "x"; });
-    queue->async([&] {
+    own->async([&] {
       text += "b";
-      queue->async([&] { text += "c"; });
-      queue->carry([&] { text += "!"; });
+      own->async([&] { text += "c"; });
+      own->carry([&] { text += "!"; });
     });
     // On the loop: what waits in this queue comes first, the other queue's turn is later.
-    EXPECT_EQ(queue->sync([&] { return text; }), "ab!c");
+    EXPECT_EQ(own->sync([&] { return text; }), "ab!c");
     other->sync([&] { EXPECT_EQ(text, "ab!cx"); });
     order.set(text);
   });
   EXPECT_EQ(order.get(), "ab!cx");
 
   // From outside: after everything that was submitted before, and with its result.
-  EXPECT_FALSE(queue->isCurrent());
+  EXPECT_FALSE(own->isCurrent());
   std::vector<int> numbers;
   for (int number = 0; number < 100; ++number)
-    queue->async([&, number] { numbers.push_back(number); });
-  queue->carry([&] { numbers.push_back(100); });
-  EXPECT_EQ(queue->sync([&] {
+    own->async([&, number] { numbers.push_back(number); });
+  own->carry([&] { numbers.push_back(100); });
+  EXPECT_EQ(own->sync([&] {
     EXPECT_TRUE(loop().isCurrent());
     return numbers.size();
   }),
@@ -119,7 +119,7 @@ TEST_F(EpollLoopTest, TimersGoOffInOrderAndMayBeStoppedRestartedAndDestroyed) {
   EXPECT_EQ(log, "ecaba");
   EXPECT_GE(EpollLoop::Clock::now() - begin, 50ms);
   loop().post([&] { alarms.clear(); });
-  passThrough(loop());
+  passThrough();
 }
 
 TEST_F(EpollLoopTest, CompletionsComeBeforeDeferredStepsAndEachTaskOnce) {
@@ -139,7 +139,7 @@ TEST_F(EpollLoopTest, CompletionsComeBeforeDeferredStepsAndEachTaskOnce) {
     first.then = [&] { loop().schedule(second.task); };
     flush.then = [&] { loop().schedule(first.task); };  // runs before the next deferred step
   });
-  passThrough(loop());
+  passThrough();
   EXPECT_EQ(log, "fsFfR");
 }
 
@@ -200,10 +200,10 @@ TEST_F(EpollLoopTest, ForgetsASourceThatIsRemovedDuringTheSameTurn) {
     EXPECT_TRUE(loop().add(right.descriptor.get(), right));
   });
   EXPECT_TRUE(eventually([&] {
-    passThrough(loop());
+    passThrough();
     return left.told + right.told > 0;
   }));
-  passThrough(loop());
+  passThrough();
   EXPECT_EQ(left.told + right.told, 1);
 }
 

@@ -33,7 +33,7 @@ class PipePoolTest : public LoopTest {
   }
   void onLoop(std::invocable auto function) {
     loop().post([&] { function(); });
-    passThrough(loop());
+    passThrough();
   }
   /// The whole pattern, in a pipe.
   Data filled() {
