@@ -1,4 +1,5 @@
-#include "connection/ConnectExchange.h"
+#include <functional>
+
 #include "connection/ConnectionFixture.h"
 #include "support/Hello.h"
 
@@ -26,23 +27,7 @@ class Route : public ConnectionFixture {
   [[nodiscard]] static Lines relay(const Data& first, const std::string& out) {
     return {out + ": send " + show(first), out + ": receive 1..2048"};
   }
-  /// Up to the receive of the proxy's reply.
-  void requestTunnel(const Options& options = {}) {
-    startReady(proxied, options);
-    tcpFlow_->completeRead(hello);
-    out().completeSend();
-    forget();
-  }
 };
-
-TEST_F(Route, RequestByteForByte) {
-  const Data made = makeConnectRequest("host.example", "8443");
-  EXPECT_EQ(made.characters(),
-            "CONNECT host.example:8443 HTTP/1.1\r\nHost: host.example:8443\r\n"
-            "Proxy-Connection: keep-alive\r\n\r\n");
-  EXPECT_EQ(made.count(), 93);
-  EXPECT_TRUE(makeConnectRequest("::1", "443").characters().starts_with("CONNECT ::1:443 HTTP"));
-}
 
 TEST_F(Route, ReadsTheFirstBytesOnceTheProxyIsReady) {
   start(proxied);
@@ -54,14 +39,17 @@ TEST_F(Route, ReadsTheFirstBytesOnceTheProxyIsReady) {
   EXPECT_EQ(happened(), Lines{"log: proxy ready"});
 }
 
-TEST_F(Route, NoFallbackWhenTheProxyCannotBeReached) {
-  for (const auto& [state, name] :
-       {std::pair(State::waiting, "waiting"), {State::failed, "failed"}}) {
-    start(proxied);
-    out().enter(state, broken);
-    EXPECT_EQ(happened(),
-              Lines{"log: proxy failed: broken ; state: " + std::string(name) + "(broken)"} +
-                  ended("broken"));
+TEST_F(Route, AWayThatDoesNotComeAboutEndsTheFlow) {
+  const std::pair<ConnectionMode, std::string> modes[] = {
+      {direct, "log: nw direct connection failed: broken; state: "},
+      {proxied, "log: proxy failed: broken ; state: "}};
+  for (const auto& [mode, line] : modes) {
+    for (const State state : {State::waiting, State::failed}) {
+      start(mode);
+      out().enter(state, broken);
+      const std::string shown = state == State::waiting ? "waiting(broken)" : "failed(broken)";
+      EXPECT_EQ(happened(), Lines{line + shown} + ended("broken"));
+    }
   }
 }
 
@@ -97,11 +85,9 @@ TEST_F(Route, TunnelsToTheServerName) {
 }
 
 TEST_F(Route, PlainHTTPGoesToTheProxyUnchanged) {
-  for (const char* first : {"GET http://host/ HTTP/1.1\r\nHost: host\r\n\r\n", "xHTTP/1.1"}) {
-    startReady(proxied);
-    tcpFlow_->completeRead(bytes(first));
-    EXPECT_EQ(happened(), relay(bytes(first), "out1"));
-  }
+  startReady(proxied);
+  tcpFlow_->completeRead(bytes("xHTTP/1.1"));
+  EXPECT_EQ(happened(), relay(bytes("xHTTP/1.1"), "out1"));
 }
 
 TEST_F(Route, SwitchesToDirectModeWithTheSameFirstBytes) {
@@ -129,55 +115,50 @@ TEST_F(Route, SwitchesToDirectModeWithTheSameFirstBytes) {
   EXPECT_TRUE(happened().at(0).starts_with("out1: send 'CONNECT GNOME.org:443 "));
 }
 
-TEST_F(Route, FailedRequestAndRefusedTunnelGoDirect) {
+TEST_F(Route, GoesByTheProxysReply) {
+  using Pieces = std::vector<std::optional<std::string_view>>;
+  using enum ConnectReply;
+  const std::string longHead = "HTTP/1.1 200\r\nX: " + std::string(20'000, 'x');
+  const std::tuple<ConnectReply, Pieces, bool, std::string> cases[] = {
+      // judged by, what comes, whether there is a tunnel, what is the tunnel's already
+      {phrase, {"HTTP/1.0 999 Connection Established\r\n\r\nrest"}, true, ""},
+      {phrase, {"HTTP/1.1 200 OK\r\n\r\n"}, false, ""},
+      {phrase, {"Connection established"}, false, ""},
+      {phrase, {"Connection Establishe"}, false, ""},
+      {phrase, {""}, false, ""},
+      {phrase, {std::nullopt}, false, ""},
+      {phrase, {"HTTP/1.1 200 Connection Established\r\n\r\n\xFF"}, false, ""},
+      {status, {"HTTP/1.1 200 OK\r\n\r\n"}, true, ""},
+      {status, {"HTTP/1.0 299\n\nrest"}, true, "rest"},
+      {status, {"HTTP/1.1 2", "00 \r\nA: b\r", "\n\r", "\nrest"}, true, "rest"},
+      {status, {"HTTP/1.1 407 Connection Established\r\n"}, false, ""},
+      {status, {"HTTP/1.1 2000 OK\r\n\r\n"}, false, ""},
+      {status, {"HTTP/2.0 200 OK\r\n\r\n"}, false, ""},
+      {status, {"HTTP/1.1 200 OK\r\n", std::string_view(longHead).substr(14)}, false, ""},
+      {status, {std::nullopt}, false, ""},
+      {status, {"HTTP/1.1 200 OK\r\n", std::nullopt}, false, ""}};
+  for (const auto& [judged, pieces, isEstablished, rest] : cases) {
+    startReady(proxied, {.connectReply = judged});
+    tcpFlow_->completeRead(hello);
+    out().completeSend();
+    forget();
+    for (std::size_t index = 0; index < pieces.size(); ++index) {
+      EXPECT_EQ(happened(), index == 0 ? Lines() : Lines{"out1: receive 1..2048"});
+      out().completeReceive(pieces[index].transform(bytes));
+    }
+    const Lines behind = {"out1: send " + show(hello), "flow1: write '" + rest + "'"};
+    EXPECT_EQ(happened(), !isEstablished ? switched("nw connect request establish failed")
+                          : rest.empty() ? relay(hello, "out1")
+                                         : behind);
+    if (isEstablished) continue;
+    out(2).enter(State::ready);
+    EXPECT_EQ(happened(), relay(hello, "out2"));
+  }
   startReady(proxied);
   tcpFlow_->completeRead(hello);
   forget();
   out().completeSend(broken);
   EXPECT_EQ(happened(), switched("nw connect request send failed:broken"));
-  out(2).enter(State::ready);
-  EXPECT_EQ(happened(), relay(hello, "out2"));
-  for (const std::optional<Data>& reply :
-       {std::optional(bytes("HTTP/1.1 200 OK\r\n\r\n")),
-        std::optional(bytes("Connection established")),
-        std::optional(bytes("Connection Establishe")), std::optional(Data()), std::optional<Data>(),
-        std::optional(bytes("HTTP/1.1 200 Connection Established\r\n\r\n\xFF"))}) {
-    requestTunnel();
-    out().completeReceive(reply, true, broken);
-    EXPECT_EQ(happened(), switched("nw connect request establish failed"));
-    out(2).enter(State::ready);
-    EXPECT_EQ(happened(), relay(hello, "out2"));
-  }
-}
-
-TEST_F(Route, ReplyMayBeJudgedByItsStatus) {
-  using Pieces = std::vector<std::string_view>;
-  const std::string longHead = "HTTP/1.1 200\r\nX: " + std::string(20'000, 'x');
-  const std::tuple<Pieces, bool, std::string> cases[] = {
-      {{"HTTP/1.1 200 OK\r\n\r\n"}, true, ""},
-      {{"HTTP/1.0 299\n\nrest"}, true, "rest"},
-      {{"HTTP/1.1 2", "00 \r\nA: b\r", "\n\r", "\nrest"}, true, "rest"},
-      {{"HTTP/1.1 407 Connection Established\r\n"}, false, ""},
-      {{"HTTP/1.1 2000 OK\r\n\r\n"}, false, ""},
-      {{"HTTP/2.0 200 OK\r\n\r\n"}, false, ""},
-      {{"HTTP/1.1 200 OK\r\n", std::string_view(longHead).substr(14)}, false, ""}};
-  for (const auto& [pieces, isEstablished, rest] : cases) {
-    requestTunnel({.connectReply = ConnectReply::status});
-    for (const std::string_view piece : pieces) {
-      EXPECT_EQ(happened(), piece == pieces.front() ? Lines() : Lines{"out1: receive 1..2048"});
-      out().completeReceive(bytes(piece));
-    }
-    // What came behind the head is the tunnel's and goes to the flow.
-    const Lines behind = {"out1: send " + show(hello), "flow1: write '" + rest + "'"};
-    EXPECT_EQ(happened(), !isEstablished ? switched("nw connect request establish failed")
-                          : rest.empty() ? relay(hello, "out1")
-                                         : behind);
-  }
-  for (const auto& last : {std::optional<Data>(), std::optional(bytes("HTTP/1.1 200 OK\r\n"))}) {
-    requestTunnel({.connectReply = ConnectReply::status});
-    out().completeReceive(last, true);
-    EXPECT_EQ(happened(), switched("nw connect request establish failed"));
-  }
 }
 
 TEST_F(Route, UnusableDestinationEndsTheSwitch) {
@@ -199,29 +180,35 @@ TEST_F(Route, UDPGoesDirectWithoutARead) {
   EXPECT_EQ(happened(), (Lines{"flow1: read", "out2: receive 1..2048"}));
 }
 
-// Closed while the first read, the request or the reply is under way: what comes late must not
-// bring the flow back to life.
+// What completes after a close must not bring the flow back to life.
 TEST_F(Route, NothingHappensAfterAClose) {
-  for (const Data& first : {hello, bytes("GET / HTTP/1.1\r\n\r\n"), bytes("neither"), Data()}) {
-    startReady(proxied);
-    connection_->closeAllConnWithError(std::nullopt);
-    forget();
-    tcpFlow_->completeRead(first);
-    EXPECT_EQ(happened(), Lines()) << first.characters();
+  using Step = std::function<void()>;
+  const Step readHello = [this] { tcpFlow_->completeRead(hello); };
+  const Step sent = [this] { out().completeSend(); };
+  const Step received = [this] { out().completeReceive(bytes("Connection Established")); };
+  const Step failed = [this] { out().completeReceive(std::nullopt, false, broken); };
+  const struct {
+    ConnectionMode mode;
+    std::vector<Step> before;
+    std::vector<Step> late;
+  } cases[] = {{proxied, {}, {readHello}},
+               {proxied, {}, {[this] { tcpFlow_->completeRead(bytes("GET / HTTP/1.1")); }}},
+               {proxied, {}, {[this] { tcpFlow_->completeRead(bytes("neither")); }}},
+               {proxied, {readHello}, {[this] { out().completeSend(broken); }}},
+               {proxied, {readHello, sent}, {received}},
+               {proxied, {readHello, sent}, {failed}},
+               {direct, {readHello}, {sent, received}},
+               {direct, {received}, {readHello, [this] { tcpFlow_->completeWrite(); }}}};
+  for (const auto& [mode, before, late] : cases) {
+    for (const ConnectReply judged : {ConnectReply::phrase, ConnectReply::status}) {
+      startReady(mode, {.connectReply = judged});
+      for (const Step& step : before) step();
+      connection_->closeAllConnWithError(std::nullopt);
+      forget();
+      for (const Step& step : late) step();
+      EXPECT_EQ(happened(), Lines());
+    }
   }
-  for (const ConnectReply judged : {ConnectReply::phrase, ConnectReply::status}) {
-    requestTunnel({.connectReply = judged});
-    connection_->closeAllConnWithError(std::nullopt);
-    forget();
-    EXPECT_TRUE(out().completeReceive(std::nullopt, false, broken));
-    EXPECT_EQ(happened(), Lines());
-  }
-  startReady(proxied);
-  tcpFlow_->completeRead(hello);
-  connection_->closeAllConnWithError(std::nullopt);
-  forget();
-  EXPECT_TRUE(out().completeSend(broken));
-  EXPECT_EQ(happened(), Lines());
 }
 
 }  // namespace
