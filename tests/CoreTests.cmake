@@ -14,7 +14,6 @@ tandor_test(tandor_core_tests
     provider/HammerTest.cpp
     provider/HostMessagesTest.cpp
     provider/LifecycleTest.cpp
-    support/FakeHost.cpp
     tls/ClientHelloPeerTest.cpp
     tls/ClientHelloTest.cpp
   LINKS tandor_provider_core tandor_tls OpenSSL::SSL)

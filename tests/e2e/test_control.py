@@ -86,6 +86,21 @@ class ControlSocket(EndToEnd):
                 self.assertEqual(daemon.process.wait(20), 0)
                 self.assertFalse(os.path.exists(daemon.path))
 
+    def test_the_log_goes_where_it_is_told(self):
+        path = self.lab.folder + "/redirected"
+        with open(path, "w") as log:
+            log.write("earlier\n")
+        daemon = self.lab.daemon()
+        daemon.start("directlyWhiteList", [], logPath=path)
+        self.assertEqual(daemon.terminate(), 0)
+        with open(path) as log:
+            redirected = log.read()
+        self.assertTrue(redirected.startswith("earlier\n"))
+        for line in ("] parse config succeed: ", "] stop proxy with reason:"):
+            self.assertIn(line, redirected)
+            self.assertNotIn(line, daemon.log())
+        self.assertIn("redirect log to: " + path, daemon.log())
+
     def test_a_host_application_that_does_not_answer(self):
         """It holds the start and the stop, but nobody else; a second signal waits no longer."""
         host = self.closing(socket.socket(socket.AF_UNIX))

@@ -23,16 +23,8 @@ class Configuration : public ProviderFixture {
   [[nodiscard]] std::string current() const { return provider_->config()->description(); }
 };
 
-TEST_F(Configuration, BeginsSwitchedOffAndEmpty) {
-  EXPECT_EQ(current(), rendered("false", "nil", "false", "[]", "directlyWhiteList"));
-  EXPECT_EQ(provider_->config()->ipcSocketPath, std::nullopt);
-  const auto& whiteList = provider_->config()->whiteList;
-  ASSERT_EQ(whiteList.size(), 3);
-  EXPECT_EQ(whiteList[0], "Tandor_root");
-  EXPECT_TRUE(whiteList[1].size() == 19 && whiteList[2].size() == 20);
-}
-
 TEST_F(Configuration, EveryKeyAndItsDefault) {
+  EXPECT_EQ(current(), rendered("false", "nil", "false", "[]", "directlyWhiteList"));
   const std::string base = R"("mode": "directlyWhiteList", "appIds": "[]")";
   const std::string proxy = R"("mode": "webProxy", "appIds": " [ ] ", "proxyHostname": )";
   const std::pair<std::string, std::string> cases[] = {
@@ -102,20 +94,6 @@ TEST_F(Configuration, OnlyTextCounts) {
                        {"socketPath", AnyDictionary{}}}));
   EXPECT_EQ(current(), rendered("false", "nil", "false", R"(["listed"])", "tunnelWhiteList"));
   EXPECT_EQ(provider_->config()->ipcSocketPath, std::nullopt);
-}
-
-TEST_F(Configuration, ErrorsHaveTheirCodes) {
-  using Error = TandorProviderError;
-  const std::pair<Error, std::string> errors[] = {
-      {Error::parseFailed("t\n"), R"(parseFailed("t\n"))"},
-      {Error::providerStopped(NEProviderStopReason::sleep), "providerStopped(reason: sleep(15))"},
-      {Error::appMessageDeserializeFailed("t"), R"(appMessageDeserializeFailed("t"))"},
-      {Error::invalidJson("t"), R"(invalidJson("t"))"},
-      {Error::quicNotSupport(), "quicNotSupport"}};
-  for (std::int64_t code = 0; const auto& [error, form] : errors) {
-    EXPECT_EQ(error.platformError().description(), form);
-    EXPECT_EQ(error.platformError().code(), code++);
-  }
 }
 
 }  // namespace
