@@ -67,15 +67,20 @@ class ControlSocket(EndToEnd):
         self.daemon.call("status", x="x" * 1_000_000)  # just within what a line may have
 
     def test_a_start_that_cannot_be_parsed_ends_the_process(self):
-        values = {"mode": "directlyWhiteList", "appIds": "[]"}
-        whole = {"type": "NETunnelProviderProtocol", "providerConfiguration": values}
+        kind, values = "NETunnelProviderProtocol", {"mode": "directlyWhiteList", "appIds": "[]"}
+        proxied = {**values, "mode": "webProxy", "proxyHostname": "proxy.example", "proxyPort": 80}
         no_type = 'parseFailed("invalid protocolConfiguration type")'
-        cases = ((None, 0, no_type), ({**whole, "type": "NEVPNProtocolIPSec"}, 0, no_type),
-                 ({"type": whole["type"]}, 0, 'parseFailed("provider configuration is nil")'),
-                 ({**whole, "providerConfiguration": {**values, "mode": 5}}, 0,
+        cases = ((None, 0, no_type),
+                 ({"type": "NEVPNProtocolIPSec", "providerConfiguration": values}, 0, no_type),
+                 ({"type": kind}, 0, 'parseFailed("provider configuration is nil")'),
+                 ({"type": kind, "providerConfiguration": {**values, "mode": 5}}, 0,
                   'parseFailed("invalid mode")'),
-                 ({**whole, "providerConfiguration": {**values, "appIds": "[1]"}}, 3,
-                  'invalidJson("[1]")'))
+                 ({"type": kind, "providerConfiguration": {**values, "appIds": []}}, 0,
+                  'parseFailed("configuration for appIds is nil")'),
+                 ({"type": kind, "providerConfiguration": {**values, "appIds": "[1]"}}, 3,
+                  'invalidJson("[1]")'),
+                 ({"type": kind, "providerConfiguration": proxied}, 0,
+                  'parseFailed("invalid proxy port for key [proxyPort]")'))
         for configuration, code, description in cases:
             with self.subTest(configuration):
                 daemon = self.lab.daemon()

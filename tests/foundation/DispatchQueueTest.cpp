@@ -1,6 +1,5 @@
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <latch>
 #include <memory>
 #include <thread>
@@ -9,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/dispatch/DispatchQueue.h"
+#include "support/Waiting.h"
 
 namespace tandor::test {
 namespace {
@@ -57,18 +57,12 @@ TEST(DispatchQueue, SyncAndCarryOnTheQueueItselfRunAtOnce) {
   queue->sync([&] { run(); });
   EXPECT_FALSE(queue->isCurrent());
   queue->sync([] {});
-  EXPECT_EQ(order, (std::vector{1, 2, 5, 1, 2, 5}));
-}
-
-TEST(DispatchQueue, CarryFromElsewhereDoesNotWait) {
-  const auto queue = DispatchQueue::serial("queue");
-  std::latch release(1);
-  std::latch carried(1);
+  std::latch release(1);  // from elsewhere, a carry does not wait
   queue->async([&] { release.wait(); });
-  queue->carry([&] { carried.count_down(); });
-  EXPECT_FALSE(carried.try_wait());
+  queue->carry([&] { order.push_back(6); });
   release.count_down();
-  carried.wait();
+  queue->sync([] {});
+  EXPECT_EQ(order, (std::vector{1, 2, 5, 1, 2, 5, 6}));
 }
 
 TEST(DispatchQueue, LivesUntilItsBlocksHaveRunAndReleasesWhatTheyHeld) {
@@ -80,42 +74,29 @@ TEST(DispatchQueue, LivesUntilItsBlocksHaveRunAndReleasesWhatTheyHeld) {
   queue->sync([&] { EXPECT_TRUE(watchedHeld.expired()); });
   queue->async([] { std::this_thread::sleep_for(5ms); });
   queue = nullptr;
-  for (int wait = 0; wait < 5000 && !watched.expired(); ++wait) std::this_thread::sleep_for(1ms);
-  EXPECT_TRUE(watched.expired());
+  EXPECT_TRUE(eventually([&] { return watched.expired(); }));
 }
 
+// More blocks than the pool has threads, which wait for the same queue, and that for one of them.
 TEST(GlobalQueue, BlocksThatWaitDoNotHoldUpOthers) {
-  constexpr int waiting = 12;
-  std::latch all(waiting);
-  std::latch done(waiting);
-  for (int count = 0; count < waiting; ++count) {
-    GlobalQueue::shared().async([&] {
-      all.arrive_and_wait();  // passes only when every block has a thread
-      done.count_down();
-    });
-  }
-  done.wait();
-}
-
-// More blocks than the pool has threads, each of which waits for the same queue.
-TEST(GlobalQueue, ThreadsThatWaitForAQueueGetTheirTurns) {
   constexpr int blocks = 100;
   struct Shared {
     std::shared_ptr<DispatchQueue> queue = DispatchQueue::serial("contended");
+    std::latch hasBegun{12};
     std::latch done{blocks};
   };
   const auto shared = std::make_shared<Shared>();  // outlives a failure
   shared->queue->sync([&] {
     for (int count = 0; count < blocks; ++count) {
-      GlobalQueue::shared().async(
-          [shared] { shared->queue->sync([&] { shared->done.count_down(); }); });
+      GlobalQueue::shared().async([shared, count] {
+        if (count < 12) shared->hasBegun.arrive_and_wait();  // when each of them has a thread
+        shared->queue->sync([&] { shared->done.count_down(); });
+      });
     }
-    std::this_thread::sleep_for(50ms);
-    shared->queue->async([shared] {});
+    shared->hasBegun.wait();
+    shared->queue->carry([shared] {});
   });
-  for (int wait = 0; wait < 500 && !shared->done.try_wait(); ++wait)
-    std::this_thread::sleep_for(10ms);
-  EXPECT_TRUE(shared->done.try_wait());
+  EXPECT_TRUE(eventually([&] { return shared->done.try_wait(); }));
 }
 
 }  // namespace

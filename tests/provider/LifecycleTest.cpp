@@ -1,6 +1,4 @@
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 
 #include "provider/ProviderFixture.h"
 
@@ -82,22 +80,6 @@ TEST_F(ProviderLifecycle, SwitchingOffClosesEveryConnection) {
     EXPECT_EQ(journal_.take(), Lines{"log: wake up"});
     EXPECT_TRUE(provider_->enable());
     EXPECT_TRUE(provider_->proxyConnections().empty());
-  }
-}
-
-TEST_F(ProviderLifecycle, FailedStartCompletesAndThenEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::pair<AnyDictionary, std::string> cases[] = {
-      {configuration({{"mode", std::int64_t{1}}}), "invalid mode"},
-      {configuration({{"appIds", AnyList{}}}), "configuration for appIds is nil"},
-      {webProxy({{"proxyPort", std::int64_t{80}}}), "invalid proxy port for key .proxyPort."}};
-  for (const auto& [configuration, error] : cases) {
-    provider_->attach(host_, std::make_shared<NETunnelProviderProtocol>(configuration));
-    const auto show = [](const std::optional<NSError>& given) {
-      std::fputs(("<" + description(given) + ">").c_str(), stderr);
-    };
-    EXPECT_EXIT(provider_->startProxy({}, show), testing::ExitedWithCode(EXIT_SUCCESS),
-                "^<parseFailed.\"" + error + "\".>$");
   }
 }
 
