@@ -4,7 +4,6 @@ tandor_test(tandor_core_tests
     connection/RelayTest.cpp
     connection/RouteTest.cpp
     coresupport/SupportTest.cpp
-    foundation/DispatchQueueTest.cpp
     foundation/ValuesTest.cpp
     ipc/IPCClientTest.cpp
     ipc/LayoutTest.cpp

@@ -1,6 +1,7 @@
 tandor_test(tandor_platform_tests
   SOURCES
     platform/ConnectionTest.cpp
+    platform/DispatchQueueTest.cpp
     platform/EpollLoopTest.cpp
     platform/FlowTest.cpp
     platform/Objects.cpp

@@ -43,10 +43,6 @@ class Listener:
         return self._socket.fileno()
 
     def close(self):
-        try:
-            self._socket.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass  # closed already
         self._socket.close()
 
 
@@ -84,37 +80,6 @@ class Peer:
             return "end"
         except ConnectionResetError:
             return "reset"
-
-
-class Server:
-    """Serves each connection by a function, on a thread of its own."""
-
-    def __init__(self, namespace, address, serve):
-        self._listener = Listener(namespace, address)
-        self._serve = serve
-        self.errors = []
-        threading.Thread(target=self._accept, daemon=True).start()
-
-    def _accept(self):
-        while True:
-            try:
-                peer = self._listener.accept()
-            except TimeoutError:
-                continue
-            except OSError:
-                return
-            threading.Thread(target=self._run, args=(peer,), daemon=True).start()
-
-    def _run(self, peer):
-        try:
-            self._serve(peer)
-        except Exception as error:
-            self.errors.append(error)
-        finally:
-            peer.close()
-
-    def close(self):
-        self._listener.close()
 
 
 class Echo:

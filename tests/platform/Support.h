@@ -1,8 +1,7 @@
 #pragma once
 
-#include <condition_variable>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -30,35 +29,24 @@ inline constexpr bool isSanitized =
 inline constexpr bool isSanitized = false;
 #endif
 
-/// A value that another thread brings. Copies stand for the same value.
+/// A value that another thread brings, once. Copies stand for the same value.
 template <typename Value>
 class Awaited {
  public:
-  void set(Value value) const {
-    const std::scoped_lock lock(state_->mutex);
-    if (state_->value) ADD_FAILURE() << "answered twice";
-    state_->value.emplace(std::move(value));
-    state_->changed.notify_all();
-  }
+  void set(Value value) const { promise_->set_value(std::move(value)); }
   [[nodiscard]] bool isSet() const {
-    const std::scoped_lock lock(state_->mutex);
-    return state_->value.has_value();
+    return future_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
   }
   /// Waits for the value; ends the test when nobody brings it.
   [[nodiscard]] Value get() const {
-    std::unique_lock lock(state_->mutex);
-    if (!state_->changed.wait_for(lock, patience, [this] { return state_->value.has_value(); }))
+    if (future_.wait_for(patience) != std::future_status::ready)
       throw std::runtime_error("nobody answered");
-    return *state_->value;
+    return future_.get();
   }
 
  private:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::optional<Value> value;
-  };
-  std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::shared_ptr<std::promise<Value>> promise_ = std::make_shared<std::promise<Value>>();
+  std::shared_future<Value> future_ = promise_->get_future().share();
 };
 
 using Error = std::optional<NSError>;
