@@ -30,62 +30,57 @@ TEST_F(TCPFlowTest, FirstReadBringsTheWholeFirstRecord) {
   const std::string hello = record(700);
   const std::string big = record(std::size_t{16} * 1024);
   const std::string tooLong = record(0xFFFF).substr(0, (std::size_t{16} * 1024) + 5);
-  enum class Then : std::uint8_t { whole, patience, closed };
-  struct Case {
-    std::string what;
-    std::vector<std::string> pieces;
-    Then then = Then::whole;
-    std::string behind{};
-  };
   std::vector<std::string> bytes;
   for (const char byte : record(30)) bytes.emplace_back(1, byte);
-  const std::vector<Case> cases = {
-      {"no record", {"G"}},
-      {"another record type", {record(700, '\x17').substr(0, 3)}},
-      {"in one piece", {hello}},
-      {"with bytes of the next", {hello + "\x14\x03"}},
-      {"in two pieces", {hello.substr(0, 100), hello.substr(100)}},
-      {"the second with more", {hello.substr(0, 100), hello.substr(100) + "more"}},
-      {"byte by byte", bytes},
-      {"split in its header", {hello.substr(0, 3), hello.substr(3, 1), hello.substr(4)}},
-      {"empty record", {"\x16\x03", std::string("\x01\0\0", 3)}},
-      {"longest record", {big.substr(0, 10'000), big.substr(10'000)}},
-      {"longer than any record", {tooLong.substr(0, 10'000), tooLong.substr(10'000)}},
-      {"header only", {hello.substr(0, 5)}, Then::patience, hello.substr(5)},
-      {"one byte only", {hello.substr(0, 1)}, Then::patience, hello.substr(1)},
-      {"ended in between", {hello.substr(0, 600)}, Then::closed},
+  struct Case {
+    std::vector<std::string> pieces;
+    std::string behind = "\x16";  // only the first read waits for a record
+    bool isPatient = false;       // it waits for more, for a while
   };
-  for (const Case& item : cases) {
-    SCOPED_TRACE(item.what);
+  const std::vector<Case> cases = {
+      {{"G"}},
+      {{record(700, '\x17').substr(0, 3)}},
+      {{hello}},
+      {{hello + "\x14\x03"}},
+      {{hello.substr(0, 100), hello.substr(100)}},
+      {{hello.substr(0, 100), hello.substr(100) + "more"}},
+      {bytes},
+      {{hello.substr(0, 3), hello.substr(3, 1), hello.substr(4)}},
+      {{"\x16\x03", std::string("\x01\0\0", 3)}},  // empty
+      {{big.substr(0, 10'000), big.substr(10'000)}},
+      {{tooLong.substr(0, 10'000), tooLong.substr(10'000)}},
+      {{hello.substr(0, 5)}, hello.substr(5), true},
+      {{hello.substr(0, 1)}, hello.substr(1), true},
+      {{hello.substr(0, 600)}, ""},  // ends in between
+  };
+  for (int number = 0; const auto& [pieces, behind, isPatient] : cases) {
+    SCOPED_TRACE(number++);
     auto [flow, app] = openFlow();
     const auto begin = std::chrono::steady_clock::now();
     const auto first = read(*flow);
     std::string sent;
-    for (const std::string& piece : item.pieces) {
+    for (const std::string& piece : pieces) {
       passThrough();
       EXPECT_FALSE(first.isSet());
       app.send(piece);
       sent += piece;
     }
-    if (item.then == Then::closed) {
+    if (behind.empty()) {
       passThrough();
       EXPECT_FALSE(first.isSet());
       app.finishSending();
     }
     EXPECT_TRUE(first.get().text() == sent) << first.get().text().size();
-    if (item.then == Then::patience) {
+    if (isPatient) {
       EXPECT_GE(std::chrono::steady_clock::now() - begin, 300ms);
-      // What comes while nobody reads waits for the next read.
-      app.send(item.behind);
-      passThrough();
-      EXPECT_TRUE(read(*flow).get().text() == item.behind);
-    } else if (item.then == Then::whole) {
-      passThrough();
-      const auto second = read(*flow);
-      app.send("\x16");  // only the first read waits for a record
-      EXPECT_EQ(second.get().text(), "\x16");
     }
-    app.finishSending();
+    if (!behind.empty()) {
+      // What comes while nobody reads waits for the next read.
+      app.send(behind);
+      passThrough();
+      EXPECT_TRUE(read(*flow).get().text() == behind);
+      app.finishSending();
+    }
     const Read end = read(*flow).get();
     EXPECT_TRUE(end.data && end.data->isEmpty() && !end.error);
     close(*flow);
@@ -93,42 +88,27 @@ TEST_F(TCPFlowTest, FirstReadBringsTheWholeFirstRecord) {
 }
 
 TEST_F(TCPFlowTest, ShowsTheApplicationHowItWasClosed) {
-  using Act = std::function<void(TCPFlow&)>;
-  const auto readSide = [](const Error& error) {
-    return [error](const TCPFlow& pair) { pair.flow->closeReadWithError(error); };
-  };
-  const auto writeSide = [](const Error& error) {
-    return [error](const TCPFlow& pair) { pair.flow->closeWriteWithError(error); };
-  };
-  const Act opened = [](const TCPFlow& pair) { EXPECT_EQ(codeOf(open(*pair.flow).get()), 0); };
-  const Act drop = [](TCPFlow& pair) { pair.flow = nullptr; };
-  const Act late = [](const TCPFlow& pair) { EXPECT_NE(codeOf(open(*pair.flow).get()), 0); };
-  const Error none;
-  struct Case {
-    std::string what;
-    std::vector<Act> acts;
-    int error;  // what the application's read meets
-  };
-  const std::vector<Case> cases = {
-      {"both sides", {opened, readSide(none), writeSide(none)}, 0},
-      {"the other way round", {opened, writeSide(none), readSide(none)}, 0},
-      {"only the writing side", {opened, writeSide(none)}, 0},
-      {"twice", {opened, writeSide(none), writeSide(failure), readSide(none)}, 0},
-      {"with an error", {opened, readSide(failure), writeSide(failure)}, ECONNRESET},
-      {"error on the writing side first", {opened, writeSide(failure)}, ECONNRESET},
-      {"error on the second side", {opened, readSide(none), writeSide(failure)}, ECONNRESET},
-      {"refused", {readSide(none), writeSide(none), late}, ECONNRESET},
-      {"refused with an error", {writeSide(failure), readSide(failure), late}, ECONNRESET},
-      {"dropped unopened", {drop}, ECONNRESET},
-      {"dropped", {opened, drop}, ECONNRESET},
-      {"dropped, half closed", {opened, readSide(none), drop}, ECONNRESET},
-      {"dropped, closed", {opened, writeSide(none), readSide(none), drop}, 0},
-  };
-  for (const Case& item : cases) {
-    SCOPED_TRACE(item.what);
+  // What is done: o open, r and w close a side, R and W with an error, d drop, x open and fail.
+  const std::pair<std::string_view, int> cases[] = {
+      {"orw", 0},          {"owr", 0},         {"ow", 0},           {"owWr", 0},
+      {"oRW", ECONNRESET}, {"oW", ECONNRESET}, {"orW", ECONNRESET}, {"rwx", ECONNRESET},
+      {"WRx", ECONNRESET}, {"d", ECONNRESET},  {"od", ECONNRESET},  {"ord", ECONNRESET},
+      {"owrd", 0}};
+  for (const auto& [acts, error] : cases) {
+    SCOPED_TRACE(acts);
     TCPFlow pair = makeTCPFlow(loop());
-    for (const Act& act : item.acts) act(pair);
-    EXPECT_EQ(pair.app.receiveError(), item.error);
+    for (const char act : acts) {
+      if (act == 'o' || act == 'x') {
+        EXPECT_EQ(codeOf(open(*pair.flow).get()) == 0, act == 'o');
+      } else if (act == 'r' || act == 'R') {
+        pair.flow->closeReadWithError(act == 'R' ? Error(failure) : Error());
+      } else if (act == 'w' || act == 'W') {
+        pair.flow->closeWriteWithError(act == 'W' ? Error(failure) : Error());
+      } else {
+        pair.flow = nullptr;
+      }
+    }
+    EXPECT_EQ(pair.app.receiveError(), error);
   }
   // Closed and let go by its own read's completion.
   TCPFlow pair = openFlow();
@@ -141,37 +121,30 @@ TEST_F(TCPFlowTest, ShowsTheApplicationHowItWasClosed) {
   EXPECT_EQ(pair.app.receiveError(), 0);
 }
 
-TEST_F(TCPFlowTest, ClosesADirectionAndWhatIsPendingThere) {
-  {
-    SCOPED_TRACE("both, with an error and a first flight that never becomes whole");
-    const TCPFlow pair = openFlow();
-    const auto pending = read(*pair.flow);
-    pair.app.send("\x16");
-    passThrough();
-    close(*pair.flow, failure);
-    EXPECT_FALSE(pending.get().data);
-    EXPECT_EQ(pending.get().error, failure);
-  }
-  {
-    SCOPED_TRACE("reading");
-    const TCPFlow pair = openFlow();
-    const auto pending = read(*pair.flow);
-    pair.flow->closeReadWithError(std::nullopt);
-    EXPECT_FALSE(pending.get().data);
-    EXPECT_EQ(codeOf(write(*pair.flow, "still").get()), 0);
-    EXPECT_EQ(pair.app.receive(5), "still");
-  }
-  {
-    SCOPED_TRACE("writing");
-    const TCPFlow pair = openFlow();
-    pair.flow->closeWriteWithError(std::nullopt);
-    EXPECT_EQ(pair.app.receive(1), "");
-    pair.app.send("still");
-    EXPECT_EQ(read(*pair.flow).get().text(), "still");
-  }
+TEST_F(TCPFlowTest, ClosesOneDirectionAndWhatIsPendingThere) {
+  const TCPFlow writing = openFlow();
+  const auto pending = read(*writing.flow);
+  writing.flow->closeReadWithError(std::nullopt);
+  EXPECT_FALSE(pending.get().data);
+  EXPECT_EQ(codeOf(write(*writing.flow, "still").get()), 0);
+  EXPECT_EQ(writing.app.receive(5), "still");
+
+  const TCPFlow reading = openFlow();
+  reading.flow->closeWriteWithError(std::nullopt);
+  EXPECT_EQ(reading.app.receive(1), "");
+  reading.app.send("still");
+  EXPECT_EQ(read(*reading.flow).get().text(), "still");
 }
 
-TEST_F(TCPFlowTest, SurvivesApplicationsThatResetEarly) {
+TEST_F(TCPFlowTest, EndsInTheMiddleOfAFirstFlight) {
+  const TCPFlow closed = openFlow();
+  const auto never = read(*closed.flow);
+  closed.app.send("\x16");
+  passThrough();
+  close(*closed.flow, failure);
+  EXPECT_FALSE(never.get().data);
+  EXPECT_EQ(never.get().error, failure);
+
   TCPFlow pair = openFlow();
   const auto pending = read(*pair.flow);
   pair.app.send("\x16\x03");  // the beginning of a first flight
@@ -262,16 +235,7 @@ TEST_F(UDPFlowTest, CarriesDatagramsWholeAndInOrder) {
 }
 
 TEST_F(UDPFlowTest, EndsInEveryWay) {
-  {
-    SCOPED_TRACE("refused");
-    const UDPFlow pair = makeUDPFlow(loop());
-    close(*pair.flow, failure);
-    EXPECT_NE(codeOf(open(*pair.flow).get()), 0);
-    pair.app.send("anybody?");
-    EXPECT_EQ(pair.app.receiveError(), ECONNREFUSED);
-  }
   for (const Error& error : {Error(), Error(failure)}) {
-    SCOPED_TRACE("closed");
     const UDPFlow pair = openFlow();
     const auto pending = read(*pair.flow);
     EXPECT_EQ(codeOf(write(*pair.flow, {"last"}).get()), 0);
@@ -283,25 +247,27 @@ TEST_F(UDPFlowTest, EndsInEveryWay) {
     EXPECT_FALSE(read(*pair.flow).get().datagrams);
     EXPECT_NE(codeOf(write(*pair.flow, {"late"}).get()), 0);
   }
-  {
-    SCOPED_TRACE("the application is gone");
-    UDPFlow pair = openFlow();
-    pair.app.close();
-    const auto pending = read(*pair.flow);
-    EXPECT_EQ(codeOf(write(*pair.flow, {"anybody?"}).get()), 0);
-    EXPECT_EQ(codeOf(pending.get().error), ECONNREFUSED);
-  }
-  {
-    SCOPED_TRACE("ended behind what has arrived, some of it by another socket");
-    const UDPFlow pair = openFlow();
-    loop().post([&] { pair.flow->inject(Data::copying("injected")); });
-    passThrough();
-    pair.app.send("sent");
-    pair.flow->end();
-    EXPECT_EQ(readDatagrams(pair, 2), (std::vector<std::string>{"injected", "sent"}));
-    const ReadDatagrams end = read(*pair.flow).get();
-    EXPECT_TRUE(!end.datagrams && !end.error);
-  }
+  const UDPFlow refused = makeUDPFlow(loop());
+  close(*refused.flow, failure);
+  EXPECT_NE(codeOf(open(*refused.flow).get()), 0);
+  refused.app.send("anybody?");
+  EXPECT_EQ(refused.app.receiveError(), ECONNREFUSED);
+
+  UDPFlow left = openFlow();
+  left.app.close();
+  const auto pending = read(*left.flow);
+  EXPECT_EQ(codeOf(write(*left.flow, {"anybody?"}).get()), 0);
+  EXPECT_EQ(codeOf(pending.get().error), ECONNREFUSED);
+
+  // Ended behind what has arrived, some of it by another socket.
+  const UDPFlow ended = openFlow();
+  loop().post([&] { ended.flow->inject(Data::copying("injected")); });
+  passThrough();
+  ended.app.send("sent");
+  ended.flow->end();
+  EXPECT_EQ(readDatagrams(ended, 2), (std::vector<std::string>{"injected", "sent"}));
+  const ReadDatagrams end = read(*ended.flow).get();
+  EXPECT_TRUE(!end.datagrams && !end.error);
 }
 
 }  // namespace

@@ -29,13 +29,11 @@ TEST_F(Admission, ModeProtocolApplicationAndDestination) {
       {"directlyWhiteList", "listed.helper", never, never},
       // The product's own applications are left alone, listed or not.
       {"webProxy", "Tandor_root", never, never},
-      {"directlyWhiteList", "Tandor_root", never, never},
       {"tunnelWhiteList", "com.tandor.host.app", never, never}};
-  const std::pair<NWHostEndpoint, bool> destinations[] = {
-      {{"203.0.113.7", "443"}, true},  {{"host.example", "0443"}, true},
-      {{"203.0.113.7", "80"}, true},   {{"host.example", "53"}, true},
-      {{"10.1.2.3", "443"}, false},    {{"web.10.0.0.1", "443"}, false},
-      {{"2001:db8::1", "443"}, false}, {{"::ffff:1.2.3.4", "80"}, false}};
+  const std::pair<NWHostEndpoint, bool> destinations[] = {{{"host.example", "0443"}, true},
+                                                          {{"203.0.113.7", "80"}, true},
+                                                          {{"web.10.0.0.1", "443"}, false},
+                                                          {{"::ffff:1.2.3.4", "443"}, false}};
   for (const bool isEnabled : {true, false}) {
     for (const auto& [mode, app, tcp, udp] : rules) {
       start(webProxy({{"mode", mode},

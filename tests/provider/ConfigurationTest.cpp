@@ -88,12 +88,8 @@ TEST_F(Configuration, FailuresLeaveTheRestAsItWas) {
 }
 
 TEST_F(Configuration, OnlyTextCounts) {
-  start(configuration({{"enable", true},
-                       {"debug", std::int64_t{1}},
-                       {"logPath", AnyList{"x"}},
-                       {"socketPath", AnyDictionary{}}}));
+  start(configuration({{"enable", true}, {"debug", std::int64_t{1}}, {"logPath", AnyList{"x"}}}));
   EXPECT_EQ(current(), rendered("false", "nil", "false", R"(["listed"])", "tunnelWhiteList"));
-  EXPECT_EQ(provider_->config()->ipcSocketPath, std::nullopt);
 }
 
 }  // namespace
