@@ -11,7 +11,6 @@ tandor_test(tandor_core_tests
     provider/ConfigurationTest.cpp
     provider/DispatchTest.cpp
     provider/HammerTest.cpp
-    provider/HostMessagesTest.cpp
     provider/LifecycleTest.cpp
     tls/ClientHelloPeerTest.cpp
     tls/ClientHelloTest.cpp

@@ -51,26 +51,15 @@ TEST_F(Admission, ModeProtocolApplicationAndDestination) {
   }
 }
 
-TEST_F(Admission, UnreadableUDPPortIsRefusedAndLogged) {
+TEST_F(Admission, WhatHasNoPortIsLeftAlone) {
   start(webProxy());
+  EXPECT_FALSE(takesTCP("listed", NWOpaqueEndpoint{"Kind"}));
+  EXPECT_FALSE(takesUDP("listed", NWOpaqueEndpoint{"Kind"}));
   for (const std::string port : {"https", "", "70000", "-443", "+443", " 443", "443 "}) {
     static_cast<void>(journal_.take());
     EXPECT_FALSE(takesUDP("listed", NWHostEndpoint{"host.example", port}));
     EXPECT_EQ(journal_.take(), Lines{"log: parse port: " + port + " failed"});
-    EXPECT_FALSE(takesUDP("other", NWHostEndpoint{"host.example", port}));
-    EXPECT_EQ(journal_.take(), Lines());
   }
-}
-
-TEST_F(Admission, DebugNamesEveryTakenTCPFlowAndNothingElse) {
-  start(configuration({{"debug", "true"}}));
-  EXPECT_FALSE(provider_->handleNewFlow(platform_.udpFlow()));
-  EXPECT_FALSE(takesTCP("app", NWOpaqueEndpoint{"Kind"}));
-  EXPECT_FALSE(takesUDP("app", NWOpaqueEndpoint{"Kind"}));
-  EXPECT_FALSE(takesTCP("listed", destination));
-  EXPECT_TRUE(takesUDP("app", destination));
-  EXPECT_TRUE(takesTCP("app", destination));
-  EXPECT_EQ(journal_.take(), (Lines{"flow5: open", "log: handle tcp flow: app", "flow6: open"}));
 }
 
 }  // namespace

@@ -25,17 +25,6 @@ TEST_F(Dispatch, OpensThenRegistersThenStarts) {
   EXPECT_EQ(provider_->connectionMode().description(), "directly(interface:wlan0)");
 }
 
-TEST_F(Dispatch, DebugShowsWhatIsStarted) {
-  start(webProxy({{"debug", "true"}}));
-  relayed("listed");
-  EXPECT_TRUE(provider_->proxyConnections().at(0)->isDebug());
-  EXPECT_EQ(
-      std::ranges::count(journal_.take(),
-                         "log: start TandorProxyConnection: tcp flow [host.example:443] mode: "
-                         "httpProxy(endPoint:proxy.example:3128) app:listed"),
-      1);
-}
-
 TEST_F(Dispatch, QUICIsRefusedUnopenedInProxyMode) {
   start(webProxy({{"debug", "true"}}));
   const auto flow = platform_.udpFlow("listed");
@@ -45,38 +34,34 @@ TEST_F(Dispatch, QUICIsRefusedUnopenedInProxyMode) {
   EXPECT_FALSE(flow->completeOpen());
 }
 
-TEST_F(Dispatch, NoConnectionWithoutAnOpenFlowOrAProvider) {
+TEST_F(Dispatch, NothingStartsThatWasNotOpenedInTime) {
   start(configuration());
-  for (const bool isGone : {false, true}) {
-    const auto tcp = platform_.tcpFlow(destination);
-    const auto udp = platform_.udpFlow();
-    provider_->handleNewFlow(tcp);
-    provider_->handleNewUDPFlow(udp, destination);
+  const auto take = [this] {
+    std::pair flows(platform_.tcpFlow(destination), platform_.udpFlow());
+    EXPECT_TRUE(provider_->handleNewFlow(flows.first));
+    EXPECT_TRUE(provider_->handleNewUDPFlow(flows.second, destination));
     static_cast<void>(journal_.take());
-    if (isGone) provider_ = nullptr;
-    const auto error = isGone ? std::nullopt : std::optional(broken);
-    EXPECT_TRUE(tcp->completeOpen(error) && udp->completeOpen(error));
-    EXPECT_EQ(journal_.take(), isGone ? Lines() : Lines{"log: tcp flow open failed: broken"});
-  }
-}
-
-TEST_F(Dispatch, FlowsAdmittedBeforeASwitchOffNeverStart) {
-  start(configuration());
-  const auto tcp = platform_.tcpFlow(destination);
-  const auto udp = platform_.udpFlow();
-  provider_->handleNewFlow(tcp);
-  provider_->handleNewUDPFlow(udp, destination);
+    return flows;
+  };
+  const auto [failedTCP, failedUDP] = take();
+  EXPECT_TRUE(failedTCP->completeOpen(broken) && failedUDP->completeOpen(broken));
+  EXPECT_EQ(journal_.take(), Lines{"log: tcp flow open failed: broken"});
+  // Admitted before a switch-off, even if it is over.
+  const auto [tcp, udp] = take();
   provider_->sleep([] {});
-  provider_->wake();  // even so
-  const auto later = platform_.tcpFlow(destination);
-  provider_->handleNewFlow(later);
+  provider_->wake();
+  const auto later = take();
   EXPECT_TRUE(tcp->completeOpen() && udp->completeOpen());
   EXPECT_TRUE(tcp->isClosed() && udp->isClosed());
   EXPECT_EQ(platform_.connectionCount(), 0);
   EXPECT_TRUE(provider_->proxyConnections().empty());
-  later->completeOpen();
+  later.first->completeOpen();
   EXPECT_EQ(platform_.connectionCount(), 1);
-  EXPECT_FALSE(later->isClosed());
+  EXPECT_FALSE(later.first->isClosed());
+  static_cast<void>(journal_.take());
+  provider_ = nullptr;
+  later.second->completeOpen();
+  EXPECT_EQ(platform_.connectionCount(), 1);
 }
 
 TEST_F(Dispatch, ClosedConnectionsLeaveTheRegistry) {
