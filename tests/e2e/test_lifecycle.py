@@ -74,22 +74,17 @@ class UnderLoad(EndToEnd):
         self.assertEqual(self.echo.heard(b"native now")[1], self.datagrams.getsockname())
         self.datagrams.close()
 
-    def test_stop(self):
-        self.load()
-        # What the application has sent is still delivered.
-        threading.Thread(target=self.upload_peer.ending).start()
-        self.stop()
-        self.assertNative()
-        self.assertDatagramsNative()
-        self.finish_load()
-
-    def test_sleep_and_wake(self):
-        self.load()
-        self.daemon.call("sleep")
+    def test_stop_and_sleep(self):
+        for is_stop in (True, False):
+            with self.subTest(is_stop=is_stop):
+                self.load()
+                # What the application has sent is still delivered.
+                threading.Thread(target=self.upload_peer.ending).start()
+                self.stop() if is_stop else self.daemon.call("sleep")
+                self.assertNative()
+                self.assertDatagramsNative()
+                self.finish_load()
         self.assertEqual(self.daemon.status()["state"], "asleep")
-        self.assertNative()
-        self.assertDatagramsNative()
-        self.finish_load()
         self.daemon.await_no_flows()
         self.daemon.call("wake")
         self.assertWay("eth0", self.listed, WEB)
@@ -136,21 +131,18 @@ class UnderLoad(EndToEnd):
         workers[-1].finish()
         self.daemon.await_no_flows()
 
-    def end_by_signal(self, number, reason):
-        self.load()
-        self.assertEqual(self.daemon.terminate(number), 0)
-        self.assertEqual(self.lab.traces(), [])
-        self.assertFalse(os.path.exists(self.daemon.path))
-        self.assertNative()
-        self.assertDatagramsNative()
-        self.finish_load()
-        self.assertIn(reason, self.daemon.log().partition("stop proxy with reason:")[2])
-
-    def test_terminated(self):
-        self.end_by_signal(signal.SIGTERM, "(5)")
-
-    def test_interrupted(self):
-        self.end_by_signal(signal.SIGINT, "(1)")
+    def test_signals(self):
+        for number, reason in ((signal.SIGTERM, "(5)"), (signal.SIGINT, "(1)")):
+            with self.subTest(reason):
+                self.load()
+                self.assertEqual(self.daemon.terminate(number), 0)
+                self.assertEqual(self.lab.traces(), [])
+                self.assertFalse(os.path.exists(self.daemon.path))
+                self.assertNative()
+                self.assertDatagramsNative()
+                self.finish_load()
+                self.assertIn(reason, self.daemon.log().partition("stop proxy with reason:")[2])
+                type(self).daemon = self.lab.daemon()
 
     def kill(self):
         """Kills the daemon under load: everything is native at once, whatever remains of it."""
