@@ -76,13 +76,13 @@ TEST_F(Route, TunnelsToTheServerName) {
   EXPECT_EQ(out().lastSent(), hello);
 }
 
-TEST_F(Route, PlainHTTPGoesToTheProxyUnchanged) {
+TEST_F(Route, GoesByTheFirstBytes) {
   startReady(proxied);
   tcpFlow_->completeRead(bytes("xHTTP/1.1"));
   EXPECT_EQ(happened(), relay(bytes("xHTTP/1.1"), "out1"));
-}
-
-TEST_F(Route, SwitchesToDirectModeWithTheSameFirstBytes) {
+  startReady(proxied);
+  tcpFlow_->completeRead(clientHello("GNOME.org"));
+  EXPECT_TRUE(happened().at(0).starts_with("out1: send 'CONNECT GNOME.org:443 "));
   const std::string neither = "parse sni info failed, request neither https nor http";
   const std::string listed = "white list host name:";
   const NWFlowEndpoint opaque = NWOpaqueEndpoint{"Kind"};
@@ -101,9 +101,6 @@ TEST_F(Route, SwitchesToDirectModeWithTheSameFirstBytes) {
     out(2).enter(State::ready);
     EXPECT_EQ(happened(), relay(first, "out2"));
   }
-  startReady(proxied);
-  tcpFlow_->completeRead(clientHello("GNOME.org"));
-  EXPECT_TRUE(happened().at(0).starts_with("out1: send 'CONNECT GNOME.org:443 "));
 }
 
 TEST_F(Route, GoesByTheProxysReply) {

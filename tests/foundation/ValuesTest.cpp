@@ -124,16 +124,15 @@ TEST(Description, RendersValuesAndCollections) {
   EXPECT_EQ(description(dictionary),
             R"(["a\"b": "x\\y", "list": [true, -7, 2.5, nil], "none": [:]])");
   EXPECT_EQ(tandor::quoted("\t\r\x01\x7F\0\xC3\xA9"s), "\"\\t\\r\\u{01}\\u{7F}\\0\xC3\xA9\"");
-  EXPECT_EQ(description(std::optional(NSError::posix(2))), "posix(2: No such file or directory)");
 }
 
 TEST(JSON, OnlyStrings) {
-  const auto list = decodeJSONStringList(R"( ["a", "\u00e9\"", ""] )");
-  ASSERT_TRUE(list.has_value());
-  EXPECT_EQ(*list, (std::vector<std::string>{"a", "\xC3\xA9\"", ""}));
-  const auto dictionary = decodeJSONStringDictionary(R"({"a": "1", "b": "", "a": "2"})");
-  ASSERT_TRUE(dictionary.has_value());
-  EXPECT_EQ(*dictionary, (std::map<std::string, std::string>{{"a", "2"}, {"b", ""}}));
+  using List = std::vector<std::string>;
+  using Dictionary = std::map<std::string, std::string>;
+  EXPECT_EQ(decodeJSONStringList(R"( ["a", "\u00e9\"", ""] )").value(),
+            (List{"a", "\xC3\xA9\"", ""}));
+  EXPECT_EQ(decodeJSONStringDictionary(R"({"a": "1", "b": "", "a": "2"})").value(),
+            (Dictionary{{"a", "2"}, {"b", ""}}));
   for (const char* text : {"", "a,b", "[1]", R"(["a",null])", R"(["a",])", "{}", R"("a")",
                            R"(["a"] x)", R"([["a"]])", "[\"\xFF\"]"})
     EXPECT_FALSE(decodeJSONStringList(text).has_value()) << text;

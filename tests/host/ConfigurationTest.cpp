@@ -70,32 +70,6 @@ TEST(ConfigurationFileTest, NamesFileLineAndKeyOfWhatIsWrong) {
   }
 }
 
-TEST(ConfigurationFileTest, ReadsEveryKeyAmongComments) {
-  const TemporaryFolder folder;
-  const std::string path = folder / "etc/tandor.json";
-  folder.write("etc/tandor.json", R"(/* all of them */ {
-    "mode": "webProxy",           // through the proxy
-    "apps": ["curl", "firefox"],
-    "proxy": "proxy.example:3128",
-    "log": "../log/tandor.log",
-    "debug": true, "enable": false, "connectReply": "phrase"
-  })");
-  const auto settings = readConfigurationFile(path);
-  ASSERT_TRUE(settings.has_value()) << settings.error().message;
-  EXPECT_EQ(settings->mode, Mode::webProxy);
-  EXPECT_EQ(settings->apps,
-            (std::vector<NamedApplication>{{"curl", path + ":3"}, {"firefox", path + ":3"}}));
-  EXPECT_EQ(settings->proxy, (Proxy{"proxy.example", 3128}));
-  EXPECT_EQ(settings->log, folder / "log/tandor.log");
-  EXPECT_EQ(settings->debug, true);
-  EXPECT_EQ(settings->enable, false);
-  EXPECT_EQ(settings->connectReply, ConnectReply::phrase);
-
-  EXPECT_EQ(parseConfigurationFile("{}", "f").value(), Settings());
-  EXPECT_FALSE(readConfigurationFile(folder / "none").has_value());
-  EXPECT_FALSE(readConfigurationFile(folder.path()).has_value());
-}
-
 TEST(ConfigurationTest, RefusesWhatWouldDoNothing) {
   const std::pair<std::string_view, std::string_view> cases[] = {
       {"{}", "the mode is missing"},
@@ -118,12 +92,13 @@ TEST(ConfigurationTest, RefusesWhatWouldDoNothing) {
 }
 
 TEST(ConfigurationTest, SpeaksTheProvidersLanguageBothWays) {
-  const Settings settings = parseConfigurationFile(R"({
-    "mode": "webProxy", "proxy": "proxy.example:3128", "connectReply": "phrase",
+  const TemporaryFolder folder;
+  folder.write("etc/tandor.json", R"(/* all keys */ {
+    "mode": "webProxy",  // through the proxy
+    "proxy": "proxy.example:3128", "connectReply": "phrase",
     "apps": ["id:/usr/bin/curl", "id:org.example.\"App\"", "id:/usr/bin/curl"],
-    "log": "/var/log/tandor.log", "debug": true, "enable": false})",
-                                                   "f")
-                                .value();
+    "log": "../log/tandor.log", "debug": true, "enable": false})");
+  const Settings settings = readConfigurationFile(folder / "etc/tandor.json").value();
   const ApplicationResolver resolver({});
   const ProviderValues values = makeConfiguration(settings, resolver).value().values("/run/status");
   EXPECT_EQ(values, (ProviderValues{{"mode", "webProxy"},
@@ -132,10 +107,11 @@ TEST(ConfigurationTest, SpeaksTheProvidersLanguageBothWays) {
                                     {"proxyPort", "3128"},
                                     {"enable", "false"},
                                     {"debug", "true"},
-                                    {"logPath", "/var/log/tandor.log"},
+                                    {"logPath", folder / "log/tandor.log"},
                                     {"socketPath", "/run/status"}}));
   // What was sent is what the next update starts from.
   EXPECT_EQ(makeConfiguration(settingsOf(values), resolver).value().values("/run/status"), values);
+  EXPECT_FALSE(readConfigurationFile(folder.path()).has_value());
 }
 
 TEST(SentConfigurationTest, IsKeptForOneProvider) {

@@ -164,20 +164,6 @@ TEST_P(ConnectionTest, TellsNobodyAfterTheHandlerWasCleared) {
     settle();
     EXPECT_EQ(connection.states().size(), told);
   }
-  // A handler may put another one in its place.
-  const Outbound connection = outbound(endpointOf("127.0.0.1", listener_.port()));
-  const Awaited<std::string> second;
-  connection.connection().setStateUpdateHandler([&](const NWConnection::State& first) {
-    EXPECT_EQ(first.description(), "preparing");
-    connection.connection().setStateUpdateHandler([&](const NWConnection::State& next) {
-      connection.connection().setStateUpdateHandler(nullptr);
-      second.set(next.description());
-    });
-  });
-  connection.start(queue(GetParam()));
-  EXPECT_EQ(second.get(), "ready");
-  connection.cancel();
-  static_cast<void>(listener_.accept());
 }
 
 TEST_P(ConnectionTest, LosesNothingThatIsSentBeforeItIsReady) {
