@@ -8,23 +8,6 @@ namespace {
 
 using ConnectionLifecycle = ConnectionFixture;
 
-TEST_F(ConnectionLifecycle, StartOpensTheConnectionOfItsMode) {
-  const std::pair<ConnectionMode, std::string> cases[] = {
-      {direct, "tcp host.example:443"},
-      {ConnectionMode::directly(ethernet), "tcp host.example:443 via en0"},
-      {proxied, "tcp proxy.example:3128"}};
-  for (const auto& [mode, opened] : cases) {
-    make(mode);
-    connection_->start();
-    EXPECT_EQ(happened(), (Lines{"out1: " + opened, "out1: handler",
-                                 "out1: start on tandor_nw_connection_queue"}));
-    EXPECT_EQ(connection_->state(), ConnectionState::start);
-  }
-  make(direct, {.isUDP = true, .stored = NWHostEndpoint{"2001:db8::1", "0"}});
-  connection_->start();
-  EXPECT_EQ(happened().at(0), "out1: udp 2001:db8::1:0");
-}
-
 TEST_F(ConnectionLifecycle, StartAgainReplacesTheConnection) {
   startReady(direct);
   tcpFlow_->completeRead(bytes("one"));

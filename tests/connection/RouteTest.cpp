@@ -29,16 +29,6 @@ class Route : public ConnectionFixture {
   }
 };
 
-TEST_F(Route, ReadsTheFirstBytesOnceTheProxyIsReady) {
-  start(proxied);
-  out().enter(State::preparing);
-  EXPECT_EQ(happened(), Lines{"log: unhandled: preparing"});
-  out().enter(State::ready);
-  EXPECT_EQ(happened(), (Lines{"log: proxy ready", "flow1: read"}));
-  out().enter(State::ready);
-  EXPECT_EQ(happened(), Lines{"log: proxy ready"});
-}
-
 TEST_F(Route, AWayThatDoesNotComeAboutEndsTheFlow) {
   const std::pair<ConnectionMode, std::string> modes[] = {
       {direct, "log: nw direct connection failed: broken; state: "},
@@ -154,17 +144,6 @@ TEST_F(Route, UnusableDestinationEndsTheSwitch) {
   Lines lines = switched("parse sni info failed, request neither https nor http");
   lines.resize(3);
   EXPECT_EQ(happened(), lines + closed(R"(invalidEndpointPort(raw: "x"))"));
-}
-
-TEST_F(Route, UDPGoesDirectWithoutARead) {
-  start(proxied, {.isUDP = true});
-  out().enter(State::ready);
-  Lines lines = switched("udp flow not support for http proxy");
-  lines[3] = "out2: udp host.example:443";
-  EXPECT_EQ(happened(), Lines{"log: proxy ready"} + lines);
-  EXPECT_FALSE(connection_->flowHandled());
-  out(2).enter(State::ready);
-  EXPECT_EQ(happened(), (Lines{"flow1: read", "out2: receive 1..2048"}));
 }
 
 // What completes after a close must not bring the flow back to life.

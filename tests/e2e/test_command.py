@@ -2,7 +2,6 @@
 
 import json
 import os
-import pty
 import shutil
 import signal
 import socket
@@ -25,9 +24,9 @@ RUNNING = "Ctrl-C stops it"
 class Running:
     """A running `tandor`."""
 
-    def __init__(self, lab, words, environment, output):
+    def __init__(self, lab, words, environment):
         self._output, self._errors = tempfile.TemporaryFile(), tempfile.TemporaryFile()
-        self.process = lab.app.popen(*words, env=environment, stdout=output or self._output,
+        self.process = lab.app.popen(*words, env=environment, stdout=self._output,
                                      stderr=self._errors)
         self.pid = self.process.pid
 
@@ -72,14 +71,12 @@ class Command(EndToEnd):
         super().setUp()
         shutil.copy(PROVIDER, self.bin + "/tandor-provider")
         self.echo = self.closing(Echo(self.lab.net, WEB))
-        self.environment = {**os.environ, "TERM": "xterm", "TANDOR_PROTECTED_NETNS": PROTECTED}
-        self.environment.pop("NO_COLOR", None)
+        self.environment = {**os.environ, "TANDOR_PROTECTED_NETNS": PROTECTED}
         self.free = f"{self.lab.folder}/free-{time.monotonic_ns()}"  # where nobody listens
 
-    def begin(self, *arguments, control=None, output=None):
+    def begin(self, *arguments, control=None):
         at = ("--control", control) if control else ()
-        return self.closing(Running(self.lab, (self.program, *arguments, *at), self.environment,
-                                    output))
+        return self.closing(Running(self.lab, (self.program, *arguments, *at), self.environment))
 
     def begin_run(self, *arguments, **options):
         run = self.begin(*RUN, *arguments, **options)
@@ -170,15 +167,6 @@ class Commands(Command):
         self.assertFalse(os.path.exists(sent))
         for change in (("stop",), ("update", *START[1:])):
             self.tandor(*change, code=1, error="no provider is running")
-
-    def test_colours_are_for_terminals_that_want_them(self):
-        for environment, has_colour in (({}, True), ({"NO_COLOR": "1"}, False)):
-            self.environment.update(environment)
-            ours, theirs = pty.openpty()
-            self.assertEqual(self.begin("status", control=self.daemon.path, output=theirs).finish(), 0)
-            self.assertEqual("\x1b[" in os.read(ours, 1 << 16).decode(), has_colour)
-            os.close(ours)
-            os.close(theirs)
 
     def test_providers_that_cannot_be_used(self):
         listener = self.closing(socket.socket(socket.AF_UNIX))

@@ -117,6 +117,17 @@ class Mass(EndToEnd):
         self.echo = self.closing(Echo(self.lab.net, WEB))
         self.start("directlyWhiteList")
 
+    def test_idle_flows_hold_little(self):
+        count = 800 // SLOWNESS
+        self.listed.call("connect_many", WEB, 20)
+        self.listed.call("exchange_kept", bytes(3000))
+        before = self.daemon.resident_bytes()
+        self.listed.call("connect_many", WEB, count)
+        self.assertEqual(self.listed.call("exchange_kept", bytes(3000)), count + 20)
+        self.assertLess(self.daemon.resident_bytes() - before, count * 8192 * SLOWNESS)
+        self.listed.call("release_all")
+        self.daemon.await_no_flows()
+
     def test_many_short_ones(self):
         count = 3000 // SLOWNESS
         self.unlisted.begin("exchange_many", WEB, count, 20, b"left")

@@ -180,7 +180,7 @@ TEST_P(ConnectionTest, LosesNothingThatIsSentBeforeItIsReady) {
   connection.cancel();
 }
 
-TEST_P(ConnectionTest, CarriesEachDatagramWholeAndInOrder) {
+TEST_P(ConnectionTest, CarriesEachDatagramWhole) {
   Peer peer = boundPeer(SOCK_DGRAM);
   const Outbound connection =
       started(endpointOf("127.0.0.1", peer.address().port()), NWParameters::udp());
@@ -200,15 +200,8 @@ TEST_P(ConnectionTest, CarriesEachDatagramWholeAndInOrder) {
   }
   // One that no network carries is lost, as datagrams are; the next one is not.
   EXPECT_EQ(codeOf(connection.send(pattern(65'508)).get()), 0);
-  constexpr std::size_t burst = 80;  // more than one batch, less than a socket's buffer
-  for (std::size_t number = 0; number < burst; ++number) {
-    peer.send(pattern(1200, number));
-    ASSERT_EQ(codeOf(connection.send(pattern(3, number)).get()), 0);
-  }
-  for (std::size_t number = 0; number < burst; ++number) {
-    ASSERT_TRUE(connection.receive().get().text() == pattern(1200, number)) << number;
-    ASSERT_EQ(peer.receiveOnce(), pattern(3, number));
-  }
+  EXPECT_EQ(codeOf(connection.send("next").get()), 0);
+  EXPECT_EQ(peer.receiveOnce(), "next");
   // What was accepted leaves before a cancel closes the socket.
   const auto pending = connection.receive();
   static_cast<void>(connection.send("last"));

@@ -25,15 +25,6 @@ TEST_F(Dispatch, OpensThenRegistersThenStarts) {
   EXPECT_EQ(provider_->connectionMode().description(), "directly(interface:wlan0)");
 }
 
-TEST_F(Dispatch, QUICIsRefusedUnopenedInProxyMode) {
-  start(webProxy({{"debug", "true"}}));
-  const auto flow = platform_.udpFlow("listed");
-  EXPECT_TRUE(provider_->handleNewUDPFlow(flow, destination));
-  EXPECT_EQ(journal_.take(),
-            (Lines{"flow1: closeWrite quicNotSupport", "flow1: closeRead quicNotSupport"}));
-  EXPECT_FALSE(flow->completeOpen());
-}
-
 TEST_F(Dispatch, NothingStartsThatWasNotOpenedInTime) {
   start(configuration());
   const auto take = [this] {

@@ -17,12 +17,6 @@ TEST_F(ProviderLifecycle, StartAndStopInTheirOrder) {
                    "path monitor: start",
                    "log: parse config succeed: " + provider_->config()->description(),
                    "host: settings"}));
-  NENetworkRule tcp;
-  tcp.protocol = NENetworkRule::Protocol::tcp;
-  tcp.direction = NENetworkRule::Direction::outbound;
-  NENetworkRule udp = tcp;
-  udp.protocol = NENetworkRule::Protocol::udp;
-  EXPECT_EQ(host_.settings(), (NETransparentProxyNetworkSettings{"127.0.0.1", {tcp, udp}}));
   host_.completeSettings();
   EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", "completed nil"}));
   relayed();
@@ -56,25 +50,6 @@ TEST_F(ProviderLifecycle, StartTellsThePlatformWhateverHappens) {
   provider_ = nullptr;
   host_.completeSettings();
   EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", "completed nil"}));
-}
-
-TEST_F(ProviderLifecycle, SwitchingOffClosesEveryConnection) {
-  start(configuration());
-  for (const bool isSleep : {true, false}) {
-    const auto one = relayed();
-    const auto two = relayed();
-    provider_->setEnable(true);
-    EXPECT_FALSE(one->isClosed() || two->isClosed());
-    static_cast<void>(journal_.take());
-    isSleep ? provider_->sleep(completed()) : provider_->setEnable(false);
-    const Lines lines = journal_.take();
-    EXPECT_EQ(lines.front() == "log: fall asleep" && lines.back() == "completed", isSleep);
-    EXPECT_TRUE(one->isClosed() && two->isClosed());
-    EXPECT_FALSE(provider_->handleNewFlow(platform_.tcpFlow(destination)));
-    provider_->wake();
-    EXPECT_EQ(journal_.take(), Lines{"log: wake up"});
-    EXPECT_TRUE(provider_->enable() && provider_->proxyConnections().empty());
-  }
 }
 
 TEST_F(ProviderLifecycle, InterfaceChoice) {
