@@ -1,10 +1,7 @@
-#include <algorithm>
-#include <array>
 #include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -60,30 +57,6 @@ TEST(SafeSet, ReleasesOutsideItsQueueWhatWasRemoved) {
       &number, [&](const int* /*number*/) { wasOnTheQueue = set.queue().isCurrent(); }));
   set.remove(std::shared_ptr<int>(std::shared_ptr<int>(), &number));  // equal, but owns nothing
   EXPECT_FALSE(wasOnTheQueue);
-}
-
-TEST(SafeSet, ManyThreadsLeaveExactlyWhatTheyDidNotRemove) {
-  SafeSet<int> set;
-  {
-    std::array<std::jthread, 4> threads;
-    for (int first = 0; std::jthread & thread : threads) {
-      thread = std::jthread([&set, first] {
-        for (int number = first; number < first + 500; ++number) {
-          EXPECT_TRUE(set.insert(number).inserted);
-          EXPECT_FALSE(set.insert(number).inserted);
-          EXPECT_LE(set.allItems().size(), 1004);
-          if (number % 2 == 0) {
-            EXPECT_EQ(set.remove(number), number);
-          }
-        }
-      });
-      first += 500;
-    }
-  }
-  auto items = set.allItems();
-  std::ranges::sort(items);
-  ASSERT_EQ(items.size(), 1000);
-  for (int index = 0; const int item : items) EXPECT_EQ(item, 2 * index++ + 1);
 }
 
 }  // namespace

@@ -323,6 +323,7 @@ class Run(Command):
         run = self.begin_run()
         self.assertEqual(run.finish(signal.SIGKILL), -signal.SIGKILL)
         left, = self.folders_of(run)
+        self.assertEqual(stat.S_IMODE(os.stat(left).st_mode), 0o700)
         eventually(lambda: not os.path.exists(left + "/control.sock"), "its provider ends by itself")
         self.assertEqual(self.lab.traces(), [])
         following = self.begin_run()

@@ -1,12 +1,10 @@
 #include <algorithm>
-#include <fstream>
 #include <future>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <gtest/gtest.h>
 
-#include "host/PrivateFolder.h"
 #include "host/StatusSocket.h"
 #include "host/Support.h"
 #include "ipc/IPCClient.h"
@@ -16,7 +14,6 @@ namespace tandor::host::test {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
 
 class StatusSocketTest : public testing::Test {
  protected:
@@ -95,23 +92,6 @@ TEST_F(StatusSocketTest, RefusesAPathThatNoProviderCanUse) {
     const auto socket = StatusSocket::listen(loop_, folder_ / name, [](const StatusChange&) {});
     EXPECT_EQ(socket.has_value(), length == 103);
   }
-}
-
-TEST(PrivateFolderTest, KeepsOthersOutAndSweepsBehindTheKilled) {
-  const TemporaryFolder place;
-  place.write("name-999999999-dead/control.sock", "");
-  place.write("other-999999999-dead/control.sock", "");
-  fs::path path;
-  {
-    const PrivateFolder folder = PrivateFolder::make("name", {"/proc/none", place.path()}).value();
-    path = folder.path();
-    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_all);
-    EXPECT_EQ(liveFolders(place.path(), "name"), std::vector{path});
-    std::ofstream(path / "file") << "x";
-  }
-  EXPECT_FALSE(fs::exists(path));
-  EXPECT_FALSE(fs::exists(place / "name-999999999-dead"));
-  EXPECT_TRUE(fs::exists(place / "other-999999999-dead"));
 }
 
 }  // namespace
