@@ -42,7 +42,6 @@ TEST_F(Relay, EachLoopHasOneChunkInFlight) {
   const Data large = bytes(std::string(100'000, 'x'));
   tcpFlow_->completeRead(large);
   EXPECT_EQ(happened(), Lines{"out1: send " + show(large)});
-  EXPECT_EQ(out().lastSent().bytes().data(), large.bytes().data());  // passed on, not copied
   out().completeSend();
   EXPECT_EQ(happened(), Lines{"flow1: read"});
   out().completeReceive(bytes("one"), false, broken);  // bytes count more than an error beside them

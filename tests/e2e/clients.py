@@ -1,12 +1,13 @@
 """What an application of the tests can do. Runs in a process of its own, whose program is the
 application's identity, and obeys an Application of lab.py over its standard input and output."""
 
+import collections
+import concurrent.futures
 import errno
 import hashlib
 import os
 import pickle
 import resource
-import selectors
 import socket
 import struct
 import sys
@@ -105,43 +106,28 @@ def socket_transfer(stream, first, to_send, to_receive):
 def exchange_many(address, count, at_once, request, resets=0):
     """`count` connections, `at_once` at the same time, each of which sends `request`, reads as many
     bytes back, and closes; every so many-th is reset instead. How many got what, by outcome."""
-    outcomes = {}
-    selector = selectors.DefaultSelector()
-    begun, deadline = 0, time.monotonic() + TIMEOUT * 3
 
-    def conclude(stream, outcome):
-        outcomes[outcome] = outcomes.get(outcome, 0) + 1
-        selector.unregister(stream)
-        stream.close()
-
-    while sum(outcomes.values()) < count and time.monotonic() < deadline:
-        while begun < count and len(selector.get_map()) < at_once:
-            begun += 1
-            stream = socket.socket()
-            stream.setblocking(False)
-            stream.connect_ex(address)
-            selector.register(stream, selectors.EVENT_WRITE, [b""])
-        for key, _ in selector.select(1):
-            stream, state = key.fileobj, key.data
+    def exchange(number):
+        received = b""
+        with socket.socket() as stream:
+            stream.settimeout(TIMEOUT)
             try:
-                if key.events == selectors.EVENT_WRITE:
-                    stream.send(request)
-                    selector.modify(stream, selectors.EVENT_READ, state)
-                    if resets and begun % resets == 0:
-                        stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, IMMEDIATELY)
-                        conclude(stream, "reset")
-                    continue
-                piece = stream.recv(1 << 16)
-                state[0] += piece
-                if state[0] == request:
-                    conclude(stream, "whole")
-                elif not piece or not request.startswith(state[0]):
-                    conclude(stream, "wrong" if piece else "short")
+                stream.connect(address)
+                stream.sendall(request)
+                if resets and number % resets == 0:
+                    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, IMMEDIATELY)
+                    return "reset"
+                while received != request:
+                    piece = stream.recv(1 << 16)
+                    received += piece
+                    if not piece or not request.startswith(received):
+                        return "wrong" if piece else "short"
+                return "whole"
             except OSError as error:
-                conclude(stream, errno.errorcode[error.errno])
-    for key in list(selector.get_map().values()):
-        conclude(key.fileobj, "unanswered")
-    return outcomes
+                return errno.errorcode.get(error.errno, "unanswered")
+
+    with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
+        return collections.Counter(pool.map(exchange, range(count)))
 
 
 def echo_bulk(address, amount):

