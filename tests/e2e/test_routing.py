@@ -125,7 +125,7 @@ class Proxying(EndToEnd):
 
     def test_connect_request_and_tunnel(self):
         for name, port, piece in (("www.example.org", 443, 1), ("x.example", 8443, 100),
-                                  ("a" * 250, 1, 1000)):
+                                  ("a" * 250, 1, 1000), ("GNOME.org", 443, 1000)):
             with self.subTest(name=name, port=port):
                 flow = self.listed.connect((SERVER, port))
                 flow.setsockopt(6, 1, 1)  # TCP_NODELAY
