@@ -80,7 +80,7 @@ TEST(ConfigurationTest, RefusesWhatWouldDoNothing) {
        "directlyWhiteList mode without applications would do nothing"},
       {R"({"mode": "tunnelWhiteList", "apps": []})", ""},
       {R"({"mode": "tunnelWhiteList", "apps": ["no-such-thing"]})",
-       "/etc/f:1: \"apps\": there is no application \"no-such-thing\""}};
+       R"(/etc/f:1: "apps": there is no application "no-such-thing")"}};
   for (const auto& [file, message] : cases) {
     const Settings settings = parseConfigurationFile(file, "/etc/f").value();
     const auto made = makeConfiguration(settings, ApplicationResolver({}));

@@ -48,7 +48,8 @@ TEST_F(StatusSocketTest, HearsTheProviderAmongManyThatNeverShakeHands) {
   const bool isSent = serve([&] {
     for (int index = 0; index < 20; ++index) {
       idle.emplace_back(::socket(AF_UNIX, SOCK_STREAM, 0));
-      ::connect(idle.back().get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+      const auto* at = reinterpret_cast<const sockaddr*>(&address);
+      if (::connect(idle.back().get(), at, sizeof address) != 0) return false;
     }
     auto client = IPCClient::make(path_);
     const Data stopped = makeStatusContent(ProxyProviderStatus::stopped, "bye");

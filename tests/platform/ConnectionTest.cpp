@@ -158,7 +158,7 @@ TEST_P(ConnectionTest, TellsNobodyAfterTheHandlerWasClearedAndDeliversWhatWasSen
 }
 
 TEST_P(ConnectionTest, CarriesEachDatagramWhole) {
-  Peer peer = boundPeer(SOCK_DGRAM);
+  const Peer peer = boundPeer(SOCK_DGRAM);
   const Outbound connection =
       started(endpointOf("127.0.0.1", peer.address().port()), NWParameters::udp());
   EXPECT_TRUE(connection.reaches("ready"));

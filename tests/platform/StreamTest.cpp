@@ -67,7 +67,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, StreamTest,
                          testing::Values(Kind::flow, Kind::pinnedConnection, Kind::freeConnection));
 
 TEST_P(StreamTest, HoldsBackWritesBeyondItsBound) {
-  Stream stream = make(8192);
+  const Stream stream = make(8192);
   const std::size_t accepted = fill(stream);
   ASSERT_FALSE(held_.isSet());
   EXPECT_GE(accepted, StreamSocket::outputBound);
@@ -117,7 +117,7 @@ TEST_P(StreamTest, EndAnswersWhatIsPending) {
 }
 
 TEST_P(StreamTest, GoesOnWritingWhenThePeerHasEnded) {
-  Stream stream = make();
+  const Stream stream = make();
   stream.peer.send("request");
   stream.peer.finishSending();
   EXPECT_EQ(stream.read().get().text(), "request");
