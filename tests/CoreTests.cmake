@@ -4,7 +4,6 @@ tandor_test(tandor_core_tests
     connection/RelayTest.cpp
     connection/RouteTest.cpp
     coresupport/SupportTest.cpp
-    foundation/DispatchQueueTest.cpp
     foundation/ValuesTest.cpp
     ipc/IPCClientTest.cpp
     ipc/LayoutTest.cpp
@@ -12,9 +11,7 @@ tandor_test(tandor_core_tests
     provider/ConfigurationTest.cpp
     provider/DispatchTest.cpp
     provider/HammerTest.cpp
-    provider/HostMessagesTest.cpp
     provider/LifecycleTest.cpp
-    support/FakeHost.cpp
     tls/ClientHelloPeerTest.cpp
     tls/ClientHelloTest.cpp
   LINKS tandor_provider_core tandor_tls OpenSSL::SSL)

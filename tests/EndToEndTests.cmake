@@ -6,17 +6,27 @@ set(slowness 1)
 if(TANDOR_SANITIZE)
   set(slowness 8)
 endif()
-foreach(class
-    routing.Modes
-    routing.Proxying
-    relay.Bulk
-    relay.Datagrams
-    relay.Mass
-    relay.AwkwardEnds
-    lifecycle.UnderLoad
-    lifecycle.Surroundings
-    identity.Identity
-    identity.IdentityWithoutProbe)
+set(environment
+  TANDOR_PROVIDER=$<TARGET_FILE:tandor-provider>
+  TANDOR_E2E_SLOWNESS=${slowness}
+  PYTHONDONTWRITEBYTECODE=1)
+set(classes
+  routing.Modes
+  routing.Proxying
+  relay.Bulk
+  relay.Datagrams
+  relay.Mass
+  relay.AwkwardEnds
+  control.ControlSocket
+  lifecycle.UnderLoad
+  lifecycle.Surroundings
+  identity.Identity
+  identity.IdentityWithoutProbe)
+if(TANDOR_HOST)
+  list(APPEND environment TANDOR_PROGRAM=$<TARGET_FILE:tandor> TANDOR_VERSION=${PROJECT_VERSION})
+  list(APPEND classes command.Commands command.Run)
+endif()
+foreach(class ${classes})
   add_test(NAME e2e.${class}
     COMMAND ${Python3_EXECUTABLE} -m unittest -v test_${class}
     WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/e2e)
@@ -24,5 +34,5 @@ foreach(class
     LABELS e2e
     TIMEOUT 300
     SKIP_REGULAR_EXPRESSION "the end-to-end tests need root"
-    ENVIRONMENT "TANDOR_PROVIDER=$<TARGET_FILE:tandor-provider>;TANDOR_E2E_SLOWNESS=${slowness};PYTHONDONTWRITEBYTECODE=1")
+    ENVIRONMENT "${environment}")
 endforeach()

@@ -36,8 +36,7 @@ const NWHostEndpoint destination{"host.example", "443"};
 struct ConnectionOptions {
   bool isDebug = false;
   bool isUDP = false;
-  NWFlowEndpoint stored = destination;        // what the connection is given as destination
-  NWFlowEndpoint flowEndpoint = destination;  // what the flow says itself
+  NWFlowEndpoint stored = destination;  // what the connection is given as destination
   ConnectReply connectReply = ConnectReply::phrase;
 };
 
@@ -47,7 +46,6 @@ class ConnectionFixture : public testing::Test {
  protected:
   static inline const NSError broken{"Test", 7, "broken"};
   using Options = ConnectionOptions;
-  static inline const NWInterface ethernet{"en0", NWInterface::InterfaceType::wiredEthernet, 2};
   static inline const ConnectionMode direct = ConnectionMode::directly(std::nullopt);
   static inline const ConnectionMode proxied = ConnectionMode::httpProxy(
       NWEndpoint::hostPort(NWEndpoint::Host::name("proxy.example"), NWEndpoint::Port(3128)));
@@ -65,7 +63,7 @@ class ConnectionFixture : public testing::Test {
     if (options.isUDP) {
       udpFlow_ = platform_->udpFlow();
     } else {
-      tcpFlow_ = platform_->tcpFlow(options.flowEndpoint);
+      tcpFlow_ = platform_->tcpFlow(destination);
     }
     connection_ = TandorProxyConnection::make(
         mode, options.isUDP ? ConnectionNetwork::udp(udpFlow_, options.stored)

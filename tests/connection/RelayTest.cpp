@@ -32,32 +32,16 @@ class Relay : public ConnectionFixture {
   }
 };
 
-TEST_F(Relay, OpensWithAReadAndAReceive) {
+TEST_F(Relay, EachLoopHasOneChunkInFlight) {
   start(direct);
   out().enter(State::preparing);
   out().enter(State::cancelled);
   EXPECT_EQ(happened(), Lines());
   out().enter(State::ready);
   EXPECT_EQ(happened(), (Lines{"flow1: read", "out1: receive 1..2048"}));
-}
-
-TEST_F(Relay, DirectConnectionThatDoesNotComeAboutEndsTheFlow) {
-  for (const auto& [state, name] :
-       {std::pair(State::waiting, "waiting"), {State::failed, "failed"}}) {
-    start(direct);
-    out().enter(state, broken);
-    EXPECT_EQ(happened(), Lines{"log: nw direct connection failed: broken; state: " +
-                                std::string(name) + "(broken)"} +
-                              ended("broken"));
-  }
-}
-
-TEST_F(Relay, EachLoopHasOneChunkInFlight) {
-  startReady(direct);
   const Data large = bytes(std::string(100'000, 'x'));
   tcpFlow_->completeRead(large);
   EXPECT_EQ(happened(), Lines{"out1: send " + show(large)});
-  EXPECT_EQ(out().lastSent().bytes().data(), large.bytes().data());  // passed on, not copied
   out().completeSend();
   EXPECT_EQ(happened(), Lines{"flow1: read"});
   out().completeReceive(bytes("one"), false, broken);  // bytes count more than an error beside them
@@ -96,39 +80,20 @@ TEST_F(Relay, EveryEnd) {
       {{received(x, true, broken), written()}, {"flow1: write 'x'", complete}, "nil"},
       {{received(x), written(broken)}, {"flow1: write 'x'", failedWrite}, "broken"},
       {{received(x, true), written(broken)}, {"flow1: write 'x'", failedWrite}, "broken"}};
-  for (const bool isDebug : {false, true}) {
-    for (const auto& [steps, first, error] : cases) {
-      startReady(direct, {.isDebug = isDebug});
-      for (const Step& step : steps) step();
-      Lines lines = first + ended(error);
-      if (!isDebug)
-        std::erase_if(lines, [&](const auto& line) { return line.starts_with(failedReceive); });
-      EXPECT_EQ(happened(), lines);
-      EXPECT_EQ(connection_->state(), ConnectionState::invalid);
-    }
+  for (const auto& [steps, first, error] : cases) {
+    startReady(direct, {.isDebug = true});
+    for (const Step& step : steps) step();
+    EXPECT_EQ(happened(), first + ended(error));
+    EXPECT_EQ(connection_->state(), ConnectionState::invalid);
   }
 }
 
-TEST_F(Relay, NothingIsMovedAfterAClose) {
-  startReady(direct);
-  out().completeReceive(bytes("x"));
-  connection_->closeAllConnWithError(std::nullopt);
-  forget();
-  tcpFlow_->completeRead(bytes("late"));
-  tcpFlow_->completeWrite();
-  EXPECT_EQ(happened(), Lines());
-  startReady(direct);
-  tcpFlow_->completeRead(bytes("x"));
-  forget();
-  connection_->closeAllConnWithError(std::nullopt);
-  forget();
-  EXPECT_TRUE(out().completeSend());
-  EXPECT_TRUE(out().completeReceive(bytes("late")));
-  EXPECT_EQ(happened(), Lines());
-}
-
-TEST_F(Relay, DatagramsOfOneReadAreSentInOrderBeforeTheNextRead) {
+TEST_F(Relay, CarriesDatagramsOneByOne) {
   startReady(direct, {.isUDP = true});
+  out().completeReceive(bytes("answer"));
+  EXPECT_EQ(happened(), Lines{"flow1: write 'answer' from host.example:443"});
+  udpFlow_->completeWrite();
+  EXPECT_EQ(happened(), Lines{"out1: receive 1..2048"});
   udpFlow_->completeRead(datagrams({"one", "two", "three"}));
   for (const char* text : {"one", "two", "three"}) {
     EXPECT_EQ(happened(), Lines{"out1: send '" + std::string(text) + "'"});
@@ -139,17 +104,6 @@ TEST_F(Relay, DatagramsOfOneReadAreSentInOrderBeforeTheNextRead) {
   EXPECT_EQ(happened(), Lines{"out1: send 'four'"});
   out().completeSend(broken);
   EXPECT_EQ(happened(), Lines{"log: connection send failed: broken"} + ended("broken"));
-}
-
-TEST_F(Relay, DatagramsAreWrittenAsComingFromTheDestination) {
-  startReady(direct, {.isUDP = true});
-  out().completeReceive(bytes("answer"));
-  EXPECT_EQ(happened(), Lines{"flow1: write 'answer' from host.example:443"});
-  udpFlow_->completeWrite();
-  EXPECT_EQ(happened(), Lines{"out1: receive 1..2048"});
-}
-
-TEST_F(Relay, EveryEndOfAUDPFlow) {
   using List = std::optional<std::vector<Data>>;
   const std::pair<List, Error> cases[] = {{List(), Error()},
                                           {List(), broken},

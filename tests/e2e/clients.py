@@ -1,12 +1,13 @@
 """What an application of the tests can do. Runs in a process of its own, whose program is the
 application's identity, and obeys an Application of lab.py over its standard input and output."""
 
+import collections
+import concurrent.futures
 import errno
 import hashlib
 import os
 import pickle
 import resource
-import selectors
 import socket
 import struct
 import sys
@@ -14,6 +15,7 @@ import threading
 import time
 
 TIMEOUT = 20
+IMMEDIATELY = struct.pack("ii", 1, 0)  # a linger that makes a close a reset
 sockets = {}
 kept = []
 
@@ -47,7 +49,7 @@ def use_socket(number, method, arguments):
 
 
 def socket_reset(stream):
-    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, IMMEDIATELY)
     stream.close()
 
 
@@ -69,33 +71,21 @@ def read(stream, count=None):
 socket_read = read
 
 
-class Pattern:
-    """Bytes that differ at every place, cheap to make, with their hash."""
-
-    _block = hashlib.shake_128(b"tandor").digest(1 << 18)
-
-    def __init__(self, length):
-        self.left = length
-        self.hash = hashlib.sha256()
-
-    def __iter__(self):
-        while self.left > 0:
-            start = self.left % 251
-            piece = self._block[start:start + min(self.left, len(self._block) - start)]
-            self.left -= len(piece)
-            self.hash.update(piece)
-            yield piece
+#: Of prime length: what is lost of it, or doubled, shows.
+PATTERN = hashlib.shake_128(b"tandor").digest(262_139)
 
 
 def transfer(stream, to_send, to_receive):
     """Sends and receives so many bytes at the same time; the hashes of both."""
-    pattern, received = Pattern(to_send), hashlib.sha256()
+    sent, received = hashlib.sha256(), hashlib.sha256()
 
-    def send():
-        for piece in pattern:
-            stream.sendall(piece)
+    def send(left):
+        while left > 0:
+            stream.sendall(PATTERN[:left])
+            sent.update(PATTERN[:left])
+            left -= len(PATTERN)
 
-    sender = threading.Thread(target=send)
+    sender = threading.Thread(target=send, args=(to_send,))
     sender.start()
     while to_receive > 0:
         piece = stream.recv(1 << 18)
@@ -104,7 +94,7 @@ def transfer(stream, to_send, to_receive):
         received.update(piece)
         to_receive -= len(piece)
     sender.join()
-    return pattern.hash.hexdigest(), received.hexdigest()
+    return sent.hexdigest(), received.hexdigest()
 
 
 def socket_transfer(stream, first, to_send, to_receive):
@@ -113,45 +103,31 @@ def socket_transfer(stream, first, to_send, to_receive):
     return transfer(stream, to_send, to_receive)
 
 
-def exchange_many(address, count, at_once, request, source=None):
+def exchange_many(address, count, at_once, request, resets=0):
     """`count` connections, `at_once` at the same time, each of which sends `request`, reads as many
-    bytes back, and closes; how many got what, by outcome."""
-    outcomes = {}
-    selector = selectors.DefaultSelector()
-    begun, deadline = 0, time.monotonic() + TIMEOUT * 3
+    bytes back, and closes; every so many-th is reset instead. How many got what, by outcome."""
 
-    def conclude(stream, outcome):
-        outcomes[outcome] = outcomes.get(outcome, 0) + 1
-        selector.unregister(stream)
-        stream.close()
-
-    while sum(outcomes.values()) < count and time.monotonic() < deadline:
-        while begun < count and len(selector.get_map()) < at_once:
-            begun += 1
-            stream = socket.socket()
-            stream.setblocking(False)
-            if source:
-                stream.bind((source, 0))
-            stream.connect_ex(address)
-            selector.register(stream, selectors.EVENT_WRITE, [b""])
-        for key, _ in selector.select(1):
-            stream, state = key.fileobj, key.data
+    def exchange(number):
+        received = b""
+        with socket.socket() as stream:
+            stream.settimeout(TIMEOUT)
             try:
-                if key.events == selectors.EVENT_WRITE:
-                    stream.send(request)
-                    selector.modify(stream, selectors.EVENT_READ, state)
-                    continue
-                piece = stream.recv(1 << 16)
-                state[0] += piece
-                if state[0] == request:
-                    conclude(stream, "whole")
-                elif not piece:
-                    conclude(stream, "short")
+                stream.connect(address)
+                stream.sendall(request)
+                if resets and number % resets == 0:
+                    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, IMMEDIATELY)
+                    return "reset"
+                while received != request:
+                    piece = stream.recv(1 << 16)
+                    received += piece
+                    if not piece or not request.startswith(received):
+                        return "wrong" if piece else "short"
+                return "whole"
             except OSError as error:
-                conclude(stream, errno.errorcode[error.errno])
-    for key in list(selector.get_map().values()):
-        conclude(key.fileobj, "unanswered")
-    return outcomes
+                return errno.errorcode.get(error.errno, "unanswered")
+
+    with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
+        return collections.Counter(pool.map(exchange, range(count)))
 
 
 def echo_bulk(address, amount):
@@ -240,21 +216,17 @@ def become(program, script, keep):
 
 
 def fork_and_exchange(address, request):
-    """A child connects a socket that this process has opened, and exchanges bytes."""
-    reading, writing = os.pipe()
+    """A child connects a socket that this process has opened; whether it gets back what it sends."""
     with socket.socket() as stream:
-        if os.fork() == 0:
+        child = os.fork()
+        if child == 0:
             try:
                 stream.connect(address)
                 stream.sendall(request)
-                os.write(writing, read(stream, len(request)))
+                os._exit(read(stream, len(request)) != request)
             finally:
-                os._exit(0)
-        os.close(writing)
-        with os.fdopen(reading, "rb") as pipe:
-            result = pipe.read()
-        os.wait()
-    return result
+                os._exit(2)
+        return os.waitpid(child, 0)[1] == 0
 
 
 def answer(is_result, value):

@@ -21,6 +21,7 @@ import json
 import os
 import pickle
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -133,10 +134,10 @@ class Namespace:
         with self, open(path, "w") as file:
             file.write(text)
 
-    def counters(self, interface):
-        """Packets that (came in, went out)."""
-        stats = json.loads(self.run("ip", "-j", "-s", "link", "show", interface))[0]["stats64"]
-        return stats["rx"]["packets"], stats["tx"]["packets"]
+    def received(self, interface):
+        """Packets that came in."""
+        table = self.read("/proc/thread-self/net/dev")
+        return int(re.search(rf"{interface}:\s*\d+\s+(\d+)", table)[1])
 
     def remove(self):
         self.file.close()
@@ -287,10 +288,15 @@ class Control:
         self._lines = self._socket.makefile("r")
         self._last_id = 0
 
+    def send(self, line, end=b"\n"):
+        self._socket.sendall(line + end)
+
+    def finish_sending(self):
+        self._socket.shutdown(socket.SHUT_WR)
+
     def call(self, name, **members):
         self._last_id += 1
-        line = json.dumps({"id": self._last_id, "call": name, **members}) + "\n"
-        self._socket.sendall(line.encode())
+        self.send(json.dumps({"id": self._last_id, "call": name, **members}).encode())
         reply = self.line()
         assert reply["id"] == self._last_id, reply
         if reply["error"]:
@@ -311,20 +317,28 @@ class Control:
 class Daemon:
     """A tandor-provider in the application's side."""
 
-    def __init__(self, lab, wrapper=(), program=PROVIDER):
-        self.path = f"{lab.folder}/control-{time.monotonic_ns()}"
-        self._log_path = self.path + ".log"
+    def __init__(self, lab, wrapper=(), program=PROVIDER, path=None):
+        self.path = path or f"{lab.folder}/control-{time.monotonic_ns()}"
+        self._log_path = f"{lab.folder}/log-{time.monotonic_ns()}"
         with open(self._log_path, "w") as log:
             self.process = lab.app.popen(*wrapper, program, "--control", self.path,
                                          stderr=log, stdin=subprocess.DEVNULL)
         self.control = None
         try:
-            eventually(lambda: os.path.exists(self.path) or self.process.poll() is not None)
-            self.control = Control(self.path)
+            self.control = eventually(self._connect, "it listens or ends")
             self.status()  # has it accepted us
         except (OSError, AssertionError):
             raise AssertionError(f"the daemon does not listen: {self.log()}") from None
         self.idle_descriptors = self.descriptors()
+
+    def _connect(self):
+        """Nothing as long as there is nobody, or only what a crash has left."""
+        has_ended = self.process.poll() is not None
+        try:
+            return Control(self.path) if has_ended or os.path.exists(self.path) else None
+        except OSError:
+            if has_ended:
+                raise
 
     def call(self, name, **members):
         return self.control.call(name, **members)
@@ -362,10 +376,16 @@ class Daemon:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
-    def cpu_seconds(self):
+    def _stat(self):
+        """Its line in /proc, from the third field on."""
         with open(f"/proc/{self.process.pid}/stat") as stat:
-            fields = stat.read().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+            return stat.read().rpartition(")")[2].split()
+
+    def cpu_seconds(self):
+        return sum(map(int, self._stat()[11:13])) / os.sysconf("SC_CLK_TCK")
+
+    def resident_bytes(self):
+        return int(self._stat()[21]) * resource.getpagesize()
 
     def terminate(self, number=signal.SIGTERM):
         """Asks it to end; its exit status."""
@@ -380,6 +400,7 @@ class Daemon:
         if self.control:
             self.control.close()
         end(self.process)
+        assert "Sanitizer" not in self.log(), self.log()
 
 
 class Application:

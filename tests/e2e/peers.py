@@ -43,10 +43,6 @@ class Listener:
         return self._socket.fileno()
 
     def close(self):
-        try:
-            self._socket.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass  # closed already
         self._socket.close()
 
 
@@ -84,37 +80,6 @@ class Peer:
             return "end"
         except ConnectionResetError:
             return "reset"
-
-
-class Server:
-    """Serves each connection by a function, on a thread of its own."""
-
-    def __init__(self, namespace, address, serve):
-        self._listener = Listener(namespace, address)
-        self._serve = serve
-        self.errors = []
-        threading.Thread(target=self._accept, daemon=True).start()
-
-    def _accept(self):
-        while True:
-            try:
-                peer = self._listener.accept()
-            except TimeoutError:
-                continue
-            except OSError:
-                return
-            threading.Thread(target=self._run, args=(peer,), daemon=True).start()
-
-    def _run(self, peer):
-        try:
-            self._serve(peer)
-        except Exception as error:
-            self.errors.append(error)
-        finally:
-            peer.close()
-
-    def close(self):
-        self._listener.close()
 
 
 class Echo:
@@ -178,25 +143,17 @@ class Echo:
         self._thread.join(PATIENCE)
 
 
-def client_hello(name, length=0, records=1):
-    """A TLS 1.3 ClientHello for a host name; padded to `length` bytes of handshake message, and
-    divided into so many records."""
+def client_hello(name):
+    """A TLS 1.3 ClientHello for a host name, in one record."""
 
-    def extension(number, body):
-        return struct.pack(">HH", number, len(body)) + body
+    def sized(form, body):
+        return struct.pack(form, len(body)) + body
 
-    host = name.encode()
-    extensions = extension(0, struct.pack(">HBH", len(host) + 3, 0, len(host)) + host)
-    extensions += extension(43, b"\x02\x03\x04")
-    start = b"\x03\x03" + bytes(range(32)) + b"\x20" + bytes(32) + b"\x00\x02\x13\x01" + b"\x01\x00"
-    unpadded = 4 + len(start) + 2 + len(extensions)
-    if length > unpadded:
-        extensions += extension(21, bytes(length - unpadded - 4))
-    body = start + struct.pack(">H", len(extensions)) + extensions
-    message = b"\x01" + len(body).to_bytes(3, "big") + body
-    size = -(-len(message) // records)
-    pieces = [message[start:start + size] for start in range(0, len(message), size)]
-    return b"".join(b"\x16\x03\x01" + struct.pack(">H", len(piece)) + piece for piece in pieces)
+    server_name = sized(">H", b"\0" + sized(">H", name.encode()))
+    extensions = b"\0\0" + sized(">H", server_name) + b"\0\x2b" + sized(">H", b"\x02\x03\x04")
+    body = (b"\x03\x03" + bytes(32) + sized("B", bytes(32)) + sized(">H", b"\x13\x01") +
+            sized("B", b"\0") + sized(">H", extensions))
+    return b"\x16\x03\x01" + sized(">H", b"\x01\0" + sized(">H", body))
 
 
 def connect_request(name, port):

@@ -2,14 +2,15 @@
 short supply."""
 
 import os
+import random
 import re
 import signal
 import socket
 import threading
 import time
 
-from lab import (ETH0, OTHER, PROVIDER, SERVER, SLOWNESS, ControlError, EndToEnd, eventually)
-from peers import Echo, Listener
+from lab import (ETH0, OTHER, PROVIDER, PROXY, SERVER, SLOWNESS, ControlError, EndToEnd, eventually)
+from peers import Echo, Listener, client_hello
 
 WEB = (SERVER, 80)
 
@@ -73,22 +74,17 @@ class UnderLoad(EndToEnd):
         self.assertEqual(self.echo.heard(b"native now")[1], self.datagrams.getsockname())
         self.datagrams.close()
 
-    def test_stop(self):
-        self.load()
-        # What the application has sent is still delivered.
-        threading.Thread(target=self.upload_peer.ending).start()
-        self.stop()
-        self.assertNative()
-        self.assertDatagramsNative()
-        self.finish_load()
-
-    def test_sleep_and_wake(self):
-        self.load()
-        self.daemon.call("sleep")
+    def test_stop_and_sleep(self):
+        for is_stop in (True, False):
+            with self.subTest(is_stop=is_stop):
+                self.load()
+                # What the application has sent is still delivered.
+                threading.Thread(target=self.upload_peer.ending).start()
+                self.stop() if is_stop else self.daemon.call("sleep")
+                self.assertNative()
+                self.assertDatagramsNative()
+                self.finish_load()
         self.assertEqual(self.daemon.status()["state"], "asleep")
-        self.assertNative()
-        self.assertDatagramsNative()
-        self.finish_load()
         self.daemon.await_no_flows()
         self.daemon.call("wake")
         self.assertWay("eth0", self.listed, WEB)
@@ -105,21 +101,48 @@ class UnderLoad(EndToEnd):
         self.upload_peer.reset()
         self.finish_load(failures=0)
 
-    def end_by_signal(self, number, reason):
-        self.load()
-        self.assertEqual(self.daemon.terminate(number), 0)
-        self.assertEqual(self.lab.traces(), [])
-        self.assertFalse(os.path.exists(self.daemon.path))
-        self.assertNative()
-        self.assertDatagramsNative()
-        self.finish_load()
-        self.assertIn(reason, self.daemon.log().partition("stop proxy with reason:")[2])
+    def test_everything_at_once(self):
+        """Whatever happens to the provider: bytes are right as far as they come, every flow ends, and
+        nothing is left."""
+        self.closing(Echo(self.lab.net, PROXY))
+        self.daemon.start("webProxy", [self.listed.program])
+        firsts = (client_hello("web.example"), b"GET / HTTP/1.1\r\n\r\n", b"SSH-2.0", bytes(40_000))
+        workers = [self.worker(self.listed) for _ in range(5)]
+        for worker, first in zip(workers, firsts):
+            worker.begin("exchange_many", WEB, 1200 // SLOWNESS, 10, first, 8)
+        workers[-1].begin("send_once", (OTHER, 53), b"hello", 2000 // SLOWNESS)
+        route = "route %s default via 192.0.2.1 dev eth0 metric 100"
+        changes = (lambda: self.daemon.call("sleep"), lambda: self.daemon.call("wake"),
+                   lambda: self.daemon.update("directlyWhiteList", [self.listed.program]),
+                   lambda: self.daemon.update("webProxy", [self.listed.program]),
+                   lambda: self.daemon.update("webProxy", [], enable="false"),
+                   lambda: self.lab.app.ip(route % "del" + "\n" + route % "add"),
+                   lambda: self.start("webProxy"))
+        chance = random.Random(99)
+        end = time.monotonic() + 4
+        while time.monotonic() < end:
+            chance.choice(changes)()
+            time.sleep(0.02)
+        for worker in workers[:-1]:
+            outcomes = worker.finish()
+            self.assertLessEqual(set(outcomes), {"whole", "reset", "short", "ECONNRESET", "EPIPE"},
+                                 outcomes)
+            self.assertGreater(outcomes["whole"], 20)
+        workers[-1].finish()
+        self.daemon.await_no_flows()
 
-    def test_terminated(self):
-        self.end_by_signal(signal.SIGTERM, "(5)")
-
-    def test_interrupted(self):
-        self.end_by_signal(signal.SIGINT, "(1)")
+    def test_signals(self):
+        for number, reason in ((signal.SIGTERM, "(5)"), (signal.SIGINT, "(1)")):
+            with self.subTest(reason):
+                self.load()
+                self.assertEqual(self.daemon.terminate(number), 0)
+                self.assertEqual(self.lab.traces(), [])
+                self.assertFalse(os.path.exists(self.daemon.path))
+                self.assertNative()
+                self.assertDatagramsNative()
+                self.finish_load()
+                self.assertIn(reason, self.daemon.log().partition("stop proxy with reason:")[2])
+                type(self).daemon = self.lab.daemon()
 
     def kill(self):
         """Kills the daemon under load: everything is native at once, whatever remains of it."""
@@ -157,21 +180,43 @@ class Surroundings(EndToEnd):
         self.echo = self.closing(Echo(self.lab.net, WEB))
 
     def test_interfaces_that_come_and_go(self):
-        route = "route replace default via 192.0.2.1 dev eth0 metric 100\n"
+        eth0, eth1 = ("route %s default via 192.0.2.1 dev eth0 metric 100",
+                      "route %s default via 192.0.2.65 dev eth1 metric 200")
+        both = "route %s default nexthop via 10.8.0.1 dev vpn0 nexthop via 192.0.2.65 dev eth1"
         changes = [(self.lab.app, "link set eth0 down", "eth1"),
-                   (self.lab.app, "link set eth0 up\n" + route, "eth0"),
+                   (self.lab.app, "link set eth0 up\n" + eth0 % "add", "eth0"),
                    (self.lab.net, "link set eth0 down", "eth1"),  # the cable is pulled
                    (self.lab.app, "link set eth1 down", None),
-                   (self.lab.net, "link set eth0 up", "eth0")]
+                   (self.lab.net, "link set eth0 up", "eth0"),
+                   (self.lab.app, "link set eth1 up\n" + eth1 % "add", "eth0"),
+                   # The better route decides, and one of another table counts when there is no other.
+                   (self.lab.app, "route add default via 192.0.2.65 dev eth1 metric 90", "eth1"),
+                   (self.lab.app, "route del default via 192.0.2.65 dev eth1 metric 90", "eth0"),
+                   (self.lab.app, eth0 % "del" + "\n" + eth1 % "del", None),
+                   (self.lab.app, eth1 % "add" + " table 77", "eth1"),
+                   (self.lab.app, eth0 % "add", "eth0"),
+                   (self.lab.app, both % "add", "eth1"),
+                   (self.lab.app, f"{both % 'del'}\nroute flush table 77\n{eth1 % 'add'}", "eth0")]
         self.start("directlyWhiteList")
         for namespace, change, interface in changes:
             with self.subTest(change):
                 namespace.ip(change)
-                eventually(lambda: self.daemon.status()["directInterface"] == interface)
+                eventually(lambda: self.daemon.status()["directInterface"] == interface, change, 5)
                 # Without a physical interface, direct flows go wherever the routes say.
-                self.assertWay(interface or "vpn0", self.listed, WEB)
-                self.assertWay(interface or "vpn0", self.listed, WEB, "udp")
-        self.lab.app.ip("link set eth1 up\nroute replace default via 192.0.2.65 dev eth1 metric 200")
+                for kind in ("tcp", "udp"):
+                    self.assertWay(interface or "vpn0", self.listed, WEB, kind)
+
+    def test_changes_that_do_not_concern_the_path(self):
+        self.start("directlyWhiteList")
+        chosen = self.daemon.log().count("selected interface:")
+        self.lab.app.ip("address add 10.77.0.1/24 dev eth1\nroute add 10.78.0.0/16 dev eth1\n"
+                        "route del 10.78.0.0/16 dev eth1\naddress del 10.77.0.1/24 dev eth1\n"
+                        "link add eth7 type veth peer name eth8\nlink del eth7\n" * 50)
+        # One that does shows that everything before it has been looked at.
+        self.lab.app.ip("route add default via 192.0.2.65 dev eth1 metric 90")
+        eventually(lambda: self.daemon.status()["directInterface"] == "eth1")
+        self.lab.app.ip("route del default via 192.0.2.65 dev eth1 metric 90")
+        self.assertEqual(self.daemon.log().count("selected interface:"), chosen + 1)
 
     def test_a_flow_outlives_the_choice_of_another_interface(self):
         self.start("directlyWhiteList")

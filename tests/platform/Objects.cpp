@@ -34,7 +34,7 @@ Awaited<Error> open(NEAppProxyFlow& flow) {
 Awaited<Read> read(NEAppProxyTCPFlow& flow) {
   const Awaited<Read> answer;
   flow.readData([answer](std::optional<Data> data, const Error& error) {
-    answer.set({std::move(data), error});
+    answer.set({std::move(data), error, false});
   });
   return answer;
 }
@@ -74,25 +74,25 @@ void close(NEAppProxyFlow& flow, const Error& error) {
   flow.closeWriteWithError(error);
 }
 
-TCPFlow makeTCPFlow(EpollLoop& loop, int buffer, const std::string& app,
-                    const NWHostEndpoint& remote) {
+TCPFlow makeTCPFlow(EpollLoop& loop, int buffer) {
   const Listener listener;
   Peer client(FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)));
   limitBuffers(client, buffer);
-  connectPeer(client, listener.address());
+  client.connect(listener.address());
   Peer accepted = listener.accept();
   limitBuffers(accepted, buffer);
-  return {makeResident<SocketTCPFlow>(loop, nonBlocking(std::move(accepted)), NEFlowMetaData{app},
-                                      NWFlowEndpoint(remote)),
+  return {makeResident<SocketTCPFlow>(loop, nonBlocking(std::move(accepted)), NEFlowMetaData{"app"},
+                                      NWFlowEndpoint(NWHostEndpoint{"203.0.113.1", "80"})),
           std::move(client)};
 }
 
-UDPFlow makeUDPFlow(EpollLoop& loop, const std::string& app, const NWHostEndpoint& remote) {
-  Peer destination = boundPeer(SOCK_DGRAM, "127.0.0.1");
-  Peer client = connectedPeer(SOCK_DGRAM, destination.address());
-  connectPeer(destination, client.address());
+UDPFlow makeUDPFlow(EpollLoop& loop) {
+  Peer destination = boundPeer(SOCK_DGRAM);
+  Peer client = boundPeer(SOCK_DGRAM);
+  client.connect(destination.address());
+  destination.connect(client.address());
   return {makeResident<SocketUDPFlow>(loop, nonBlocking(std::move(destination)),
-                                      NEFlowMetaData{app}, remote),
+                                      NEFlowMetaData{"app"}, NWHostEndpoint{"203.0.113.1", "53"}),
           std::move(client)};
 }
 
@@ -114,13 +114,13 @@ Awaited<Error> Outbound::send(std::string_view text) const {
   return sent;
 }
 
-Awaited<Received> Outbound::receive(std::size_t minimum, std::size_t maximum) const {
-  const Awaited<Received> received;
+Awaited<Read> Outbound::receive(std::size_t minimum, std::size_t maximum) const {
+  const Awaited<Read> received;
   connection_->receive(
       minimum, maximum,
       [received](std::optional<Data> data, NWConnection::ContentContext /*context*/,
                  bool isComplete,
-                 const Error& error) { received.set({std::move(data), isComplete, error}); });
+                 const Error& error) { received.set({std::move(data), error, isComplete}); });
   return received;
 }
 
@@ -136,12 +136,34 @@ bool Outbound::reaches(const std::string& state) const {
   });
 }
 
-NWEndpoint endpointOf(const SocketAddress& address) {
-  return NWEndpoint::hostPort(NWEndpoint::Host::name(address.host()),
-                              NWEndpoint::Port(address.port()));
+NWEndpoint endpointOf(const std::string& host, std::uint16_t port) {
+  return NWEndpoint::hostPort(NWEndpoint::Host::name(host), NWEndpoint::Port(port));
 }
 
-std::shared_ptr<DispatchQueue> LoopTest::pinnedQueue() const {
+void LoopTest::TearDown() {
+  // What else was open for a moment when the test began may have gone.
+  EXPECT_TRUE(eventually([this] { return openDescriptors() <= before_; }))
+      << openDescriptors() << " descriptors are open, not " << before_;
+  settle();  // from here on nobody comes to the loop any more
+  loop_.reset();
+}
+
+void LoopTest::passThrough() const {
+  // Twice: the first block may run in the turn that had looked before.
+  for (int turn = 0; turn < 2; ++turn) {
+    const Awaited<bool> passed;
+    loop().post([passed] { passed.set(true); });
+    static_cast<void>(passed.get());
+  }
+}
+
+void LoopTest::settle() const {
+  passThrough();
+  passThrough();
+  for (const auto& queue : queues_) queue->sync([] {});
+}
+
+std::shared_ptr<DispatchQueue> LoopTest::queue(bool isPinned) {
   class Pin final : public LoopAffinity {
    public:
     explicit Pin(EpollLoop& loop) : loop_(loop) {}
@@ -150,7 +172,8 @@ std::shared_ptr<DispatchQueue> LoopTest::pinnedQueue() const {
    private:
     EpollLoop& loop_;
   };
-  return DispatchQueue::serial("pinned", std::make_shared<Pin>(loop()));
+  return queues_.emplace_back(
+      DispatchQueue::serial("queue", isPinned ? std::make_shared<Pin>(loop()) : nullptr));
 }
 
 }  // namespace tandor::test

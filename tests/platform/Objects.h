@@ -1,10 +1,9 @@
 #pragma once
 
-#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,12 +24,11 @@ namespace tandor::test {
 struct Read {
   std::optional<Data> data;
   Error error;
+  bool isComplete = false;  // of a connection
 
   [[nodiscard]] std::string text() const {
     return data ? std::string(data->characters()) : std::string();
   }
-  /// Whether this is the end of the stream, in order.
-  [[nodiscard]] bool isEnd() const { return data && data->isEmpty() && !error; }
 };
 
 struct ReadDatagrams {
@@ -46,27 +44,6 @@ struct ReadDatagrams {
 [[nodiscard]] Awaited<Error> write(NEAppProxyUDPFlow& flow, const std::vector<std::string>& texts);
 void close(NEAppProxyFlow& flow, const Error& error = std::nullopt);
 
-/// Writes the pattern from its beginning, each piece when the one before is accepted, and returns
-/// how many bytes were. Stops before `count` when `settle` has seen everything happen that can and
-/// yet a write is not answered; that one is left in `held`.
-template <typename Write, typename Settle>
-[[nodiscard]] std::size_t writePattern(std::size_t count, Write write, Settle settle,
-                                       std::optional<Awaited<Error>>& held) {
-  constexpr std::size_t piece = 16'384;
-  std::size_t accepted = 0;
-  while (accepted < count) {
-    const Awaited<Error> written = write(pattern(std::min(piece, count - accepted), accepted));
-    settle();
-    if (!written.isSet()) {
-      held = written;
-      return accepted;
-    }
-    EXPECT_EQ(codeOf(written.get()), 0);
-    accepted += piece;
-  }
-  return accepted;
-}
-
 template <typename Flow>
 struct FlowWithApp {
   std::shared_ptr<Flow> flow;
@@ -75,22 +52,10 @@ struct FlowWithApp {
 using TCPFlow = FlowWithApp<SocketTCPFlow>;
 using UDPFlow = FlowWithApp<SocketUDPFlow>;
 
-/// Flows of the application `app` towards `remote`, not yet open. The kernel buffers no more than
-/// `buffer` bytes a direction if that is given.
-[[nodiscard]] TCPFlow makeTCPFlow(EpollLoop& loop, int buffer = 0, const std::string& app = "app",
-                                  const NWHostEndpoint& remote = {"203.0.113.1", "80"});
-[[nodiscard]] UDPFlow makeUDPFlow(EpollLoop& loop, const std::string& app = "app",
-                                  const NWHostEndpoint& remote = {"203.0.113.1", "53"});
-
-struct Received {
-  std::optional<Data> data;
-  bool isComplete = false;
-  Error error;
-
-  [[nodiscard]] std::string text() const {
-    return data ? std::string(data->characters()) : std::string();
-  }
-};
+/// Flows that are not yet open. The kernel buffers no more than `buffer` bytes a direction if that
+/// is given.
+[[nodiscard]] TCPFlow makeTCPFlow(EpollLoop& loop, int buffer = 0);
+[[nodiscard]] UDPFlow makeUDPFlow(EpollLoop& loop);
 
 /// A connection under test that writes down its states.
 class Outbound {
@@ -100,11 +65,8 @@ class Outbound {
 
   void start(const std::shared_ptr<DispatchQueue>& queue) const { connection_->start(queue); }
   [[nodiscard]] Awaited<Error> send(std::string_view text) const;
-  [[nodiscard]] Awaited<Received> receive(std::size_t minimum = 1,
-                                          std::size_t maximum = 2048) const;
+  [[nodiscard]] Awaited<Read> receive(std::size_t minimum = 1, std::size_t maximum = 2048) const;
   void cancel() const { connection_->cancel(); }
-  /// Lets go of the connection.
-  void drop() { connection_ = nullptr; }
   [[nodiscard]] NWConnection& connection() const { return *connection_; }
 
   /// The states so far: names, with the error's number where there is one.
@@ -121,30 +83,21 @@ class Outbound {
   std::shared_ptr<Log> log_ = std::make_shared<Log>();
 };
 
-[[nodiscard]] NWEndpoint endpointOf(const SocketAddress& address);
-
-/// A loop with what the objects on it need; nothing of a test stays on it.
-class LoopTest : public DescriptorTest {
+/// A loop with what the objects on it need; no descriptor of a test is left behind on it.
+class LoopTest : public testing::Test {
  protected:
-  void SetUp() override {
-    loop_ = EpollLoop::make("test-loop").value();
-    DescriptorTest::SetUp();
-  }
-  void TearDown() override {
-    DescriptorTest::TearDown();
-    settle();  // from here on nobody comes to the loop any more
-    loop_.reset();
-  }
-  /// Returns once everything that was ready has been handled, on whatever queue.
-  virtual void settle() const {
-    passThrough(loop());
-    passThrough(loop());
-  }
+  void SetUp() override { before_ = openDescriptors(); }
+  void TearDown() override;
+
+  /// Returns once the loop has seen whatever was ready when this was called.
+  void passThrough() const;
+  /// The same on whatever queue is in use.
+  void settle() const;
 
   [[nodiscard]] EpollLoop& loop() const { return *loop_; }
   [[nodiscard]] Resolver& resolver() { return resolver_; }
-  /// A queue pinned to the loop.
-  [[nodiscard]] std::shared_ptr<DispatchQueue> pinnedQueue() const;
+  /// A queue pinned to the loop, or a free one.
+  [[nodiscard]] std::shared_ptr<DispatchQueue> queue(bool isPinned = true);
   [[nodiscard]] Outbound outbound(const NWEndpoint& endpoint,
                                   const NWParameters& parameters = NWParameters::tcp()) {
     return {loop(), resolver_, endpoint, parameters};
@@ -152,7 +105,11 @@ class LoopTest : public DescriptorTest {
 
  private:
   Resolver resolver_;
-  std::unique_ptr<EpollLoop> loop_;
+  std::unique_ptr<EpollLoop> loop_ = EpollLoop::make("test-loop").value();
+  std::vector<std::shared_ptr<DispatchQueue>> queues_;
+  std::size_t before_ = 0;
 };
+
+[[nodiscard]] NWEndpoint endpointOf(const std::string& host, std::uint16_t port);
 
 }  // namespace tandor::test

@@ -1,7 +1,5 @@
-#include "platform/Surroundings.h"
-
 #include <csignal>
-#include <cstdlib>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sched.h>
@@ -13,8 +11,11 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Support.h"
 #include "platform/foundation/NSLog.h"
+
+// The whole program runs in a network namespace of its own, made before the first test: loopback
+// with more addresses besides its usual ones, an interface `void0` whose network, 203.0.113.128/25,
+// swallows everything, and one, `down0`, that is down. Names come from a file of its own.
 
 namespace tandor::test {
 namespace {
@@ -26,12 +27,18 @@ constexpr const char* hosts =
     "127.0.0.3 several.test\n"
     "127.0.0.1 several.test\n";
 
-bool isOwnNamespace = false;
-
 ino_t networkNamespace() {
   struct stat status{};
   ::stat("/proc/self/ns/net", &status);
   return status.st_ino;
+}
+
+/// Runs the lines as commands of ip(8).
+void ip(const char* commands) {
+  std::FILE* pipe = ::popen("ip -batch -", "w");
+  ASSERT_NE(pipe, nullptr);
+  std::fputs(commands, pipe);
+  ASSERT_EQ(::pclose(pipe), 0);
 }
 
 /// Shows other content at a file's place, in this process's mount namespace only.
@@ -50,14 +57,11 @@ class Surroundings final : public testing::Environment {
     const ino_t before = networkNamespace();
     ASSERT_EQ(::unshare(CLONE_NEWNET | CLONE_NEWNS), 0) << "these tests need root";
     ASSERT_NE(networkNamespace(), before);
-    isOwnNamespace = true;
     ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     replaceFile("/etc/hosts", hosts);
     replaceFile("/etc/resolv.conf", "nameserver 192.0.2.53\n");  // there is no way to it
     ip("link set lo up\n"
        "address add 203.0.113.1/32 dev lo\n"
-       "address add 198.51.100.1/32 dev lo\n"
-       "address add 2001:db8::1/128 dev lo nodad\n"
        "link add void0 type veth peer name void1\n"
        "link set void0 up arp off\n"
        "link set void1 up\n"
@@ -73,9 +77,5 @@ const testing::Environment* const surroundings =
     testing::AddGlobalTestEnvironment(std::make_unique<Surroundings>().release());
 
 }  // namespace
-
-void requireOwnNamespace() {
-  if (!isOwnNamespace) throw std::logic_error("not in a network namespace of the tests' own");
-}
 
 }  // namespace tandor::test

@@ -25,86 +25,45 @@ TEST_F(Dispatch, OpensThenRegistersThenStarts) {
   EXPECT_EQ(provider_->connectionMode().description(), "directly(interface:wlan0)");
 }
 
-TEST_F(Dispatch, DebugShowsWhatIsStarted) {
-  const AnyDictionary directly = {{"mode", "directlyWhiteList"}, {"debug", "true"}};
-  const std::tuple<AnyDictionary, bool, std::string> cases[] = {
-      {configuration(directly), false, "tcp flow [host.example:443] mode: directly(interface:nil)"},
-      {configuration(directly), true, "udp flow [host.example:443] mode: directly(interface:nil)"},
-      {webProxy({{"debug", "true"}}), false,
-       "tcp flow [host.example:443] mode: httpProxy(endPoint:proxy.example:3128)"}};
-  for (const auto& [raw, isUDP, shown] : cases) {
-    start(raw);
-    if (isUDP) {
-      const auto flow = platform_.udpFlow("listed");
-      EXPECT_TRUE(provider_->handleNewUDPFlow(flow, destination));
-      flow->completeOpen();
-    } else {
-      relayed("listed");
-    }
-    EXPECT_TRUE(provider_->proxyConnections().at(0)->isDebug());
-    const std::string line = "log: start TandorProxyConnection: " + shown + " app:listed";
-    const Lines lines = journal_.take();
-    EXPECT_EQ(std::ranges::count(lines, line), 1) << line;
-    provider_->setEnable(false);
-  }
-}
-
-TEST_F(Dispatch, QUICIsRefusedUnopenedInProxyMode) {
-  start(webProxy({{"debug", "true"}}));
-  const auto flow = platform_.udpFlow("listed");
-  EXPECT_TRUE(provider_->handleNewUDPFlow(flow, destination));
-  EXPECT_EQ(journal_.take(),
-            (Lines{"flow1: closeWrite quicNotSupport", "flow1: closeRead quicNotSupport"}));
-  EXPECT_FALSE(flow->completeOpen());
-}
-
-TEST_F(Dispatch, NoConnectionWithoutAnOpenFlowOrAProvider) {
+TEST_F(Dispatch, NothingStartsThatWasNotOpenedInTime) {
   start(configuration());
-  for (const bool isGone : {false, true}) {
-    const auto tcp = platform_.tcpFlow(destination);
-    const auto udp = platform_.udpFlow();
-    provider_->handleNewFlow(tcp);
-    provider_->handleNewUDPFlow(udp, destination);
+  const auto take = [this] {
+    std::pair flows(platform_.tcpFlow(destination), platform_.udpFlow());
+    EXPECT_TRUE(provider_->handleNewFlow(flows.first));
+    EXPECT_TRUE(provider_->handleNewUDPFlow(flows.second, destination));
     static_cast<void>(journal_.take());
-    if (isGone) provider_ = nullptr;
-    const auto error = isGone ? std::nullopt : std::optional(broken);
-    EXPECT_TRUE(tcp->completeOpen(error) && udp->completeOpen(error));
-    EXPECT_EQ(journal_.take(), isGone ? Lines() : Lines{"log: tcp flow open failed: broken"});
-  }
-}
-
-TEST_F(Dispatch, FlowsAdmittedBeforeASwitchOffNeverStart) {
-  start(configuration());
-  const auto tcp = platform_.tcpFlow(destination);
-  const auto udp = platform_.udpFlow();
-  provider_->handleNewFlow(tcp);
-  provider_->handleNewUDPFlow(udp, destination);
+    return flows;
+  };
+  const auto [failedTCP, failedUDP] = take();
+  EXPECT_TRUE(failedTCP->completeOpen(broken) && failedUDP->completeOpen(broken));
+  EXPECT_EQ(journal_.take(), Lines{"log: tcp flow open failed: broken"});
+  // Admitted before a switch-off, even if it is over.
+  const auto [tcp, udp] = take();
   provider_->sleep([] {});
-  provider_->wake();  // even so
-  const auto later = platform_.tcpFlow(destination);
-  provider_->handleNewFlow(later);
+  provider_->wake();
+  const auto later = take();
   EXPECT_TRUE(tcp->completeOpen() && udp->completeOpen());
   EXPECT_TRUE(tcp->isClosed() && udp->isClosed());
   EXPECT_EQ(platform_.connectionCount(), 0);
   EXPECT_TRUE(provider_->proxyConnections().empty());
-  later->completeOpen();
+  later.first->completeOpen();
   EXPECT_EQ(platform_.connectionCount(), 1);
-  EXPECT_FALSE(later->isClosed());
+  EXPECT_FALSE(later.first->isClosed());
+  static_cast<void>(journal_.take());
+  provider_ = nullptr;
+  later.second->completeOpen();
+  EXPECT_EQ(platform_.connectionCount(), 1);
 }
 
 TEST_F(Dispatch, ClosedConnectionsLeaveTheRegistry) {
   start(configuration());
   const auto one = relayed();
   relayed();
-  EXPECT_EQ(provider_->proxyConnections().size(), 2);
   platform_.out(1).enter(NWConnection::State::Kind::failed, broken);
   EXPECT_TRUE(one->isClosed());
   ASSERT_EQ(provider_->proxyConnections().size(), 1);
-  const auto two = provider_->proxyConnections()[0];
-  for (int time = 0; time < 2; ++time) {
-    two->closeAllConnWithError(std::nullopt);
-    EXPECT_TRUE(provider_->proxyConnections().empty());
-  }
+  provider_->proxyConnections()[0]->closeAllConnWithError(std::nullopt);
+  EXPECT_TRUE(provider_->proxyConnections().empty());
   // One that closes while it starts is not kept either.
   const auto unusable = platform_.tcpFlow(NWHostEndpoint{"host.example", "no port"});
   EXPECT_TRUE(provider_->handleNewFlow(unusable));

@@ -1,27 +1,13 @@
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <unistd.h>
 
 #include "provider/ProviderFixture.h"
-#include "support/FakeHost.h"
 
 namespace tandor::test {
 namespace {
 
 using ProviderLifecycle = ProviderFixture;
 
-std::string contentOf(const std::vector<std::uint8_t>& message) {
-  const std::string bytes(message.begin(), message.end());
-  constexpr std::size_t contentOffset =
-      72 + 31;  // behind the lengths, the identifiers and the name
-  return bytes.size() < contentOffset ? "none" : bytes.substr(contentOffset);
-}
-
-TEST_F(ProviderLifecycle, StartInItsOrder) {
+TEST_F(ProviderLifecycle, StartAndStopInTheirOrder) {
   std::signal(SIGPIPE, SIG_DFL);
   begin(configuration());
   EXPECT_EQ(std::signal(SIGPIPE, SIG_IGN), SIG_IGN);
@@ -31,14 +17,16 @@ TEST_F(ProviderLifecycle, StartInItsOrder) {
                    "path monitor: start",
                    "log: parse config succeed: " + provider_->config()->description(),
                    "host: settings"}));
-  NENetworkRule tcp;
-  tcp.protocol = NENetworkRule::Protocol::tcp;
-  tcp.direction = NENetworkRule::Direction::outbound;
-  NENetworkRule udp = tcp;
-  udp.protocol = NENetworkRule::Protocol::udp;
-  EXPECT_EQ(host_.settings(), (NETransparentProxyNetworkSettings{"127.0.0.1", {tcp, udp}}));
   host_.completeSettings();
   EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", "completed nil"}));
+  relayed();
+  const auto kept = provider_->proxyConnections();  // or its destructor would close once more
+  static_cast<void>(journal_.take());
+  provider_->stopProxy(NEProviderStopReason::userInitiated, completed());
+  EXPECT_EQ(journal_.take(),
+            (Lines{"log: stop proxy with reason:userInitiated(1)", "out1: handler cleared",
+                   "out1: cancel", "flow1: closeRead nil", "flow1: closeWrite nil", "completed"}));
+  EXPECT_FALSE(provider_->enable());
 }
 
 TEST_F(ProviderLifecycle, StartTellsThePlatformWhateverHappens) {
@@ -64,71 +52,6 @@ TEST_F(ProviderLifecycle, StartTellsThePlatformWhateverHappens) {
   EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", "completed nil"}));
 }
 
-TEST_F(ProviderLifecycle, TellsTheHostApplicationOfStartAndStop) {
-  FakeHost application;
-  start(configuration({{"socketPath", application.path()}}));
-  EXPECT_EQ(contentOf(application.nextMessage()), "\x01");
-  relayed();
-  const auto kept = provider_->proxyConnections();  // or its destructor would close once more
-  static_cast<void>(journal_.take());
-  provider_->stopProxy(NEProviderStopReason::userInitiated, completed());
-  const std::string text = "stop proxy with reason:userInitiated(1)";
-  EXPECT_EQ(journal_.take(), (Lines{"log: " + text, "out1: handler cleared", "out1: cancel",
-                                    "flow1: closeRead nil", "flow1: closeWrite nil", "completed"}));
-  EXPECT_EQ(contentOf(application.nextMessage()), '\0' + text);
-  EXPECT_FALSE(provider_->enable());
-}
-
-TEST_F(ProviderLifecycle, SwitchingOffClosesEveryConnection) {
-  start(configuration());
-  for (const bool isSleep : {true, false}) {
-    const auto one = relayed();
-    const auto two = relayed();
-    provider_->setEnable(true);
-    EXPECT_FALSE(one->isClosed() || two->isClosed());
-    static_cast<void>(journal_.take());
-    if (isSleep) {
-      provider_->sleep(completed());
-    } else {
-      provider_->setEnable(false);
-    }
-    const Lines lines = journal_.take();
-    EXPECT_EQ(lines.front() == "log: fall asleep" && lines.back() == "completed", isSleep);
-    EXPECT_TRUE(one->isClosed() && two->isClosed());
-    EXPECT_TRUE(provider_->proxyConnections().empty());
-    EXPECT_FALSE(provider_->handleNewFlow(platform_.tcpFlow(destination)));
-    provider_->wake();
-    EXPECT_EQ(journal_.take(), Lines{"log: wake up"});
-    EXPECT_TRUE(provider_->enable());
-    EXPECT_TRUE(provider_->proxyConnections().empty());
-  }
-}
-
-TEST_F(ProviderLifecycle, FailedStartCompletesAndThenEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  struct OtherProtocol final : NEVPNProtocol {};
-  const auto protocol = [](std::optional<AnyDictionary> raw) {
-    return std::make_shared<NETunnelProviderProtocol>(std::move(raw));
-  };
-  const std::pair<std::shared_ptr<NEVPNProtocol>, std::string> cases[] = {
-      {nullptr, "invalid protocolConfiguration type"},
-      {std::make_shared<OtherProtocol>(), "invalid protocolConfiguration type"},
-      {protocol(std::nullopt), "provider configuration is nil"},
-      {protocol(AnyDictionary{}), "invalid mode"},
-      {protocol(configuration({{"mode", std::int64_t{1}}})), "invalid mode"},
-      {protocol(configuration({{"appIds", AnyList{}}})), "configuration for appIds is nil"},
-      {protocol(webProxy({{"proxyPort", std::int64_t{80}}})),
-       "invalid proxy port for key .proxyPort."}};
-  for (const auto& [configuration, error] : cases) {
-    provider_->attach(host_, configuration);
-    const auto show = [](const std::optional<NSError>& given) {
-      std::fputs(("<" + description(given) + ">").c_str(), stderr);
-    };
-    EXPECT_EXIT(provider_->startProxy({}, show), testing::ExitedWithCode(EXIT_SUCCESS),
-                "^<parseFailed.\"" + error + "\".>$");
-  }
-}
-
 TEST_F(ProviderLifecycle, InterfaceChoice) {
   using enum NWInterface::InterfaceType;
   const NWInterface wlan{"wlan0", wifi, 3};
@@ -137,15 +60,11 @@ TEST_F(ProviderLifecycle, InterfaceChoice) {
   const NWInterface mobile{"wwan0", cellular, 5};
   const NWInterface tunnel{"tun0", other, 6};
   start(configuration());
-  begin(configuration());
-  const Lines again = journal_.take();
-  EXPECT_EQ(std::ranges::count(again, "path monitor: start"), 0);
   const std::pair<std::vector<NWInterface>, std::optional<NWInterface>> cases[] = {
       {{wlan, mobile}, wlan},
       {{mobile, wlan}, wlan},
       {{mobile, wlan, second, wired}, second},
       {{{"lo", loopback, 1}, tunnel}, std::nullopt},
-      {{tunnel, mobile}, mobile},
       {{tunnel, mobile}, mobile},
       {{}, std::nullopt}};
   for (const auto& [available, choice] : cases) {
@@ -156,36 +75,6 @@ TEST_F(ProviderLifecycle, InterfaceChoice) {
   provider_ = nullptr;
   platform_.reportPath({wlan});
   EXPECT_EQ(journal_.take(), Lines{"log: selected interface:wlan0"});
-}
-
-TEST_F(ProviderLifecycle, StartRedirectsTheLogBeforeItShowsTheConfiguration) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  std::string path = testing::TempDir() + "tandor-XXXXXX";
-  ::close(::mkstemp(path.data()));
-  // In a child, whose outputs may go.
-  const auto redirected = [&] {
-    std::ofstream(path) << "earlier\n";
-    setNSLogSink(nullptr);
-    begin(configuration({{"logPath", path}}));
-    static_cast<void>(std::puts("standard output"));
-    static_cast<void>(std::fflush(stdout));
-    std::ifstream file(path);
-    const std::string log(std::istreambuf_iterator<char>(file), {});
-    const bool isAppended = log.starts_with("earlier\n") && log.ends_with("standard output\n");
-    const bool hasLine =
-        log.contains("] parse config succeed: TransparentProxyProvider.Config:\n{\n");
-    std::filesystem::remove(path);
-    _exit(isAppended && hasLine && !log.contains("redirect log to:") ? 0 : 1);
-  };
-  EXPECT_EXIT(redirected(), testing::ExitedWithCode(0), "redirect log to: .*/tandor-");
-  std::filesystem::remove(path);
-}
-
-TEST_F(ProviderLifecycle, FailedRedirectionLeavesTheOutputs) {
-  start(configuration({{"logPath", ""}}));
-  TandorTransparentProxyProvider::redirectLog("/no-such-directory/log");
-  EXPECT_EQ(journal_.take(), (Lines{"log: redirect log to: /no-such-directory/log",
-                                    "log: redirect failed to open file /no-such-directory/log"}));
 }
 
 }  // namespace

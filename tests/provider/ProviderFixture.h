@@ -22,18 +22,15 @@ class ScriptedProviderHost final : public NEProviderHost {
   bool completeSettings(const std::optional<NSError>& error = std::nullopt) {
     return applying_.complete(error);
   }
-  [[nodiscard]] const NETransparentProxyNetworkSettings& settings() const { return settings_; }
 
-  void setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& settings,
+  void setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& /*settings*/,
                                 Completion completion) override {
     journal_.note("host: settings");
-    settings_ = settings;
     applying_.put(std::move(completion));
   }
 
  private:
   Journal& journal_;
-  NETransparentProxyNetworkSettings settings_;
   Pending<Completion> applying_;
 };
 

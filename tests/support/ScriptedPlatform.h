@@ -77,11 +77,6 @@ class ScriptedConnection final : public NWConnection {
     });
   }
   [[nodiscard]] bool isCancelled() const noexcept { return isCancelled_; }
-  /// What the last send was to send.
-  [[nodiscard]] Data lastSent() const {
-    const std::scoped_lock lock(mutex_);
-    return lastSent_;
-  }
   /// Forgets what is under way, and whatever it owns with it.
   void abandon() {
     static_cast<void>(sending_.take());
@@ -103,8 +98,6 @@ class ScriptedConnection final : public NWConnection {
             SendCompletion completion) override {
     note("send " + show(content) + (isComplete ? "" : " incomplete"));
     sending_.put(std::move(completion));
-    const std::scoped_lock lock(mutex_);
-    lastSent_ = std::move(content);
   }
   void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion) override {
     note("receive " + std::to_string(minimum) + ".." + std::to_string(maximum));
@@ -126,10 +119,9 @@ class ScriptedConnection final : public NWConnection {
 
   Journal& journal_;
   const std::string name_;
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::shared_ptr<StateUpdateHandler> handler_;  // guarded by mutex_
   std::shared_ptr<DispatchQueue> queue_;         // guarded by mutex_
-  Data lastSent_;                                // guarded by mutex_
   Pending<SendCompletion> sending_;
   Pending<ReceiveCompletion> receiving_;
   std::atomic<bool> isCancelled_{false};

@@ -1,6 +1,4 @@
 #include <cstdlib>
-#include <initializer_list>
-#include <string_view>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -16,43 +14,6 @@ extern "C" __attribute__((weak)) void __sanitizer_print_stack_trace();
 
 namespace tandor::test {
 namespace {
-
-Bytes text(std::string_view characters) {
-  return {characters.begin(), characters.end()};
-}
-
-Bytes join(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
-/// `body` behind its length of two bytes, which says `excess` too much.
-Bytes sized(const Bytes& body, std::size_t excess = 0) {
-  const std::size_t length = body.size() + excess;
-  return join({{static_cast<std::uint8_t>(length >> 8U), static_cast<std::uint8_t>(length)}, body});
-}
-
-Bytes entry(std::uint8_t type, std::string_view name, std::size_t excess = 0) {
-  return join({{type}, sized(text(name), excess)});
-}
-Bytes extension(std::uint8_t type, const Bytes& body, std::size_t excess = 0) {
-  return join({{0, type}, sized(body, excess)});
-}
-Bytes record(const Bytes& message, std::uint8_t major = 3, std::uint8_t minor = 1,
-             std::size_t excess = 0) {
-  return join({{22, major, minor}, sized(message, excess)});
-}
-
-const Bytes upToCompression =
-    join({{1, 0, 0, 99, 3, 3}, Bytes(32, 0xAA), {2, 7, 7}, sized({0x13, 1, 0x13, 2}), {1, 0}});
-
-Bytes helloWith(const Bytes& extensions, std::size_t excess = 0) {
-  return record(join({upToCompression, sized(extensions, excess)}));
-}
-Bytes helloNaming(const Bytes& serverNameBody) {
-  return helloWith(join({extension(10, {1, 2}), extension(0, serverNameBody), extension(16, {})}));
-}
 
 const Bytes sni = extension(0, sized(entry(0, "host.example")));
 const Bytes message = join({upToCompression, sized(sni)});
@@ -159,13 +120,10 @@ TEST(ClientHello, IsMalformedWhenTheRecordEndsEarly) {
 
 TEST(ClientHello, ServerNameIsDecodedUpToAZeroByte) {
   const auto nameOf = [](std::string_view name) {
-    return serverName(Data::copying(helloNaming(sized(join({entry(0, name), entry(0, "b")})))));
+    return serverName(Data::copying(helloNaming(sized(entry(0, name)))));
   };
-  EXPECT_EQ(nameOf("host.example"), "host.example");
   EXPECT_EQ(nameOf({"host\0inside", 11}), "host");
   EXPECT_EQ(nameOf("a\xFFz"), "a\xEF\xBF\xBDz");
-  EXPECT_EQ(nameOf(""), "");
-  EXPECT_EQ(serverName(Data()), std::nullopt);
   EXPECT_EQ(serverName(Data::copying(helloWith({}))), std::nullopt);
 }
 

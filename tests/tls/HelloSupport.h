@@ -14,11 +14,10 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/NSLog.h"
+#include "support/Hello.h"
 #include "tls/ClientHello.h"
 
 namespace tandor::test {
-
-using Bytes = std::vector<std::uint8_t>;
 
 struct Parsed {
   std::int32_t code;

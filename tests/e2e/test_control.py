@@ -1,0 +1,189 @@
+"""The daemon's control socket, whatever comes over it; its launch and its end."""
+
+import json
+import os
+import signal
+import socket
+import stat
+import threading
+
+from lab import PROVIDER, SLOWNESS, Control, EndToEnd, eventually
+
+
+class ControlSocket(EndToEnd):
+    def connect(self):
+        return self.closing(Control(self.daemon.path))
+
+    def test_answers_whatever_it_is_asked(self):
+        deep = "[" * 100_000
+        nested = deep + "]" * len(deep)
+
+        def start_with(configuration):
+            return '{"call":"startProxy","protocolConfiguration":%s}' % configuration
+
+        cases = {0: ['{"call":"status"}', '{"call":"flows"}'],
+                 -1: ['{"call":7}', "{}", "", "status", "[]", '{"call":"status"', b'{"call":"\xff"}',
+                      "\0{}", '{"call":"status","id":' + deep, '{"call":"status","id":%s}' % nested,
+                      start_with(nested)],
+                 -2: ['{"call":"Status"}'],
+                 -3: ['{"call":"watch"}', '{"call":"stopProxy","reason":"now"}', start_with("5"),
+                      '{"call":"appMessage","data":"A"}', '{"call":"appMessage"}',
+                      start_with('{"type":"NETunnelProviderProtocol","providerConfiguration":5}')],
+                 -4: ['{"call":"stopProxy"}', '{"call":"sleep"}', '{"call":"wake"}',
+                      '{"call":"appMessage","data":"AAAA"}']}
+        control = self.connect()
+        for code, requests in cases.items():
+            for request in requests:
+                with self.subTest(request[:80]):
+                    control.send(request.encode() if isinstance(request, str) else request)
+                    reply = control.line()
+                    self.assertEqual(reply["error"]["code"] if reply["error"] else 0, code)
+                    self.assertIsNone(reply["id"])
+        for number in (None, True, -1, 1.5, "text\0é", {"a": [1, {}]}, [[]]):
+            control.send(json.dumps({"call": "status", "id": number}).encode())
+            self.assertEqual(control.line()["id"], number)
+        status = self.daemon.status()
+        self.assertEqual((status["state"], status["pid"]), ("idle", self.daemon.process.pid))
+        self.assertEqual(status["flows"]["open"], 0)
+
+    def test_many_clients_and_bad_ones(self):
+        clients = [self.connect() for _ in range(100)]
+        for number, client in enumerate(clients):
+            for request in range(10):
+                client.send(json.dumps({"id": [number, request], "call": "status"}).encode())
+            if number % 3 == 0:
+                client.send(b'{"call":', end=b"")
+            if number % 3 == 1:
+                client.finish_sending()
+        deaf = self.connect()
+        for _ in range(2000):
+            deaf.send(b'{"call":"status"}')
+        endless = self.connect()
+        self.assertRaises(OSError, endless.send, b" " * (9 << 20))
+        self.assertEqual(endless.line()["error"]["code"], -1)
+        for number, client in enumerate(clients):
+            self.assertEqual([client.line()["id"] for _ in range(10)],
+                             [[number, request] for request in range(10)])
+        self.daemon.call("status", x="x" * 1_000_000)  # just within what a line may have
+
+    def test_a_start_that_cannot_be_parsed_ends_the_process(self):
+        kind, values = "NETunnelProviderProtocol", {"mode": "directlyWhiteList", "appIds": "[]"}
+        no_type = 'parseFailed("invalid protocolConfiguration type")'
+        cases = ((None, 0, no_type),
+                 ({"type": "NEVPNProtocolIPSec", "providerConfiguration": values}, 0, no_type),
+                 ({"type": kind}, 0, 'parseFailed("provider configuration is nil")'),
+                 ({"type": kind, "providerConfiguration": {**values, "mode": 5}}, 0,
+                  'parseFailed("invalid mode")'),
+                 ({"type": kind, "providerConfiguration": {**values, "appIds": "[1]"}}, 3,
+                  'invalidJson("[1]")'))
+        for configuration, code, description in cases:
+            with self.subTest(configuration):
+                daemon = self.lab.daemon()
+                daemon.control.send(json.dumps({
+                    "id": "x", "call": "startProxy", "protocolConfiguration": configuration}).encode())
+                self.assertEqual(daemon.control.line(),
+                                 {"id": "x", "error": {"code": code, "description": description}})
+                self.assertEqual(daemon.process.wait(20), 0)
+                self.assertFalse(os.path.exists(daemon.path))
+
+    def test_the_log_goes_where_it_is_told(self):
+        path = self.lab.folder + "/redirected"
+        with open(path, "w") as log:
+            log.write("earlier\n")
+        daemon = self.lab.daemon()
+        daemon.start("directlyWhiteList", [], logPath=path)
+        self.assertEqual(daemon.terminate(), 0)
+        with open(path) as log:
+            redirected = log.read()
+        self.assertTrue(redirected.startswith("earlier\n"))
+        for line in ("] parse config succeed: ", "] stop proxy with reason:"):
+            self.assertIn(line, redirected)
+            self.assertNotIn(line, daemon.log())
+        self.assertIn("redirect log to: " + path, daemon.log())
+
+    def test_a_host_application_that_does_not_answer(self):
+        """It holds the start and the stop, but nobody else; a second signal waits no longer."""
+        host = self.closing(socket.socket(socket.AF_UNIX))
+        host.bind(self.lab.folder + "/host")
+        host.listen()
+        daemon = self.lab.daemon()
+
+        def message():
+            client, _ = host.accept()
+            with client:
+                for greeting in (b"ab", b"abcd"):
+                    client.sendall(greeting)
+                    self.assertEqual(client.recv(1), b"\0")
+                with client.makefile("rb") as stream:
+                    return stream.read()
+
+        def start():
+            daemon.start("directlyWhiteList", [], socketPath=host.getsockname())
+
+        starting = threading.Thread(target=start)
+        starting.start()
+        self.assertTrue(message().endswith(b"\1"))
+        starting.join()
+        self.assertEqual(daemon.status()["state"], "running")
+        stopping = self.closing(Control(daemon.path))
+        stopping.send(b'{"call":"stopProxy","reason":9}')
+        eventually(lambda: "stop proxy" in daemon.log())
+        self.assertNotEqual(daemon.status()["state"], "stopped")
+        self.assertTrue(message().endswith(b"\0stop proxy with reason:configurationDisabled(9)"))
+        self.assertIsNone(stopping.line()["error"])
+        self.assertEqual(daemon.status()["state"], "stopped")
+
+        starting = threading.Thread(target=start)
+        starting.start()
+        message()
+        starting.join()
+        daemon.process.send_signal(signal.SIGTERM)
+        silent, _ = host.accept()
+        daemon.process.send_signal(signal.SIGTERM)
+        self.assertEqual(daemon.process.wait(4 * SLOWNESS), 0)
+        silent.close()
+        self.lab.app.run(PROVIDER, "--cleanup")
+
+    def test_owns_its_socket(self):
+        daemon = self.lab.daemon()
+        path = daemon.path
+        self.assertEqual(os.stat(path).st_mode, stat.S_IFSOCK | 0o600)
+        # Somebody else's connection is refused even where the file lets it in.
+        os.chmod(path, 0o666)
+        os.chmod(self.lab.folder, 0o755)
+        stranger = ("import socket, sys; s = socket.socket(socket.AF_UNIX); s.connect(sys.argv[1]); "
+                    "print(s.recv(1))")
+        output = self.lab.app.run("setpriv", "--reuid=65534", "--clear-groups", "python3", "-c",
+                                  stranger, path)
+        self.assertEqual(output, "b''\n")
+        # A second one leaves the first its socket; one that was left by a crash is taken over.
+        second = self.lab.app.run(PROVIDER, "--control", path, check=False)
+        self.assertEqual(second.returncode, 1)
+        self.assertIn("already listens", second.stderr)
+        self.assertEqual(daemon.status()["state"], "idle")
+        daemon.kill()
+        self.assertEqual(self.lab.daemon(path=path).terminate(), 0)
+        self.assertFalse(os.path.exists(path))
+        # The folder is made when it is missing; a socket of the service manager stays in place.
+        self.assertEqual(self.lab.daemon(path=self.lab.folder + "/new/one/control").terminate(), 0)
+        with socket.socket(socket.AF_UNIX) as passed:
+            passed.bind(path)
+            passed.listen()
+            service = self.lab.app.popen(
+                "sh", "-c", f"LISTEN_PID=$$ LISTEN_FDS=1 exec {PROVIDER} 3<&0", stdin=passed)
+        self.closing(Control(path)).call("status")
+        service.terminate()
+        self.assertEqual(service.wait(20), 0)
+        self.assertTrue(os.path.exists(path))
+
+    def test_arguments(self):
+        file = self.lab.folder + "/file"
+        with open(file, "w") as precious:
+            precious.write("precious")
+        for arguments, status in ((("--control",), 2), (("--unknown",), 2),
+                                  (("--version",), 0), (("--help",), 0), (("--control", file), 1),
+                                  (("--control", file + "/control"), 1), (("--control", "x" * 200), 1)):
+            with self.subTest(arguments):
+                result = self.lab.app.run(PROVIDER, *arguments, check=False)
+                self.assertEqual(result.returncode, status, result.stderr)
+        self.assertEqual(os.path.getsize(file), 8)

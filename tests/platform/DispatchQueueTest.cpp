@@ -1,0 +1,104 @@
+#include <algorithm>
+#include <array>
+#include <latch>
+#include <thread>
+
+#include "platform/Objects.h"
+
+namespace tandor::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Every test runs with a queue that is pinned to a loop and with a free one.
+class DispatchQueueTest : public LoopTest, public testing::WithParamInterface<bool> {
+ protected:
+  const std::shared_ptr<DispatchQueue> queue_ = queue(GetParam());
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, DispatchQueueTest, testing::Bool(),
+                         [](const auto& kind) { return kind.param ? "Pinned" : "Free"; });
+
+TEST_P(DispatchQueueTest, RunsEverythingOneAtATimeInTheOrderOfSubmission) {
+  constexpr int rounds = 300;
+  constexpr int threadCount = 4;
+  std::array<int, threadCount> last{};  // unguarded, for ThreadSanitizer
+  int count = 0;
+  const auto block = [&](int thread, int number) {
+    EXPECT_EQ(std::exchange(last.at(static_cast<std::size_t>(thread)), number), number - 1);
+    ++count;
+  };
+  std::vector<std::jthread> threads;
+  threads.reserve(threadCount);
+  for (int thread = 0; thread < threadCount; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int number = 1; number <= 3 * rounds; number += 3) {
+        queue_->async([&, thread, number] { block(thread, number); });
+        queue_->carry([&, thread, number] { block(thread, number + 1); });
+        queue_->sync([&] { block(thread, number + 2); });
+      }
+    });
+  }
+  threads.clear();
+  EXPECT_EQ(queue_->sync([&] { return count; }), threadCount * 3 * rounds);
+}
+
+TEST(DispatchQueue, SyncAndCarryOnTheQueueItselfRunAtOnce) {
+  const auto queue = DispatchQueue::serial("queue");
+  const auto inner = DispatchQueue::serial("inner");
+  std::string order;
+  for (int time = 0; time < 2; ++time) {
+    queue->async([&] {
+      queue->async([&] { order += "c"; });
+      queue->carry([&] { order += "a"; });
+      inner->sync([&] { EXPECT_TRUE(inner->isCurrent() && !queue->isCurrent()); });
+      EXPECT_TRUE(queue->isCurrent() && !inner->isCurrent());
+      queue->sync([&] { order += "b"; });
+    });
+    queue->sync([] {});
+    EXPECT_FALSE(queue->isCurrent());
+    queue->sync([] {});
+  }
+  std::latch release(1);  // from elsewhere, a carry does not wait
+  queue->async([&] { release.wait(); });
+  queue->carry([&] { order += "d"; });
+  release.count_down();
+  EXPECT_EQ(queue->sync([&] { return order; }), "abcabcd");
+}
+
+TEST(DispatchQueue, LivesUntilItsBlocksHaveRunAndReleasesWhatTheyHeld) {
+  auto queue = DispatchQueue::serial("queue");
+  const std::weak_ptr<DispatchQueue> watched = queue;
+  auto held = std::make_shared<int>(1);
+  const std::weak_ptr<int> watchedHeld = held;
+  queue->async([held = std::move(held)] { std::this_thread::sleep_for(5ms); });
+  queue->sync([&] { EXPECT_TRUE(watchedHeld.expired()); });
+  queue->async([] { std::this_thread::sleep_for(5ms); });
+  queue = nullptr;
+  EXPECT_TRUE(eventually([&] { return watched.expired(); }));
+}
+
+TEST(GlobalQueue, BlocksThatWaitDoNotHoldUpOthers) {
+  constexpr int waiting = 12;
+  constexpr int blocks = 100;  // more than the pool has threads
+  struct Shared {
+    std::shared_ptr<DispatchQueue> queue = DispatchQueue::serial("contended");
+    std::latch all{waiting};
+    std::latch done{blocks};
+  };
+  const auto shared = std::make_shared<Shared>();  // outlives a failure
+  shared->queue->sync([&] {
+    for (int count = 0; count < blocks; ++count) {
+      GlobalQueue::shared().async([shared, count] {
+        if (count < waiting) shared->all.arrive_and_wait();  // when every such block has a thread
+        shared->queue->sync([&] { shared->done.count_down(); });
+      });
+    }
+    std::this_thread::sleep_for(50ms);
+    shared->queue->async([shared] {});
+  });
+  EXPECT_TRUE(eventually([&] { return shared->done.try_wait(); }));
+}
+
+}  // namespace
+}  // namespace tandor::test
