@@ -82,7 +82,7 @@ TCPFlow makeTCPFlow(EpollLoop& loop, int buffer) {
   Peer accepted = listener.accept();
   limitBuffers(accepted, buffer);
   return {makeResident<SocketTCPFlow>(loop, nonBlocking(std::move(accepted)), NEFlowMetaData{"app"},
-                                      NWFlowEndpoint(NWHostEndpoint{"203.0.113.1", "80"})),
+                                      IPv4Endpoint{0xCB007101, 80}),
           std::move(client)};
 }
 
