@@ -30,6 +30,9 @@ class Identity(EndToEnd):
             with open(f"{folder}/{number}") as file:
                 held.append(file.read())
         self.assertEqual(any("raw_tracepoint" in text for text in held), self.has_probe)
+        rules = self.lab.app.run("iptables-save", "-t", "mangle")
+        self.assertEqual("--object-pinned" in rules, self.has_probe)
+        self.assertEqual("conntrack" in rules, not self.has_probe)
 
     def test_a_process_that_becomes_another_program(self):
         process = self.worker(self.unlisted.twin())

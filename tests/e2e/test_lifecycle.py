@@ -231,7 +231,7 @@ class Surroundings(EndToEnd):
         self.lab.app.ip("route del default dev eth0\n"
                         "route add default via 192.0.2.1 dev eth0 metric 100")
 
-    def test_out_of_descriptors(self):
+    def test_no_room_for_more(self):
         self.daemon.end()
         type(self).daemon = self.lab.daemon(wrapper=("prlimit", "--nofile=400:400"))
         self.start("directlyWhiteList")
@@ -243,10 +243,17 @@ class Surroundings(EndToEnd):
         begin = self.daemon.cpu_seconds()
         time.sleep(1)
         self.assertLess(self.daemon.cpu_seconds() - begin, 0.1)
-        self.assertEqual(self.daemon.log().count("out of descriptors"), 1)
+        self.assertEqual(self.daemon.log().count("no room for more"), 1)
         self.listed.call("release_all")
         self.daemon.await_no_flows()
-        self.assertWay("eth0", self.listed, WEB)
+        # However flows end, they leave nothing that takes the room of others.
+        self.listed.call("exchange_many", WEB, 2 * count, 8, b"hello", 2)
+        self.daemon.await_no_flows()
+        self.listed.call("connect_many", WEB, room)
+        self.assertEqual(self.listed.call("exchange_kept", b"again"), room)
+        self.assertEqual([source for _, source, data in self.echo.received
+                          if data == b"again" and source[0] != ETH0], [])
+        self.listed.call("release_all")
         self.stop()
         self.daemon.end()
 

@@ -231,7 +231,7 @@ bool Admission::hasRoomForAnother() {
   const auto now = EpollLoop::Clock::now();
   if (now - lastComplaint_ >= complaintInterval) {
     lastComplaint_ = now;
-    NSLog(fmt::format("out of descriptors at {} flows: new ones are left to the kernel",
+    NSLog(fmt::format("no room for more than {} flows: new ones are left to the kernel",
                       registry_.existingCount()));
   }
   return false;
