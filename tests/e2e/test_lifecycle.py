@@ -189,11 +189,12 @@ class Surroundings(EndToEnd):
                    (self.lab.app, "link set eth1 down", None),
                    (self.lab.net, "link set eth0 up", "eth0"),
                    (self.lab.app, "link set eth1 up\n" + eth1 % "add", "eth0"),
-                   # The better route decides, and one of another table counts when there is no other.
+                   # The better route decides; one of another table counts when there is no other.
                    (self.lab.app, "route add default via 192.0.2.65 dev eth1 metric 90", "eth1"),
                    (self.lab.app, "route del default via 192.0.2.65 dev eth1 metric 90", "eth0"),
                    (self.lab.app, eth0 % "del" + "\n" + eth1 % "del", None),
-                   (self.lab.app, eth1 % "add" + " table 77", "eth1"),
+                   (self.lab.app, "route add default via 192.0.2.65 dev eth1 metric 50 table 77",
+                    "eth1"),
                    (self.lab.app, eth0 % "add", "eth0"),
                    (self.lab.app, both % "add", "eth1"),
                    (self.lab.app, f"{both % 'del'}\nroute flush table 77\n{eth1 % 'add'}", "eth0")]

@@ -190,7 +190,7 @@ class Proxying(EndToEnd):
             ("status", [ok[:9], ok[9:] + b"220 hi\r\n"], b"220 hi\r\n"),
             ("status", [b"HTTP/1.1 407 Connection Established\r\n\r\n"], None),
             ("status", [b"HTTP/1.1 2000 OK\r\n\r\n"], None), ("status", [], None),
-            ("status", [b"HTTP/2 200 OK\r\n\r\n"], None), ("status", [ok[:-2]], None),
+            ("status", [b"HTTP/2.0 200 OK\r\n\r\n"], None), ("status", [ok[:-2]], None),
             ("status", [long.replace(b"X: ", b"X:  ")], None))
         for judged, pieces, behind in cases:
             for end in ("close", "reset") if behind is None else (None,):

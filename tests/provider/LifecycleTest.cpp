@@ -17,6 +17,12 @@ TEST_F(ProviderLifecycle, StartAndStopInTheirOrder) {
                    "path monitor: start",
                    "log: parse config succeed: " + provider_->config()->description(),
                    "host: settings"}));
+  NENetworkRule tcp;
+  tcp.protocol = NENetworkRule::Protocol::tcp;
+  tcp.direction = NENetworkRule::Direction::outbound;
+  NENetworkRule udp = tcp;
+  udp.protocol = NENetworkRule::Protocol::udp;
+  EXPECT_EQ(host_.settings(), (NETransparentProxyNetworkSettings{"127.0.0.1", {tcp, udp}}));
   host_.completeSettings();
   EXPECT_EQ(journal_.take(), (Lines{"log: provider did start", "completed nil"}));
   relayed();

@@ -23,14 +23,18 @@ class ScriptedProviderHost final : public NEProviderHost {
     return applying_.complete(error);
   }
 
-  void setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& /*settings*/,
+  [[nodiscard]] const NETransparentProxyNetworkSettings& settings() const { return settings_; }
+
+  void setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& settings,
                                 Completion completion) override {
     journal_.note("host: settings");
+    settings_ = settings;
     applying_.put(std::move(completion));
   }
 
  private:
   Journal& journal_;
+  NETransparentProxyNetworkSettings settings_;
   Pending<Completion> applying_;
 };
 
