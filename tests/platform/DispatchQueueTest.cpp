@@ -88,6 +88,7 @@ TEST(GlobalQueue, BlocksThatWaitDoNotHoldUpOthers) {
   };
   const auto shared = std::make_shared<Shared>();  // outlives a failure
   shared->queue->sync([&] {
+    shared->queue->async([shared] {});  // nobody but those who wait behind it can run it
     for (int count = 0; count < blocks; ++count) {
       GlobalQueue::shared().async([shared, count] {
         if (count < waiting) shared->all.arrive_and_wait();  // when every such block has a thread
@@ -95,7 +96,6 @@ TEST(GlobalQueue, BlocksThatWaitDoNotHoldUpOthers) {
       });
     }
     std::this_thread::sleep_for(50ms);
-    shared->queue->async([shared] {});
   });
   EXPECT_TRUE(eventually([&] { return shared->done.try_wait(); }));
 }

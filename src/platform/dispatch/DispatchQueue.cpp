@@ -1,5 +1,6 @@
 #include "platform/dispatch/DispatchQueue.h"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -12,8 +13,8 @@
 namespace tandor {
 namespace {
 
-/// A thread that waits in sync() runs its own block when its turn comes, so that progress there
-/// takes no thread of the pool, whose threads may all be waiting so themselves.
+/// A thread that waits in sync() runs its own block when its turn comes, and those before it that
+/// no thread of the pool has come to run yet: these may all be waiting so themselves.
 class FreeQueue final : public DispatchQueue {
  public:
   explicit FreeQueue(std::string_view label) noexcept : DispatchQueue(label, nullptr) {}
@@ -45,7 +46,13 @@ class FreeQueue final : public DispatchQueue {
     if (std::exchange(isRunning_, true)) {
       Turn turn;
       waiting_.push_back({nullptr, &turn});
-      turn.come.wait(lock, [&] { return turn.hasCome; });
+      while (!turn.hasCome) {
+        if (std::exchange(isDrainExpected_, false)) {
+          drain(lock);
+        } else {
+          turn.come.wait(lock);
+        }
+      }
     }
     lock.unlock();
     runAsCurrent(block);
@@ -73,13 +80,20 @@ class FreeQueue final : public DispatchQueue {
     return true;
   }
 
+  /// With mutex_ held.
   void scheduleDrain() {
-    GlobalQueue::shared().async(
-        [self = std::static_pointer_cast<FreeQueue>(shared_from_this())] { self->drain(); });
+    isDrainExpected_ = true;
+    const auto waiter = std::ranges::find_if(
+        waiting_, [](const Waiting& waiting) { return waiting.turn != nullptr; });
+    if (waiter != waiting_.end()) waiter->turn->come.notify_one();
+    GlobalQueue::shared().async([self = std::static_pointer_cast<FreeQueue>(shared_from_this())] {
+      std::unique_lock lock(self->mutex_);
+      if (std::exchange(self->isDrainExpected_, false)) self->drain(lock);
+    });
   }
 
-  void drain() {
-    std::unique_lock lock(mutex_);
+  /// Runs asynchronous blocks until it is another thread's turn, or nobody's.
+  void drain(std::unique_lock<std::mutex>& lock) {
     while (!passOn()) {
       {
         Block block = std::move(waiting_.front().block);
@@ -92,8 +106,9 @@ class FreeQueue final : public DispatchQueue {
   }
 
   std::mutex mutex_;
-  std::deque<Waiting> waiting_;  // guarded by mutex_
-  bool isRunning_ = false;       // guarded by mutex_: a block runs, or is about to
+  std::deque<Waiting> waiting_;   // guarded by mutex_
+  bool isRunning_ = false;        // guarded by mutex_: a block runs, or is about to
+  bool isDrainExpected_ = false;  // guarded by mutex_: nobody has come yet to run what is first
 };
 
 class PinnedQueue final : public DispatchQueue {
