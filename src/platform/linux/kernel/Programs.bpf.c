@@ -10,7 +10,7 @@
 #include <bpf/bpf_endian.h>
 #include <bpf/bpf_helpers.h>
 
-#include "ProgramTypes.h"
+#include "platform/linux/kernel/ProgramTypes.h"
 
 const char licence[] SEC("license") = "GPL";
 
@@ -64,7 +64,7 @@ struct {
 /// since another one with the same addresses is a flow of its own.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
-  __uint(max_entries, 65536);
+  __uint(max_entries, 16384);
   __type(key, struct FlowAddresses);
   __type(value, __u64);
 } leftFlows SEC(".maps");
@@ -72,7 +72,7 @@ struct {
 /// UDP flows that their peers began, and when these spoke last: no answer to them is a new flow.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
-  __uint(max_entries, 65536);
+  __uint(max_entries, 16384);
   __type(key, struct FlowAddresses);
   __type(value, __u64);
 } heardPeers SEC(".maps");
