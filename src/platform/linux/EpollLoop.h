@@ -176,7 +176,8 @@ class EpollLoop final : public EventLoop {
   /// The same, before all that is deferred already.
   void hurry(Task& task) noexcept { deferred_.prepend(task); }
 
-  /// Did several descriptors become ready at once? Then what saves work comes before what is prompt.
+  /// Did several descriptors become ready at once? Then what saves work comes before what is
+  /// prompt.
   [[nodiscard]] bool isBusy() const noexcept { return eventCount_ > 1; }
 
   [[nodiscard]] BufferPool& buffers() noexcept { return buffers_; }
