@@ -88,18 +88,12 @@ Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider
 
 void Admission::begin(FlowAnswers& answers, const KernelPrograms* programs) {
   answers_ = &answers;
-  if (programs == nullptr) return;
-  if (auto watch = programs->watch()) {
-    programs_ = programs;
-    watch_ = std::move(*watch);
-  }
+  programs_ = programs;
 }
 
 void Admission::end() {
   queue_ = nullptr;
   destroyWatch_ = nullptr;
-  programs_ = nullptr;
-  watch_.reset();
   held_.clear();
   overdue_.stop();
   abandonOverdue(EpollLoop::Clock::duration::zero());

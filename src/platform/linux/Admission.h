@@ -38,7 +38,7 @@ class Admission final : public EpollLoop::Resident,
             SocketDiagnosis diagnosis, std::unordered_set<std::uint64_t> socketsAtStart);
 
   /// Offers flows from now on; until then, whatever is held goes its native way. `answers` outlives
-  /// the admission; so do the programs, where there are any. On the loop.
+  /// the admission; so do the programs, null where none watch. On the loop.
   void begin(FlowAnswers& answers, const KernelPrograms* programs);
   /// Gives up the queue: packets pass from now on. On the loop.
   void end();
@@ -77,9 +77,8 @@ class Admission final : public EpollLoop::Resident,
   FlowRegistry& registry_;
   SocketDiagnosis diagnosis_;
   SocketOwners owners_;
-  FlowAnswers* answers_ = nullptr;            // from the beginning on
-  const KernelPrograms* programs_ = nullptr;  // while they watch
-  FileDescriptor watch_;
+  FlowAnswers* answers_ = nullptr;  // from the beginning on
+  const KernelPrograms* programs_ = nullptr;
   std::unique_ptr<SocketDestroyWatch> destroyWatch_;
   std::unique_ptr<PacketQueue> queue_;
 

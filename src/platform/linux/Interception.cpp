@@ -101,8 +101,11 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
 std::string Interception::chooseMemory(KernelPrograms* programs) {
   const auto folder = programs == nullptr ? std::unexpected(ENOTSUP) : programs->publish();
   if (folder && canCallPrograms(*folder)) {
-    answers_ = programs;
-    return *folder;
+    if (auto watch = programs->watch()) {
+      watch_ = std::move(*watch);
+      answers_ = programs;
+      return *folder;
+    }
   }
   KernelPrograms::retract();
   NSLog(

@@ -8,6 +8,7 @@
 #include "platform/linux/Admission.h"
 #include "platform/linux/AnnouncedFlows.h"
 #include "platform/linux/ConnectionTracking.h"
+#include "platform/linux/FileDescriptor.h"
 #include "platform/linux/FlowRegistry.h"
 #include "platform/linux/LinuxBackend.h"
 #include "platform/linux/TransparentListener.h"
@@ -45,6 +46,7 @@ class Interception {
   const std::shared_ptr<AnnouncedFlows> flows_ = std::make_shared<AnnouncedFlows>();
   ConnectionTracking tracking_;
   FlowAnswers* answers_ = &tracking_;
+  FileDescriptor watch_;  // of the programs in the kernel, when the answers are theirs
   std::vector<std::shared_ptr<TransparentListener>> listeners_;
   std::unique_ptr<EpollLoop> loop_;  // of the admission
   std::shared_ptr<Admission> admission_;

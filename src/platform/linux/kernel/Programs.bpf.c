@@ -242,14 +242,16 @@ static __always_inline struct FlowAddresses addressesOf(struct sock* socket) {
 }
 
 static __always_inline void noteConnector(struct sock* socket) {
+  const __u32 place = placeOfConnector((__u64)socket);
+  struct Connector* connector = bpf_map_lookup_elem(&connectors, &place);
+  if (connector == NULL) return;
+  // Another socket may have been at this address; whose it was says nothing of this one.
+  connector->socket = 0;
   struct bpf_pidns_info process;
   if (bpf_get_ns_current_pid_tgid(surroundings.processNamespaceDevice,
                                   surroundings.processNamespace, &process, sizeof process) != 0 ||
       process.tgid == surroundings.daemon || !isOfThisNetwork(socket))
     return;
-  const __u32 place = placeOfConnector((__u64)socket);
-  struct Connector* connector = bpf_map_lookup_elem(&connectors, &place);
-  if (connector == NULL) return;
   const struct task_struct* task = (const void*)bpf_get_current_task();
   connector->socket = (__u64)socket;
   connector->process.number = process.tgid;
