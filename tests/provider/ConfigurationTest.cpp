@@ -98,12 +98,5 @@ TEST_F(Configuration, FailuresLeaveTheRestAsItWas) {
   provider_->handleAppMessage(bytes("nobody waits for the reply"), nullptr);
 }
 
-TEST_F(Configuration, UpdateDisturbsNoFlow) {
-  start(configuration());
-  const auto flow = relayed();
-  EXPECT_EQ(update(R"({"mode": "directlyWhiteList", "appIds": "[]", "enable": "false"})"), "");
-  EXPECT_FALSE(provider_->enable() || flow->isClosed());
-}
-
 }  // namespace
 }  // namespace tandor::test
