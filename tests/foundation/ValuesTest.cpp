@@ -3,10 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/foundation/AnyValue.h"
 #include "platform/foundation/Base64.h"
 #include "platform/foundation/Data.h"
-#include "platform/foundation/Description.h"
 #include "platform/foundation/JSON.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/Text.h"

@@ -75,12 +75,10 @@ TEST_F(ResolverTest, FindsWhatPeopleNameOrSaysWhatTheyMayHaveMeant) {
       {"python3", python},
       {player, player},
       {root_ / "flatpak/exports/bin/org.example.Player", player},
-      {"player.desktop", player},
       {"Player", player},
       {"chat", "snap.chat"},
       {root_ / "snap/bin/chat.daemon", "snap.chat"},
       {root_ / "snap/chat/12/bin/chat", "snap.chat"},
-      {"kde-chat", "snap.chat"},
       {"Netzbetrachter", browser},
       {"Browser", browser},  // two entries, one program
       {"action", curl},

@@ -54,7 +54,6 @@ class Outbound {
   [[nodiscard]] Awaited<Error> send(std::string_view text) const;
   [[nodiscard]] Awaited<Read> receive(std::size_t minimum = 1, std::size_t maximum = 2048) const;
   void cancel() const { connection_->cancel(); }
-  [[nodiscard]] NWConnection& connection() const { return *connection_; }
 
   /// The states so far: names, with the error's number where there is one.
   [[nodiscard]] std::vector<std::string> states() const;
