@@ -10,7 +10,6 @@ tandor_test(tandor_core_tests
     provider/AdmissionTest.cpp
     provider/ConfigurationTest.cpp
     provider/DispatchTest.cpp
-    provider/HammerTest.cpp
     provider/LifecycleTest.cpp
     tls/ClientHelloPeerTest.cpp
     tls/ClientHelloTest.cpp

@@ -23,18 +23,6 @@ TEST_F(ConnectionLifecycle, StartAgainReplacesTheConnection) {
   EXPECT_EQ(happened(), Lines());
 }
 
-TEST_F(ConnectionLifecycle, UnusableDestinationClosesTheFlowWithoutAConnection) {
-  const std::pair<NWFlowEndpoint, std::string> cases[] = {
-      {NWOpaqueEndpoint{"Kind"}, R"(invalidEndpointType(raw: "Kind"))"},
-      {NWHostEndpoint{"host", "65536"}, R"(invalidEndpointPort(raw: "65536"))"}};
-  for (const auto& [endpoint, error] : cases) {
-    make(direct, {.stored = endpoint});
-    connection_->start();
-    EXPECT_EQ(happened(), closed(error));
-    EXPECT_EQ(connection_->state(), ConnectionState::invalid);
-  }
-}
-
 TEST_F(ConnectionLifecycle, CloseCancelsThenClosesThenTellsTheDelegate) {
   startReady(direct);
   connection_->closeAllConnWithError(broken);

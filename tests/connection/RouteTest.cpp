@@ -10,9 +10,6 @@ namespace {
 class Route : public ConnectionFixture {
  protected:
   static inline const Data hello = clientHello("name.example");
-  static inline const std::string request =
-      "CONNECT name.example:443 HTTP/1.1\r\nHost: name.example:443\r\n"
-      "Proxy-Connection: keep-alive\r\n\r\n";
 
   /// How the switch to direct mode shows.
   [[nodiscard]] static Lines switched(const std::string& reason) {
@@ -28,28 +25,6 @@ class Route : public ConnectionFixture {
     return {out + ": send " + show(first), out + ": receive 1..2048"};
   }
 };
-
-TEST_F(Route, FailedFirstReadEndsTheFlow) {
-  using Error = std::optional<NSError>;
-  const std::pair<std::optional<Data>, Error> cases[] = {
-      {std::nullopt, broken}, {hello, broken}, {std::nullopt, Error()}, {Data(), Error()}};
-  for (const auto& [data, error] : cases) {
-    startReady(proxied);
-    tcpFlow_->completeRead(data, error);
-    EXPECT_EQ(happened(), ended(description(error)));
-  }
-}
-
-TEST_F(Route, TunnelsToTheServerName) {
-  startReady(proxied, {.isDebug = true, .stored = NWHostEndpoint{"host.example", "8443"}});
-  tcpFlow_->completeRead(hello);
-  EXPECT_EQ(happened(), (Lines{"log: =============>" + request, "out1: send '" + request + "'"}));
-  out().completeSend();
-  EXPECT_EQ(happened(), Lines{"out1: receive 1..2048"});
-  // The reply never reaches the flow; its is-complete flag and error do not count.
-  out().completeReceive(bytes("HTTP/1.0 999 Connection Established\r\n\r\nrest"), true, broken);
-  EXPECT_EQ(happened(), relay(hello, "out1"));
-}
 
 TEST_F(Route, SwitchesToDirectModeWithTheSameFirstBytes) {
   startReady(proxied);

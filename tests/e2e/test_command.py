@@ -298,7 +298,6 @@ class Run(Command):
         self.assertEqual(run.finish(signal.SIGTERM), 0, run.errors)
         self.assertEqual(self.daemon.status()["state"], "stopped")
         self.assertEqual(self.folders_of(run, self.lab.folder), [])
-        self.daemon.terminate()  # it forgets a watcher that is gone at the next event only
 
     def test_tells_how_its_provider_failed_and_cleans_up_behind_it(self):
         def expect(run, error):
@@ -336,4 +335,3 @@ class Run(Command):
         self.tandor("stop")
         self.tandor(*START)
         self.assertEqual(self.folders_of(attached, self.lab.folder), [])
-        self.daemon.terminate()

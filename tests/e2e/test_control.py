@@ -21,7 +21,7 @@ class ControlSocket(EndToEnd):
         def start_with(configuration):
             return '{"call":"startProxy","protocolConfiguration":%s}' % configuration
 
-        cases = {0: ['{"call":"status"}', '{"call":"flows"}'],
+        cases = {0: ['{"call":"status"}', '{"call":"flows"}', '{"call":"watch","flows":true}'],
                  -1: ['{"call":7}', "{}", "", "status", "[]", '{"call":"status"', b'{"call":"\xff"}',
                       "\0{}", '{"call":"status","id":' + deep, '{"call":"status","id":%s}' % nested,
                       start_with(nested)],
@@ -65,6 +65,14 @@ class ControlSocket(EndToEnd):
             self.assertEqual([client.line()["id"] for _ in range(10)],
                              [[number, request] for request in range(10)])
         self.daemon.call("status", x="x" * 1_000_000)  # just within what a line may have
+
+    def test_watchers_that_hang_up_are_forgotten_without_any_flow(self):
+        for ending in ("close", "finish_sending"):
+            watchers = [self.connect() for _ in range(10)]
+            for watcher in watchers:
+                watcher.call("watch", flows=True)
+                getattr(watcher, ending)()
+            eventually(lambda: self.daemon.descriptors() <= self.daemon.idle_descriptors, ending)
 
     def test_a_start_that_cannot_be_parsed_ends_the_process(self):
         kind, values = "NETunnelProviderProtocol", {"mode": "directlyWhiteList", "appIds": "[]"}

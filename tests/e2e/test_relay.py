@@ -128,13 +128,6 @@ class Mass(EndToEnd):
         self.listed.call("release_all")
         self.daemon.await_no_flows()
 
-    def test_many_short_ones(self):
-        count = 3000 // SLOWNESS
-        self.unlisted.begin("exchange_many", WEB, count, 20, b"left")
-        outcomes = self.listed.call("exchange_many", WEB, count, 50, b"taken")
-        self.assertEqual([outcomes, self.unlisted.finish()], [{"whole": count}] * 2)
-        self.daemon.await_no_flows()
-
     def test_an_application_with_many_sockets_among_many_processes(self):
         self.listed.call("open_many", 5000)
         for _ in range(300):

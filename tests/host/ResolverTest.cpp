@@ -69,21 +69,16 @@ TEST_F(ResolverTest, FindsWhatPeopleNameOrSaysWhatTheyMayHaveMeant) {
     std::string advice{};
   } cases[] = {
       {"curl", curl},
-      {"mtr", root_ / "usr/sbin/mtr"},
       {curl, curl},
       {"bin/../bin/curl", curl},
       {"browse", browser},
       {"python3", python},
       {player, player},
       {root_ / "flatpak/exports/bin/org.example.Player", player},
-      {"player.desktop", player},
       {"Player", player},
       {"chat", "snap.chat"},
-      {"snap.chat", "snap.chat"},
       {root_ / "snap/bin/chat.daemon", "snap.chat"},
       {root_ / "snap/chat/12/bin/chat", "snap.chat"},
-      {"kde-chat", "snap.chat"},
-      {"plauderei", "snap.chat"},
       {"Netzbetrachter", browser},
       {"Browser", browser},  // two entries, one program
       {"action", curl},
@@ -93,11 +88,9 @@ TEST_F(ResolverTest, FindsWhatPeopleNameOrSaysWhatTheyMayHaveMeant) {
       {"wrapper", root_ / "usr/bin/sh", "Most such scripts only start another program"},
       {"crul", "", none + " \"crul\"", "did you mean curl"},
       {"org.example.Plaer", "", none, "did you mean org.example.Player?"},
-      {"netzbetrachte", "", none, "did you mean Netzbetrachter?"},
       {"/opt/borwser", "", none + " \"/opt/borwser\"", "Browser"},
       {"qqqqqqqqqq", "", none, "`tandor apps`"},
       {"", "", none + " \"\""},
-      {"..", "", none},
       {"/snap/none/1/none", "", none},
       {"Hidden", "", none},
       {"Other", "", none},
@@ -105,7 +98,6 @@ TEST_F(ResolverTest, FindsWhatPeopleNameOrSaysWhatTheyMayHaveMeant) {
       {"gone", "", "the program of gone.desktop, vanished, is not installed"},
       {"orphan", "", "the interpreter of the script"},
       {"bin/readme", "", "is not a program"},
-      {root_ / "usr", "", "is not a program"},
   };
   for (const auto& [name, identifier, said, advice] : cases) {
     SCOPED_TRACE(name);

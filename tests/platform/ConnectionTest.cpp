@@ -136,62 +136,6 @@ TEST_P(ConnectionTest, CancelEndsWhateverItIsDoing) {
   resolver().resolve("several.test", [&](const auto&) { resolved.set(true); });
   static_cast<void>(resolved.get());
   expectCancelled(resolving);
-
-  const Outbound unstarted = outbound(endpointOf("127.0.0.1", listener_.port()));
-  unstarted.cancel();
-  unstarted.start(queue(GetParam()));
-  EXPECT_EQ(codeOf(unstarted.send("late").get()), ECANCELED);
-}
-
-TEST_P(ConnectionTest, TellsNobodyAfterTheHandlerWasClearedAndDeliversWhatWasSentEarly) {
-  const Outbound connection = started(endpointOf("127.0.0.1", listener_.port()));
-  const auto early = connection.send("early");  // accepted and delivered, or an error
-  const Peer peer = listener_.accept();
-  EXPECT_TRUE(connection.reaches("ready"));
-  const bool isAccepted = !early.get();
-  EXPECT_EQ(codeOf(connection.send("late").get()), 0);
-  EXPECT_EQ(peer.receive(isAccepted ? 9 : 4), isAccepted ? "earlylate" : "late");
-  connection.connection().setStateUpdateHandler(nullptr);
-  connection.cancel();
-  settle();
-  EXPECT_EQ(connection.states().back(), "ready");
-}
-
-TEST_P(ConnectionTest, CarriesEachDatagramWhole) {
-  const Peer peer = boundPeer(SOCK_DGRAM);
-  const Outbound connection =
-      started(endpointOf("127.0.0.1", peer.address().port()), NWParameters::udp());
-  EXPECT_TRUE(connection.reaches("ready"));
-  EXPECT_EQ(codeOf(connection.send("hello").get()), 0);
-  EXPECT_EQ(peer.receiveOnce(), "hello");
-  for (const std::size_t size : {1U, 0U, 1472U, 2049U, 0U, 60'000U, 65'507U, 3U}) {
-    SCOPED_TRACE(size);
-    const std::string text = pattern(size, size);
-    EXPECT_EQ(codeOf(connection.send(text).get()), 0);
-    EXPECT_TRUE(peer.receiveOnce() == text);
-    const auto received = connection.receive(1, 10);  // neither cut to the maximum nor joined
-    peer.send(text);
-    ASSERT_TRUE(received.get().data);
-    EXPECT_TRUE(received.get().text() == text);
-    EXPECT_FALSE(received.get().isComplete);
-  }
-  // One that no network carries is lost, as datagrams are; the next one is not.
-  EXPECT_EQ(codeOf(connection.send(pattern(65'508)).get()), 0);
-  EXPECT_EQ(codeOf(connection.send("next").get()), 0);
-  EXPECT_EQ(peer.receiveOnce(), "next");
-  // What was accepted leaves before a cancel closes the socket.
-  const auto pending = connection.receive();
-  static_cast<void>(connection.send("last"));
-  connection.cancel();
-  EXPECT_EQ(peer.receiveOnce(), "last");
-  EXPECT_EQ(codeOf(pending.get().error), ECANCELED);
-
-  const Outbound refused =
-      started(endpointOf("127.0.0.1", listener_.port()), NWParameters::udp());  // TCP's alone
-  EXPECT_TRUE(refused.reaches("ready"));
-  EXPECT_EQ(codeOf(refused.send("anybody?").get()), 0);
-  EXPECT_EQ(codeOf(refused.receive().get().error), ECONNREFUSED);
-  refused.cancel();
 }
 
 }  // namespace

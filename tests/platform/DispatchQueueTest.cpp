@@ -66,18 +66,6 @@ TEST(DispatchQueue, SyncAndCarryOnTheQueueItselfRunAtOnce) {
   EXPECT_EQ(queue->sync([&] { return order; }), "abcabcd");
 }
 
-TEST(DispatchQueue, LivesUntilItsBlocksHaveRunAndReleasesWhatTheyHeld) {
-  auto queue = DispatchQueue::serial("queue");
-  const std::weak_ptr<DispatchQueue> watched = queue;
-  auto held = std::make_shared<int>(1);
-  const std::weak_ptr<int> watchedHeld = held;
-  queue->async([held = std::move(held)] { std::this_thread::sleep_for(5ms); });
-  queue->sync([&] { EXPECT_TRUE(watchedHeld.expired()); });
-  queue->async([] { std::this_thread::sleep_for(5ms); });
-  queue = nullptr;
-  EXPECT_TRUE(eventually([&] { return watched.expired(); }));
-}
-
 TEST(GlobalQueue, BlocksThatWaitDoNotHoldUpOthers) {
   constexpr int waiting = 12;
   constexpr int blocks = 100;  // more than the pool has threads

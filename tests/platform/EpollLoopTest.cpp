@@ -11,26 +11,6 @@ namespace {
 using namespace std::chrono_literals;
 using EpollLoopTest = LoopTest;
 
-TEST_F(EpollLoopTest, RunsAPinnedQueueByItself) {
-  const auto own = queue();
-  const auto other = queue();
-  const Awaited<std::string> order;
-  loop().post([&] {
-    std::string text;
-    EXPECT_TRUE(own->isCurrent());
-    other->async([&] { text += "x"; });
-    own->async([&] {
-      text += "a";
-      own->async([&] { text += "b"; });
-    });
-    // What waits in this queue comes first, the other queue's turn is later.
-    EXPECT_EQ(own->sync([&] { return text; }), "ab");
-    other->sync([&] { EXPECT_EQ(text, "abx"); });
-    order.set(text);
-  });
-  EXPECT_EQ(order.get(), "abx");
-}
-
 /// Writes its letter when its timer or its task comes, and then acts, once.
 struct Letter {
   Letter(EpollLoop& loop, std::string& text, char letter)
@@ -152,18 +132,6 @@ TEST_F(EpollLoopTest, ForgetsASourceThatIsRemovedDuringTheSameTurn) {
   }));
   passThrough();
   EXPECT_EQ(left.told + right.told, 1);
-}
-
-TEST(EpollLoop, EndsWithItsBlocksRunAndItsDescriptorsClosed) {
-  const std::size_t before = openDescriptors();
-  for (int round = 0; round < 20; ++round) {
-    int ran = 0;
-    auto loop = EpollLoop::make("short").value();
-    for (int count = 0; count < 100; ++count) loop->post([&] { ++ran; });
-    loop.reset();
-    EXPECT_EQ(ran, 100);
-  }
-  EXPECT_EQ(openDescriptors(), before);
 }
 
 }  // namespace

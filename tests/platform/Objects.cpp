@@ -45,30 +45,6 @@ Awaited<Error> write(NEAppProxyTCPFlow& flow, std::string_view text) {
   return written;
 }
 
-Awaited<ReadDatagrams> read(NEAppProxyUDPFlow& flow) {
-  const Awaited<ReadDatagrams> answer;
-  flow.readDatagrams([answer](const std::optional<std::vector<Data>>& datagrams,
-                              std::span<const NWHostEndpoint> endpoints, const Error& error) {
-    ReadDatagrams result{std::nullopt, {endpoints.begin(), endpoints.end()}, error};
-    if (datagrams) {
-      result.datagrams.emplace();
-      for (const Data& datagram : *datagrams) result.datagrams->emplace_back(datagram.characters());
-    }
-    answer.set(std::move(result));
-  });
-  return answer;
-}
-
-Awaited<Error> write(NEAppProxyUDPFlow& flow, const std::vector<std::string>& texts) {
-  std::vector<Data> datagrams;
-  datagrams.reserve(texts.size());
-  for (const std::string& text : texts) datagrams.push_back(Data::copying(text));
-  const std::vector<NWHostEndpoint> sentBy(datagrams.size(), {"203.0.113.1", "53"});
-  const Awaited<Error> written;
-  flow.writeDatagrams(datagrams, sentBy, [written](const Error& error) { written.set(error); });
-  return written;
-}
-
 void close(NEAppProxyFlow& flow, const Error& error) {
   flow.closeReadWithError(error);
   flow.closeWriteWithError(error);
@@ -83,16 +59,6 @@ TCPFlow makeTCPFlow(EpollLoop& loop, int buffer) {
   limitBuffers(accepted, buffer);
   return {makeResident<SocketTCPFlow>(loop, nonBlocking(std::move(accepted)), NEFlowMetaData{"app"},
                                       IPv4Endpoint{0xCB007101, 80}),
-          std::move(client)};
-}
-
-UDPFlow makeUDPFlow(EpollLoop& loop) {
-  Peer destination = boundPeer(SOCK_DGRAM);
-  Peer client = boundPeer(SOCK_DGRAM);
-  client.connect(destination.address());
-  destination.connect(client.address());
-  return {makeResident<SocketUDPFlow>(loop, nonBlocking(std::move(destination)),
-                                      NEFlowMetaData{"app"}, NWHostEndpoint{"203.0.113.1", "53"}),
           std::move(client)};
 }
 

@@ -13,7 +13,6 @@
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/Resolver.h"
 #include "platform/linux/SocketTCPFlow.h"
-#include "platform/linux/SocketUDPFlow.h"
 #include "platform/network/NWConnection.h"
 
 namespace tandor::test {
@@ -31,31 +30,19 @@ struct Read {
   }
 };
 
-struct ReadDatagrams {
-  std::optional<std::vector<std::string>> datagrams;
-  std::vector<NWHostEndpoint> endpoints;
-  Error error;
-};
-
 [[nodiscard]] Awaited<Error> open(NEAppProxyFlow& flow);
 [[nodiscard]] Awaited<Read> read(NEAppProxyTCPFlow& flow);
 [[nodiscard]] Awaited<Error> write(NEAppProxyTCPFlow& flow, std::string_view text);
-[[nodiscard]] Awaited<ReadDatagrams> read(NEAppProxyUDPFlow& flow);
-[[nodiscard]] Awaited<Error> write(NEAppProxyUDPFlow& flow, const std::vector<std::string>& texts);
 void close(NEAppProxyFlow& flow, const Error& error = std::nullopt);
 
-template <typename Flow>
-struct FlowWithApp {
-  std::shared_ptr<Flow> flow;
+struct TCPFlow {
+  std::shared_ptr<SocketTCPFlow> flow;
   Peer app;
 };
-using TCPFlow = FlowWithApp<SocketTCPFlow>;
-using UDPFlow = FlowWithApp<SocketUDPFlow>;
 
-/// Flows that are not yet open. The kernel buffers no more than `buffer` bytes a direction if that
+/// A flow that is not yet open. The kernel buffers no more than `buffer` bytes a direction if that
 /// is given.
 [[nodiscard]] TCPFlow makeTCPFlow(EpollLoop& loop, int buffer = 0);
-[[nodiscard]] UDPFlow makeUDPFlow(EpollLoop& loop);
 
 /// A connection under test that writes down its states.
 class Outbound {
@@ -67,7 +54,6 @@ class Outbound {
   [[nodiscard]] Awaited<Error> send(std::string_view text) const;
   [[nodiscard]] Awaited<Read> receive(std::size_t minimum = 1, std::size_t maximum = 2048) const;
   void cancel() const { connection_->cancel(); }
-  [[nodiscard]] NWConnection& connection() const { return *connection_; }
 
   /// The states so far: names, with the error's number where there is one.
   [[nodiscard]] std::vector<std::string> states() const;

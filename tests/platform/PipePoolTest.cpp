@@ -98,24 +98,5 @@ TEST_F(PipePoolTest, AWholePatternThatWasDroppedDoesNotComeOutLater) {
   });
 }
 
-TEST_F(PipePoolTest, FewPipesAreInUse) {
-  onLoop([&] {
-    const std::size_t before = openDescriptors();
-    std::vector<Data> owners;
-    while (Pipe* const pipe = loop().pipes().borrow()) owners.emplace_back(*pipe, 0, 0);
-    EXPECT_EQ(owners.size(), 256);
-    owners.clear();
-    EXPECT_TRUE(loop().pipes().hasSpare());
-    EXPECT_LE(openDescriptors(), before + 16);
-  });
-  // A loop that has nothing to do keeps none.
-  EXPECT_TRUE(eventually([this] {
-    bool hasSpare = true;
-    onLoop([&] { hasSpare = loop().pipes().hasSpare(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    return !hasSpare;
-  }));
-}
-
 }  // namespace
 }  // namespace tandor::test

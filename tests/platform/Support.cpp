@@ -69,18 +69,6 @@ Transcript Peer::receiveAll(std::chrono::milliseconds pause) const {
   }
 }
 
-std::string Peer::receiveOnce() const {
-  std::string text(readSize, '\0');
-  sockaddr_storage sender{};
-  socklen_t length = sizeof sender;
-  const ssize_t count = ::recvfrom(socket_.get(), text.data(), text.size(), 0,
-                                   reinterpret_cast<sockaddr*>(&sender), &length);
-  check(count >= 0, "recvfrom");
-  text.resize(static_cast<std::size_t>(count));
-  connect(SocketAddress(reinterpret_cast<const sockaddr&>(sender), length));
-  return text;
-}
-
 int Peer::receiveError() const {
   char byte = 0;
   if (::recv(socket_.get(), &byte, sizeof byte, 0) >= 0) return 0;
@@ -110,16 +98,14 @@ SocketAddress Peer::address() const {
   return {reinterpret_cast<const sockaddr&>(storage), length};
 }
 
-Peer boundPeer(int type, const std::string& host) {
-  const SocketAddress address = SocketAddress::fromNumeric(host, 0).value();
-  Peer peer(FileDescriptor(::socket(address.family(), type | SOCK_CLOEXEC, 0)));
-  check(::bind(peer.descriptor(), &address.get(), address.length()) == 0, "bind");
-  return peer;
-}
-
-Listener::Listener(const std::string& host) : socket_(boundPeer(SOCK_STREAM, host)) {
-  check(::listen(socket_.descriptor(), SOMAXCONN) == 0, "listen");
-}
+Listener::Listener(const std::string& host)
+    : socket_([&] {
+        const SocketAddress address = SocketAddress::fromNumeric(host, 0).value();
+        FileDescriptor socket(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
+        check(::bind(socket.get(), &address.get(), address.length()) == 0, "bind");
+        check(::listen(socket.get(), SOMAXCONN) == 0, "listen");
+        return socket;
+      }()) {}
 
 Peer Listener::accept() const {
   Peer peer(FileDescriptor(::accept4(socket_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC)));

@@ -71,15 +71,12 @@ class Peer {
  public:
   explicit Peer(FileDescriptor socket);
 
-  /// Sends all of `text`; of a datagram socket, as one datagram.
+  /// Sends all of `text`.
   void send(std::string_view text) const;
   /// Reads exactly `count` bytes, fewer only at the end of the stream.
   [[nodiscard]] std::string receive(std::size_t count) const;
   /// Reads until the stream ends. `pause` slows it down: a rest after every 64 KiB.
   [[nodiscard]] Transcript receiveAll(std::chrono::milliseconds pause = {}) const;
-  /// What one read brings: of a datagram socket, one datagram. From there on the socket is
-  /// connected to whoever sent it.
-  [[nodiscard]] std::string receiveOnce() const;
   /// The error of the next read; 0 when it brings bytes or the end.
   [[nodiscard]] int receiveError() const;
 
@@ -94,9 +91,6 @@ class Peer {
  private:
   FileDescriptor socket_;
 };
-
-/// A socket that is bound to a free port.
-[[nodiscard]] Peer boundPeer(int type, const std::string& host = "127.0.0.1");
 
 /// A listening TCP socket.
 class Listener {

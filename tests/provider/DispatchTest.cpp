@@ -4,26 +4,6 @@ namespace tandor::test {
 namespace {
 
 using Dispatch = ProviderFixture;
-using enum NWInterface::InterfaceType;
-
-TEST_F(Dispatch, OpensThenRegistersThenStarts) {
-  start(configuration());
-  platform_.reportPath({{"en0", wiredEthernet, 2}});
-  static_cast<void>(journal_.take());
-  const auto flow = platform_.tcpFlow(destination);
-  EXPECT_TRUE(provider_->handleNewFlow(flow));
-  EXPECT_EQ(journal_.take(), Lines{"flow1: open"});
-  EXPECT_TRUE(provider_->proxyConnections().empty());
-  flow->completeOpen();
-  EXPECT_EQ(journal_.take(), (Lines{"out1: tcp host.example:443 via en0", "out1: handler",
-                                    "out1: start on tandor_nw_connection_queue"}));
-  ASSERT_EQ(provider_->proxyConnections().size(), 1);
-  EXPECT_FALSE(provider_->proxyConnections()[0]->isDebug());
-  // It keeps the interface that it was made with; the next one gets the new one.
-  platform_.reportPath({{"wlan0", wifi, 3}});
-  EXPECT_EQ(provider_->proxyConnections()[0]->mode().description(), "directly(interface:en0)");
-  EXPECT_EQ(provider_->connectionMode().description(), "directly(interface:wlan0)");
-}
 
 TEST_F(Dispatch, NothingStartsThatWasNotOpenedInTime) {
   start(configuration());
@@ -55,16 +35,8 @@ TEST_F(Dispatch, NothingStartsThatWasNotOpenedInTime) {
   EXPECT_EQ(platform_.connectionCount(), 1);
 }
 
-TEST_F(Dispatch, ClosedConnectionsLeaveTheRegistry) {
+TEST_F(Dispatch, WhatClosesWhileItStartsIsNotRegistered) {
   start(configuration());
-  const auto one = relayed();
-  relayed();
-  platform_.out(1).enter(NWConnection::State::Kind::failed, broken);
-  EXPECT_TRUE(one->isClosed());
-  ASSERT_EQ(provider_->proxyConnections().size(), 1);
-  provider_->proxyConnections()[0]->closeAllConnWithError(std::nullopt);
-  EXPECT_TRUE(provider_->proxyConnections().empty());
-  // One that closes while it starts is not kept either.
   const auto unusable = platform_.tcpFlow(NWHostEndpoint{"host.example", "no port"});
   EXPECT_TRUE(provider_->handleNewFlow(unusable));
   unusable->completeOpen();

@@ -76,7 +76,6 @@ class ScriptedConnection final : public NWConnection {
       return receiving_.complete(bytes, ContentContext::defaultMessage, isComplete, error);
     });
   }
-  [[nodiscard]] bool isCancelled() const noexcept { return isCancelled_; }
   /// Forgets what is under way, and whatever it owns with it.
   void abandon() {
     static_cast<void>(sending_.take());
@@ -103,10 +102,7 @@ class ScriptedConnection final : public NWConnection {
     note("receive " + std::to_string(minimum) + ".." + std::to_string(maximum));
     receiving_.put(std::move(completion));
   }
-  void cancel() override {
-    note("cancel");
-    isCancelled_ = true;
-  }
+  void cancel() override { note("cancel"); }
 
  private:
   void note(const std::string& call) { journal_.note(name_ + ": " + call); }
@@ -124,7 +120,6 @@ class ScriptedConnection final : public NWConnection {
   std::shared_ptr<DispatchQueue> queue_;         // guarded by mutex_
   Pending<SendCompletion> sending_;
   Pending<ReceiveCompletion> receiving_;
-  std::atomic<bool> isCancelled_{false};
 };
 
 /// What both kinds of scripted flow share. Completions run on the thread that causes them.

@@ -1,16 +1,7 @@
-#include <cstdlib>
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
-#include "platform/foundation/NSLog.h"
 #include "tls/ClientHello.h"
 #include "tls/HelloSupport.h"
-
-// Present in every sanitizer's runtime.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): theirs to choose
-extern "C" __attribute__((weak)) void __sanitizer_print_stack_trace();
 
 namespace tandor::test {
 namespace {
@@ -125,32 +116,6 @@ TEST(ClientHello, ServerNameIsDecodedUpToAZeroByte) {
   EXPECT_EQ(nameOf({"host\0inside", 11}), "host");
   EXPECT_EQ(nameOf("a\xFFz"), "a\xEF\xBF\xBDz");
   EXPECT_EQ(serverName(Data::copying(helloWith({}))), std::nullopt);
-}
-
-bool loggedFailure = false;
-
-// The exit code tells which expectation failed: a process without memory can report no more.
-[[noreturn]] void parseWithoutMemory(const Bytes& valid, const Bytes& malformed) {
-  setNSLogSink([](std::string_view line) { loggedFailure = line == "malloc() failure"; });
-  const rlimit none{.rlim_cur = 1, .rlim_max = 1};
-  setrlimit(RLIMIT_AS, &none);
-  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): to use up what malloc holds in reserve
-  for (void* volatile block = &loggedFailure; block != nullptr;) block = std::malloc(60'000);
-  char untouched = '\0';
-  char* name = &untouched;
-  // A name that does not fit must be refused before anything is allocated for it.
-  if (parse_tls_header(malformed.data(), malformed.size(), &name) != -5) _exit(1);
-  if (parse_tls_header(valid.data(), valid.size(), &name) != -4) _exit(2);
-  _exit(name == nullptr && loggedFailure ? 0 : 3);
-}
-
-TEST(ClientHello, OutOfMemory) {
-  if (&__sanitizer_print_stack_trace != nullptr)
-    GTEST_SKIP() << "a sanitizer's malloc does not fail";
-  const std::string name(64'000, 'a');
-  const Bytes valid = helloNaming(sized(entry(0, name)));
-  const Bytes malformed = helloNaming(sized(entry(0, name, 1)));
-  EXPECT_EXIT(parseWithoutMemory(valid, malformed), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -52,8 +52,8 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
         socket_, input_, '\n',
         [self = shared_from_this()](const asio::error_code& error, std::size_t length) {
           if (error) {
-            self->hasHungUp_ = true;
             self->rejectIfTooLong(error);
+            self->hangUp();
             return;
           }
           const auto data = self->input_.data();
@@ -77,12 +77,18 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
     if (!isWriting_) writeSome();
   }
 
+  void whenHungUp(std::function<void()> handler) { hungUpHandler_ = std::move(handler); }
   /// Whether the client has not hung up yet.
   [[nodiscard]] bool isConnected() const noexcept { return !hasHungUp_ && socket_.is_open(); }
   [[nodiscard]] std::size_t unsentBytes() const noexcept { return unsent_.size(); }
   [[nodiscard]] ServiceThread& service() noexcept { return service_; }
 
  private:
+  void hangUp() {
+    hasHungUp_ = true;
+    if (const auto handler = std::exchange(hungUpHandler_, nullptr)) handler();
+  }
+
   void rejectIfTooLong(const asio::error_code& error) {
     if (error == asio::error::not_found) {
       write(replyLine({{"id", nullptr},
@@ -115,6 +121,7 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
   std::string unsent_;
   bool isWriting_ = false;
   bool hasHungUp_ = false;
+  std::function<void()> hungUpHandler_;
   const ControlServer::Handler handler_;
 };
 
@@ -214,6 +221,10 @@ void ControlServer::Reply::fail(std::int64_t code, std::string_view description)
 
 void ControlServer::Reply::push(const json& line) const {
   client_->write(replyLine(line));
+}
+
+void ControlServer::Reply::whenHungUp(std::function<void()> handler) const {
+  client_->whenHungUp(std::move(handler));
 }
 
 bool ControlServer::Reply::isConnected() const {

@@ -38,6 +38,9 @@ class ControlServer {
 
     // For a client that goes on listening; on the service thread.
     void push(const nlohmann::json& line) const;
+    /// Calls `handler` when the client has hung up, once and never from within another call. A
+    /// client has one such handler; whatever holds its replies lets go of them then.
+    void whenHungUp(std::function<void()> handler) const;
     [[nodiscard]] bool isConnected() const;
     [[nodiscard]] std::size_t unsentBytes() const;
 

@@ -44,6 +44,7 @@ json flowJSON(const FlowInfo& flow) {
 }
 
 void FlowWatch::add(ControlServer::Reply client) {
+  client.whenHungUp([this] { forgetThoseThatHungUp(); });
   watchers_.push_back({std::move(client), 0});
   if (watchers_.size() == 1) {
     registry_.setObserver(
@@ -74,25 +75,27 @@ void FlowWatch::deliver() {
   for (const auto& [event, flow] : happenings) {
     const json line = {{"event", names.at(static_cast<std::size_t>(event))},
                        {"flow", flowJSON(flow)}};
-    std::erase_if(watchers_, [&](Watcher& watcher) { return !send(watcher, line); });
+    for (Watcher& watcher : watchers_) send(watcher, line);
   }
   // Those that were dropped came after those that were kept.
   for (Watcher& watcher : watchers_) watcher.lost += lost;
+}
+
+void FlowWatch::forgetThoseThatHungUp() {
+  std::erase_if(watchers_, [](const Watcher& watcher) { return !watcher.client.isConnected(); });
   if (watchers_.empty()) registry_.setObserver(nullptr);
 }
 
-bool FlowWatch::send(Watcher& watcher, const json& line) {
-  if (!watcher.client.isConnected()) return false;
+void FlowWatch::send(Watcher& watcher, const json& line) {
   if (watcher.client.unsentBytes() > mostUnread) {
     ++watcher.lost;
-    return true;
+    return;
   }
   if (watcher.lost > 0) {
     const std::uint64_t lost = std::exchange(watcher.lost, 0);
     watcher.client.push({{"event", "gap"}, {"lost", lost}});
   }
   watcher.client.push(line);
-  return true;
 }
 
 }  // namespace tandor

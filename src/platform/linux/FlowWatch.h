@@ -44,8 +44,9 @@ class FlowWatch {
 
   void happened(FlowRegistry::Event event, const FlowInfo& flow);
   void deliver();
-  /// Sends what a client has missed, then the line; false when it has hung up.
-  [[nodiscard]] static bool send(Watcher& watcher, const nlohmann::json& line);
+  void forgetThoseThatHungUp();
+  /// Sends what a client has missed, then the line.
+  static void send(Watcher& watcher, const nlohmann::json& line);
 
   ServiceThread& service_;
   FlowRegistry& registry_;
