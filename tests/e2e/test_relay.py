@@ -2,6 +2,7 @@
 
 import threading
 import time
+import unittest
 
 import clients
 from lab import OTHER, PROXY, SERVER, SLOWNESS, VPN, EndToEnd, end, eventually
@@ -117,14 +118,15 @@ class Mass(EndToEnd):
         self.echo = self.closing(Echo(self.lab.net, WEB))
         self.start("directlyWhiteList")
 
+    @unittest.skipIf(SLOWNESS > 1, "a sanitizer has memory of its own")
     def test_idle_flows_hold_little(self):
-        count = 800 // SLOWNESS
+        count = 800
         self.listed.call("connect_many", WEB, 20)
         self.listed.call("exchange_kept", bytes(3000))
         before = self.daemon.resident_bytes()
         self.listed.call("connect_many", WEB, count)
         self.assertEqual(self.listed.call("exchange_kept", bytes(3000)), count + 20)
-        self.assertLess(self.daemon.resident_bytes() - before, count * 8192 * SLOWNESS)
+        self.assertLess(self.daemon.resident_bytes() - before, count * 8192)
         self.listed.call("release_all")
         self.daemon.await_no_flows()
 
