@@ -217,7 +217,8 @@ class AwkwardEnds(EndToEnd):
         flows = [self.flow() for _ in range(8)]
         for _, peer in flows:
             self.assertLess(self.fill(peer), 32 * MEGABYTE)
-        self.assertLess(self.daemon.resident_bytes() - before, 8 * MEGABYTE)
+        # What a sanitizer keeps is more than the relay ever holds.
+        self.assertLess(self.daemon.resident_bytes() - before, 8 * MEGABYTE * SLOWNESS)
         for flow, _ in flows:
             flow.close()
         self.daemon.await_no_flows()

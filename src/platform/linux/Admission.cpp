@@ -28,7 +28,7 @@ constexpr std::uint64_t descriptorsAFlow = 2;
 /// bytes.
 constexpr std::uint64_t mostTakenAtOnce = 65'536;
 /// UDP flows whose sockets are remembered; beyond, the oldest answers may be inherited.
-constexpr std::size_t mostFlowsOfSockets = 100'000;
+constexpr std::size_t mostAnswered = 100'000;
 constexpr std::size_t mostIdentifiers = 4096;
 
 std::unexpected<std::string> failure(std::string_view what, int error) {
@@ -111,6 +111,7 @@ void Admission::packetArrived(const PacketQueue::Packet& packet) {
   }
   if (flows_->contains(key)) {
     queue_->accept(packet, takeMark);  // one more of a flow that has its answer
+    countAnother(key);
     return;
   }
   if (programs_ != nullptr && key.protocol == IPPROTO_TCP && concludeQuickly(packet)) return;
@@ -186,7 +187,8 @@ void Admission::conclude(const FlowKey& key, const SocketFacts& facts, const Soc
   }
   if (mark == leaveMark) registry_.countLeft(origin);
   if (mark == refuseMark) registry_.countRefused(origin);
-  if (key.protocol == IPPROTO_UDP && facts.cookie != 0) remember(key, facts.cookie, mark);
+  if (key.protocol == IPPROTO_UDP && facts.cookie != 0)
+    count(key, facts.cookie, mark, packets.size());
   for (const PacketQueue::Packet& packet : packets) queue_->accept(packet, mark);
 }
 
@@ -240,19 +242,42 @@ std::shared_ptr<const NEFlowMetaData> Admission::metaDataOf(const SocketOwner& o
   return metaData;
 }
 
-void Admission::remember(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark) {
+void Admission::count(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark,
+                      std::size_t datagrams) {
   if (mark == refuseMark) return;
-  if (mark == takeMark) {
-    answers_->setTaken(key, cookie);
-  } else {
-    answers_->setLeft(key, cookie);
-  }
-  if (flowsOfSocketsCount_ >= mostFlowsOfSockets) {
+  if (answered_.size() >= mostAnswered) {
+    answered_.clear();
     flowsOfSockets_.clear();
-    flowsOfSocketsCount_ = 0;
   }
-  flowsOfSockets_[cookie].push_back(key);
-  ++flowsOfSocketsCount_;
+  Answered& answered = answered_[key];
+  if (answered.cookie != cookie) {
+    answered = {.cookie = cookie, .mark = mark, .datagrams = 0};
+    flowsOfSockets_[cookie].push_back(key);
+  }
+  answered.mark = mark;
+  answered.datagrams += datagrams;
+  toRemember_.push_back(key);
+}
+
+void Admission::countAnother(const FlowKey& key) {
+  if (const auto answered = answered_.find(key); answered != answered_.end()) {
+    ++answered->second.datagrams;
+    toRemember_.push_back(key);
+  }
+}
+
+void Admission::packetsWentOn() {
+  for (const FlowKey& key : std::exchange(toRemember_, {})) {
+    const auto answered = answered_.find(key);
+    if (answered == answered_.end()) continue;
+    const auto& [cookie, mark, datagrams] = answered->second;
+    if (mark == takeMark) {
+      // Unless it has ended meanwhile.
+      if (flows_->contains(key)) answers_->setTaken(key, cookie, datagrams);
+    } else {
+      answers_->setLeft(key, cookie, datagrams);
+    }
+  }
 }
 
 void Admission::socketDestroyed(std::uint64_t cookie) {
@@ -260,13 +285,14 @@ void Admission::socketDestroyed(std::uint64_t cookie) {
   const auto flows = flowsOfSockets_.find(cookie);
   if (flows == flowsOfSockets_.end()) return;
   for (const FlowKey& key : flows->second) {
+    const auto answered = answered_.find(key);
+    if (answered != answered_.end() && answered->second.cookie == cookie) answered_.erase(answered);
     if (flows_->contains(key)) {
       flows_->end(key);
     } else {
       answers_->forget(key);
     }
   }
-  flowsOfSocketsCount_ -= flows->second.size();
   flowsOfSockets_.erase(flows);
 }
 

@@ -54,6 +54,7 @@ class Admission final : public EpollLoop::Resident,
   };
 
   void packetArrived(const PacketQueue::Packet& packet) override;
+  void packetsWentOn() override;
   void socketDestroyed(std::uint64_t cookie) override;
 
   /// Concludes when the programs in the kernel saw who connects; false when they did not.
@@ -68,7 +69,10 @@ class Admission final : public EpollLoop::Resident,
   [[nodiscard]] std::uint32_t offerAs(const InterceptedFlow::Origin& origin, Handle handle);
   [[nodiscard]] bool hasRoomForAnother();
   [[nodiscard]] std::shared_ptr<const NEFlowMetaData> metaDataOf(const SocketOwner& owner);
-  void remember(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark);
+  /// Counts datagrams of a flow that have their answer, to be remembered when they have gone on.
+  void count(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark, std::size_t datagrams);
+  /// One more of a taken flow, if it is one of UDP.
+  void countAnother(const FlowKey& key);
   void checkOverdue();
   void abandonOverdue(EpollLoop::Clock::duration patience);
 
@@ -88,9 +92,16 @@ class Admission final : public EpollLoop::Resident,
 
   /// UDP sockets that talked before us; their flows are none that begin.
   std::unordered_set<std::uint64_t> socketsAtStart_;
-  /// The UDP flows of each socket: what follows the socket must not inherit its answers.
+  /// UDP flows that have their answer.
+  struct Answered {
+    std::uint64_t cookie = 0;
+    std::uint32_t mark = 0;
+    std::uint64_t datagrams = 0;
+  };
+  std::unordered_map<FlowKey, Answered> answered_;
+  std::vector<FlowKey> toRemember_;  // those of them whose datagrams are about to go on
+  /// Those of each socket: what follows the socket must not inherit its answers.
   std::unordered_map<std::uint64_t, std::vector<FlowKey>> flowsOfSockets_;
-  std::size_t flowsOfSocketsCount_ = 0;
 
   const std::size_t mostFlows_;
   EpollLoop::Timer overdue_;

@@ -10,8 +10,10 @@ namespace tandor {
 /// it than to forget.
 class ConnectionTracking final : public FlowAnswers {
  public:
-  void setTaken(const FlowKey& /*flow*/, std::uint64_t /*cookie*/) override {}
-  void setLeft(const FlowKey& /*flow*/, std::uint64_t /*cookie*/) override {}
+  void setTaken(const FlowKey& /*flow*/, std::uint64_t /*cookie*/,
+                std::uint64_t /*datagrams*/) override {}
+  void setLeft(const FlowKey& /*flow*/, std::uint64_t /*cookie*/,
+               std::uint64_t /*datagrams*/) override {}
   void forget(const FlowKey& flow) override;
 
   /// Makes the kernel forget every connection that carries the mark of taken flows: with nobody to

@@ -168,6 +168,7 @@ void PacketQueue::sendVerdicts() {
          errno == EINTR) {
   }
   verdicts_.clear();
+  owner_.packetsWentOn();
 }
 
 }  // namespace tandor

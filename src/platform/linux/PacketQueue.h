@@ -34,6 +34,8 @@ class PacketQueue final : private EpollLoop::Source {
     Owner& operator=(const Owner&) = delete;
     /// A packet arrived. Its verdict may come at once or later.
     virtual void packetArrived(const Packet& packet) = 0;
+    /// The packets that had their verdicts have gone on.
+    virtual void packetsWentOn() = 0;
 
    protected:
     ~Owner() = default;

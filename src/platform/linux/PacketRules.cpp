@@ -32,7 +32,7 @@ constexpr std::string_view mangleWithPrograms = R"(*mangle
 -A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -j RETURN
 -A TANDOR_OUTPUT -m bpf --object-pinned {programs}/isTaken -g TANDOR_TAKE
 -A TANDOR_OUTPUT -p tcp --syn -g TANDOR_ASK
--A TANDOR_OUTPUT -p udp -m bpf --object-pinned {programs}/isNew -g TANDOR_ASK
+-A TANDOR_OUTPUT -p udp -m bpf --object-pinned {programs}/isAsked -g TANDOR_ASK
 -A TANDOR_TAKE -j MARK --set-xmark {take:#x}/{mask:#x}
 -A TANDOR_ASK -m addrtype ! --dst-type UNICAST -j RETURN
 -A TANDOR_ASK -p tcp -m bpf --object-pinned {programs}/noteAsked

@@ -149,15 +149,16 @@ std::optional<Connector> KernelPrograms::connectorOf(const FlowKey& flow) const 
                    .interface = copy.process.interface};
 }
 
-void KernelPrograms::setTaken(const FlowKey& flow, std::uint64_t cookie) {
+void KernelPrograms::setTaken(const FlowKey& flow, std::uint64_t cookie, std::uint64_t datagrams) {
   const FlowAddresses key = addressesOf(flow);
-  const TakenFlow taken{.cookie = cookie, .endsGone = 0};
+  const TakenFlow taken{.datagrams = {.cookie = cookie, .answered = datagrams}, .endsGone = 0};
   bpf_map_update_elem(takenFlows_, &key, &taken, BPF_ANY);
 }
 
-void KernelPrograms::setLeft(const FlowKey& flow, std::uint64_t cookie) {
+void KernelPrograms::setLeft(const FlowKey& flow, std::uint64_t cookie, std::uint64_t datagrams) {
   const FlowAddresses key = addressesOf(flow);
-  bpf_map_update_elem(leftFlows_, &key, &cookie, BPF_ANY);
+  const AnsweredDatagrams left{.cookie = cookie, .answered = datagrams};
+  bpf_map_update_elem(leftFlows_, &key, &left, BPF_ANY);
 }
 
 void KernelPrograms::forget(const FlowKey& flow) {

@@ -44,8 +44,8 @@ class KernelPrograms final : public FlowAnswers {
   /// seen. Costs no system call. Any thread.
   [[nodiscard]] std::optional<Connector> connectorOf(const FlowKey& flow) const noexcept;
 
-  void setTaken(const FlowKey& flow, std::uint64_t cookie) override;
-  void setLeft(const FlowKey& flow, std::uint64_t cookie) override;
+  void setTaken(const FlowKey& flow, std::uint64_t cookie, std::uint64_t datagrams) override;
+  void setLeft(const FlowKey& flow, std::uint64_t cookie, std::uint64_t datagrams) override;
   void forget(const FlowKey& flow) override;
 
  private:

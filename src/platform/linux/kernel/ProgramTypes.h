@@ -15,10 +15,16 @@ struct FlowAddresses {
   __u32 protocol;
 };
 
+/// What is known of a UDP flow that has its answer.
+struct AnsweredDatagrams {
+  __u64 cookie;    // of the application's socket
+  __u64 answered;  // so many datagrams were asked about and have gone on
+};
+
 /// What is known of a taken flow.
 struct TakenFlow {
-  __u64 cookie;    // of UDP: the application's socket
-  __u64 endsGone;  // of TCP: which of its two sockets are no more
+  struct AnsweredDatagrams datagrams;  // of UDP
+  __u64 endsGone;                      // of TCP: which of its two sockets are no more
 };
 
 /// How many connecting sockets are remembered; a power of two.

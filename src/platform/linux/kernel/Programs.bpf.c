@@ -66,8 +66,22 @@ struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 16384);
   __type(key, struct FlowAddresses);
-  __type(value, __u64);
+  __type(value, struct AnsweredDatagrams);
 } leftFlows SEC(".maps");
+
+struct AskedDatagrams {
+  __u64 cookie;
+  __u64 asked;
+};
+
+/// How many datagrams of a flow were asked about. While not all of them have gone on, the next ones
+/// must wait behind them.
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 16384);
+  __type(key, struct FlowAddresses);
+  __type(value, struct AskedDatagrams);
+} askedDatagrams SEC(".maps");
 
 /// UDP flows that their peers began, and when these spoke last: no answer to them is a new flow.
 struct {
@@ -131,9 +145,12 @@ static __always_inline struct FlowAddresses reversed(const struct FlowAddresses*
                                 .protocol = flow->protocol};
 }
 
-static __always_inline bool isLeft(struct __sk_buff* packet, const struct FlowAddresses* flow) {
-  const __u64* cookie = bpf_map_lookup_elem(&leftFlows, flow);
-  return cookie != NULL && *cookie == bpf_get_socket_cookie(packet);
+/// Has the flow of this socket its answer, and nothing that waits for it any more?
+static __always_inline bool isAnswered(const struct FlowAddresses* flow, __u64 cookie,
+                                       const struct AnsweredDatagrams* answer) {
+  if (answer == NULL || answer->cookie != cookie) return false;
+  const struct AskedDatagrams* asked = bpf_map_lookup_elem(&askedDatagrams, flow);
+  return asked == NULL || asked->cookie != cookie || asked->asked <= answer->answered;
 }
 
 /// Outgoing: does the packet belong to a taken flow?
@@ -143,29 +160,42 @@ int isTaken(struct __sk_buff* packet) {
   if (!readAddresses(packet, &flow)) return false;
   const struct TakenFlow* taken = bpf_map_lookup_elem(&takenFlows, &flow);
   if (taken == NULL) return false;
-  if (flow.protocol == IPPROTO_UDP) return taken->cookie == bpf_get_socket_cookie(packet);
+  if (flow.protocol == IPPROTO_UDP)
+    return isAnswered(&flow, bpf_get_socket_cookie(packet), &taken->datagrams);
   // A connection that begins must not inherit the answer of an older one.
   if (!isSyn(packet)) return true;
   bpf_map_delete_elem(&takenFlows, &flow);
   return false;
 }
 
-/// Outgoing, of UDP, not taken: does the datagram begin a flow?
+/// Outgoing, of UDP, not to be taken at once: is the datagram to be asked about?
 SEC("socket")
-int isNew(struct __sk_buff* packet) {
+int isAsked(struct __sk_buff* packet) {
   struct FlowAddresses flow;
-  if (!readAddresses(packet, &flow) || isLeft(packet, &flow)) return false;
+  if (!readAddresses(packet, &flow)) return false;
+  const __u64 cookie = bpf_get_socket_cookie(packet);
+  if (isAnswered(&flow, cookie, bpf_map_lookup_elem(&leftFlows, &flow))) return false;
+  struct AskedDatagrams* asked = bpf_map_lookup_elem(&askedDatagrams, &flow);
+  if (asked != NULL && asked->cookie == cookie) {
+    __sync_fetch_and_add(&asked->asked, 1);
+    return true;
+  }
   const __u64* heard = bpf_map_lookup_elem(&heardPeers, &flow);
-  return heard == NULL || bpf_ktime_get_ns() - *heard > longestSilence;
+  if (heard != NULL && bpf_ktime_get_ns() - *heard <= longestSilence) return false;
+  const struct AskedDatagrams first = {.cookie = cookie, .asked = 1};
+  bpf_map_update_elem(&askedDatagrams, &flow, &first, BPF_ANY);
+  return true;
 }
 
 /// Outgoing, of UDP, the daemon's own: nobody is asked, but what comes back is an answer.
 SEC("socket")
 int noteOwn(struct __sk_buff* packet) {
   struct FlowAddresses flow;
-  if (!readAddresses(packet, &flow) || isLeft(packet, &flow)) return false;
-  const __u64 cookie = bpf_get_socket_cookie(packet);
-  bpf_map_update_elem(&leftFlows, &flow, &cookie, BPF_ANY);
+  if (!readAddresses(packet, &flow)) return false;
+  const struct AnsweredDatagrams own = {.cookie = bpf_get_socket_cookie(packet)};
+  const struct AnsweredDatagrams* noted = bpf_map_lookup_elem(&leftFlows, &flow);
+  if (noted == NULL || noted->cookie != own.cookie)
+    bpf_map_update_elem(&leftFlows, &flow, &own, BPF_ANY);
   return true;
 }
 
