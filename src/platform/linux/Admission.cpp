@@ -286,7 +286,9 @@ void Admission::socketDestroyed(std::uint64_t cookie) {
   if (flows == flowsOfSockets_.end()) return;
   for (const FlowKey& key : flows->second) {
     const auto answered = answered_.find(key);
-    if (answered != answered_.end() && answered->second.cookie == cookie) answered_.erase(answered);
+    // A later socket may have the same addresses by now.
+    if (answered == answered_.end() || answered->second.cookie != cookie) continue;
+    answered_.erase(answered);
     if (flows_->contains(key)) {
       flows_->end(key);
     } else {

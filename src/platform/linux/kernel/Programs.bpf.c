@@ -205,8 +205,9 @@ int noteHeard(struct __sk_buff* packet) {
   struct FlowAddresses heard;
   if (!readAddresses(packet, &heard)) return false;
   const struct FlowAddresses flow = reversed(&heard);
-  if (bpf_map_lookup_elem(&leftFlows, &flow) != NULL ||
-      bpf_map_lookup_elem(&takenFlows, &flow) != NULL)
+  // To what the application, or the daemon, has begun.
+  if (bpf_map_lookup_elem(&askedDatagrams, &flow) != NULL ||
+      bpf_map_lookup_elem(&leftFlows, &flow) != NULL)
     return false;
   const __u64 now = bpf_ktime_get_ns();
   __u64* last = bpf_map_lookup_elem(&heardPeers, &flow);
