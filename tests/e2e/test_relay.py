@@ -55,6 +55,14 @@ class Datagrams(EndToEnd):
         self.assertEqual([data for _, _, data in self.echo.received], datagrams)
         self.assertEqual(len({source for _, source, _ in self.echo.received}), 1)
 
+    def test_a_burst_is_one_flow(self):
+        for application, outcome in ((self.listed, "taken"), (self.unlisted, "left")):
+            before = self.daemon.status()["flows"][outcome]
+            del self.echo.received[:]
+            application.connect(WEB, "udp").send_all([b"datagram"] * 200)
+            eventually(lambda: len(self.echo.received) == 200, "all come")
+            self.assertEqual(self.daemon.status()["flows"][outcome] - before, 1)
+
     def test_empty_datagrams(self):
         """One from the application would be the end of the flow to the relay, and is dropped; one to
         the application arrives."""

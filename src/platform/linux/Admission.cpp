@@ -27,7 +27,8 @@ constexpr std::uint64_t descriptorsAFlow = 2;
 /// What is remembered of each has its price in the kernel, also of those that never come: about 100
 /// bytes.
 constexpr std::uint64_t mostTakenAtOnce = 65'536;
-/// UDP flows whose sockets are remembered; beyond, the oldest answers may be inherited.
+/// UDP flows whose answers are counted; beyond, all are forgotten, and a later socket may inherit
+/// one.
 constexpr std::size_t mostAnswered = 100'000;
 constexpr std::size_t mostIdentifiers = 4096;
 
@@ -116,6 +117,11 @@ void Admission::packetArrived(const PacketQueue::Packet& packet) {
   }
   if (programs_ != nullptr && key.protocol == IPPROTO_TCP && concludeQuickly(packet)) return;
   const auto facts = diagnosis_.find(key, packet.interface);
+  if (facts && isLeft(key, facts->cookie)) {
+    queue_->accept(packet, leaveMark);
+    countAnother(key);
+    return;
+  }
   // A flow without a process, or bound to an interface, cannot be ours: the one belongs to nobody,
   // the other cannot be rerouted.
   if (!facts || facts->inode == 0 || facts->interface != 0 ||
@@ -251,33 +257,43 @@ void Admission::count(const FlowKey& key, std::uint64_t cookie, std::uint32_t ma
   }
   Answered& answered = answered_[key];
   if (answered.cookie != cookie) {
-    answered = {.cookie = cookie, .mark = mark, .datagrams = 0};
+    answered.cookie = cookie;
+    answered.datagrams = 0;
     flowsOfSockets_[cookie].push_back(key);
   }
   answered.mark = mark;
-  answered.datagrams += datagrams;
-  toRemember_.push_back(key);
+  add(key, answered, datagrams);
 }
 
 void Admission::countAnother(const FlowKey& key) {
-  if (const auto answered = answered_.find(key); answered != answered_.end()) {
-    ++answered->second.datagrams;
-    toRemember_.push_back(key);
-  }
+  if (const auto answered = answered_.find(key); answered != answered_.end())
+    add(key, answered->second, 1);
+}
+
+void Admission::add(const FlowKey& key, Answered& answered, std::size_t datagrams) {
+  answered.datagrams += datagrams;
+  if (!std::exchange(answered.isAboutToGoOn, true)) toRemember_.push_back(key);
+}
+
+bool Admission::isLeft(const FlowKey& key, std::uint64_t cookie) const {
+  const auto answered = answered_.find(key);
+  return answered != answered_.end() && answered->second.cookie == cookie &&
+         answered->second.mark == leaveMark;
 }
 
 void Admission::packetsWentOn() {
-  for (const FlowKey& key : std::exchange(toRemember_, {})) {
-    const auto answered = answered_.find(key);
-    if (answered == answered_.end()) continue;
-    const auto& [cookie, mark, datagrams] = answered->second;
-    if (mark == takeMark) {
-      // Unless it has ended meanwhile.
-      if (flows_->contains(key)) answers_->setTaken(key, cookie, datagrams);
-    } else {
-      answers_->setLeft(key, cookie, datagrams);
+  for (const FlowKey& key : toRemember_) {
+    const auto found = answered_.find(key);
+    if (found == answered_.end()) continue;
+    Answered& answered = found->second;
+    answered.isAboutToGoOn = false;
+    if (answered.mark == leaveMark) {
+      answers_->setLeft(key, answered.cookie, answered.datagrams);
+    } else if (flows_->contains(key)) {  // it has not ended meanwhile
+      answers_->setTaken(key, answered.cookie, answered.datagrams);
     }
   }
+  toRemember_.clear();
 }
 
 void Admission::socketDestroyed(std::uint64_t cookie) {

@@ -71,8 +71,12 @@ class Admission final : public EpollLoop::Resident,
   [[nodiscard]] std::shared_ptr<const NEFlowMetaData> metaDataOf(const SocketOwner& owner);
   /// Counts datagrams of a flow that have their answer, to be remembered when they have gone on.
   void count(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark, std::size_t datagrams);
-  /// One more of a taken flow, if it is one of UDP.
+  /// One more of a flow that has its answer, if it is one of UDP.
   void countAnother(const FlowKey& key);
+  struct Answered;
+  void add(const FlowKey& key, Answered& answered, std::size_t datagrams);
+  /// Whether this socket's UDP flow was left: it is offered once.
+  [[nodiscard]] bool isLeft(const FlowKey& key, std::uint64_t cookie) const;
   void checkOverdue();
   void abandonOverdue(EpollLoop::Clock::duration patience);
 
@@ -96,10 +100,11 @@ class Admission final : public EpollLoop::Resident,
   struct Answered {
     std::uint64_t cookie = 0;
     std::uint32_t mark = 0;
+    bool isAboutToGoOn = false;  // some of its datagrams are
     std::uint64_t datagrams = 0;
   };
   std::unordered_map<FlowKey, Answered> answered_;
-  std::vector<FlowKey> toRemember_;  // those of them whose datagrams are about to go on
+  std::vector<FlowKey> toRemember_;  // those with datagrams that are about to go on
   /// Those of each socket: what follows the socket must not inherit its answers.
   std::unordered_map<std::uint64_t, std::vector<FlowKey>> flowsOfSockets_;
 

@@ -26,7 +26,7 @@ struct FlowInfo {
   std::uint8_t protocol = 0;
   std::string source;
   std::string destination;  // what the application asked for
-  std::string outbound;     // where the bytes go; empty until that is settled
+  std::string outbound;     // where the bytes go, or are to go; empty until that is tried
   std::string interface;    // the one that the outbound connection is bound to; empty for none
   std::uint64_t bytesIn = 0;
   std::uint64_t bytesOut = 0;

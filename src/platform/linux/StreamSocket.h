@@ -107,6 +107,7 @@ class StreamSocket final : private EpollLoop::Source {
   /// much that was.
   [[nodiscard]] ssize_t sendSome(std::size_t first, std::size_t& asked);
   void fill();
+  /// Sends the last word of the handshake by itself when no bytes come that could take it along.
   void greet();
   [[nodiscard]] ssize_t receiveIntoMemory();
   [[nodiscard]] ssize_t receiveIntoPipe(PipePool::Pipe& pipe);
