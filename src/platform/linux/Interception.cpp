@@ -1,6 +1,5 @@
 #include "platform/linux/Interception.h"
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -99,10 +98,10 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
 }
 
 std::string Interception::chooseMemory(KernelPrograms* programs) {
-  const auto folder = programs == nullptr ? std::unexpected(ENOTSUP) : programs->publish();
+  const auto folder = programs == nullptr ? std::nullopt : programs->publish();
   if (folder && canCallPrograms(*folder)) {
-    if (auto watch = programs->watch()) {
-      watch_ = std::move(*watch);
+    watch_ = programs->watch();
+    if (watch_.isOpen()) {
       answers_ = programs;
       return *folder;
     }

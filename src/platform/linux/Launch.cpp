@@ -55,7 +55,7 @@ void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> argum
   dropPrivileges();
   auto backend = LinuxBackend::make();
   if (!backend) giveUp("cannot start: " + std::generic_category().message(backend.error()));
-  if (programs) (*backend)->setKernelPrograms(std::move(*programs));
+  (*backend)->setKernelPrograms(std::move(programs));
   auto socket = openControlSocket(controlPath);
   if (!socket) giveUp(socket.error());
 

@@ -1,7 +1,6 @@
 #include "platform/linux/kernel/KernelPrograms.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <linux/magic.h>
@@ -73,21 +72,21 @@ void KernelPrograms::Free::operator()(AskedFlow* flows) const noexcept {
   ::munmap(flows, askedFlowsBytes);
 }
 
-std::expected<std::unique_ptr<KernelPrograms>, int> KernelPrograms::load(std::size_t mostFlows) {
+std::unique_ptr<KernelPrograms> KernelPrograms::load(std::size_t mostFlows) {
   libbpf_set_print(nullptr);  // who cannot have the programs does without
   std::unique_ptr<bpf_object, Free> object(bpf_object__open_mem(
       tandorPrograms, static_cast<std::size_t>(tandorProgramsEnd - tandorPrograms), nullptr));
   const auto surroundings = findSurroundings();
-  if (object == nullptr || !surroundings) return std::unexpected(errno);
+  if (object == nullptr || !surroundings) return nullptr;
   bpf_map* constants = bpf_object__find_map_by_name(object.get(), ".rodata");
   bpf_map* takenFlows = bpf_object__find_map_by_name(object.get(), "takenFlows");
   if (bpf_map__set_initial_value(constants, &*surroundings, sizeof *surroundings) != 0 ||
       bpf_map__set_max_entries(takenFlows, static_cast<__u32>(mostFlows + mostFlows / 4)) != 0 ||
       bpf_object__load(object.get()) != 0)
-    return std::unexpected(errno);
+    return nullptr;
   void* const askedFlows = ::mmap(nullptr, askedFlowsBytes, PROT_READ, MAP_SHARED,
                                   descriptorOf(object.get(), "askedFlows"), 0);
-  if (askedFlows == MAP_FAILED) return std::unexpected(errno);
+  if (askedFlows == MAP_FAILED) return nullptr;
   mountNames();
   // The constructor is private: only loaded programs are ever held.
   return std::unique_ptr<KernelPrograms>(  // NOLINT(*-owning-memory)
@@ -103,18 +102,17 @@ KernelPrograms::KernelPrograms(std::unique_ptr<bpf_object, Free> object,
 
 KernelPrograms::~KernelPrograms() = default;
 
-std::expected<std::string, int> KernelPrograms::publish() const {
+std::optional<std::string> KernelPrograms::publish() const {
   retract();
   const std::filesystem::path folder = namesFolder();
-  if (::mkdir(folder.c_str(), S_IRWXU) != 0) return std::unexpected(errno);
+  if (::mkdir(folder.c_str(), S_IRWXU) != 0) return std::nullopt;
   bpf_program* program = nullptr;
   while ((program = bpf_object__next_program(object_.get(), program)) != nullptr) {
     if (bpf_program__type(program) != BPF_PROG_TYPE_SOCKET_FILTER) continue;
     const std::filesystem::path name = folder / bpf_program__name(program);
     if (bpf_obj_pin(bpf_program__fd(program), name.c_str()) != 0) {
-      const int error = errno;
       retract();
-      return std::unexpected(error);
+      return std::nullopt;
     }
   }
   return folder.string();
@@ -125,11 +123,9 @@ void KernelPrograms::retract() noexcept {
   std::filesystem::remove_all(namesFolder(), nothingThere);
 }
 
-std::expected<FileDescriptor, int> KernelPrograms::watch() const {
+FileDescriptor KernelPrograms::watch() const {
   const bpf_program* program = bpf_object__find_program_by_name(object_.get(), "stateChanges");
-  FileDescriptor watch(bpf_raw_tracepoint_open("inet_sock_set_state", bpf_program__fd(program)));
-  if (!watch.isOpen()) return std::unexpected(errno);
-  return watch;
+  return FileDescriptor(bpf_raw_tracepoint_open("inet_sock_set_state", bpf_program__fd(program)));
 }
 
 std::optional<Connector> KernelPrograms::connectorOf(const FlowKey& flow) const noexcept {

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <expected>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,21 +23,21 @@ namespace tandor {
 class KernelPrograms final : public FlowAnswers {
  public:
   /// Brings the programs into the kernel, where they rest. While the process has all its privileges
-  /// and is in its network namespace. `mostFlows` TCP and UDP flows can be taken at once. Fails
-  /// with an error number.
-  [[nodiscard]] static std::expected<std::unique_ptr<KernelPrograms>, int> load(
-      std::size_t mostFlows);
+  /// and is in its network namespace. `mostFlows` TCP and UDP flows can be taken at once. Null when
+  /// the kernel does not take them.
+  [[nodiscard]] static std::unique_ptr<KernelPrograms> load(std::size_t mostFlows);
   ~KernelPrograms() override;
 
   /// Gives the packet filter's programs names in the file system, in the folder that is returned;
-  /// one for each network namespace. They stay until retract(). Fails with an error number.
-  [[nodiscard]] std::expected<std::string, int> publish() const;
+  /// one for each network namespace. They stay until retract(). Absent when that is not
+  /// possible.
+  [[nodiscard]] std::optional<std::string> publish() const;
   /// Takes away the names that this or an earlier process has given in this network namespace.
   static void retract() noexcept;
 
-  /// Lets them see what sockets do, until the returned descriptor is closed. Fails with an error
-  /// number.
-  [[nodiscard]] std::expected<FileDescriptor, int> watch() const;
+  /// Lets them see what sockets do, until the returned descriptor is closed; it is not open when
+  /// that is not possible.
+  [[nodiscard]] FileDescriptor watch() const;
 
   /// Who connected the TCP flow that the packet filter asks about now; absent when that was not
   /// seen. Costs no system call. Any thread.
