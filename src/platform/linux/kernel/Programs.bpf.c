@@ -47,7 +47,7 @@ struct task_struct {
   __u64 self_exec_id;
 } __attribute__((preserve_access_index));
 
-enum { stateSynSent = 2, stateClose = 7 };
+enum { stateSynSent = 2, stateSynReceived = 3, stateClose = 7 };
 enum { applicationGone = 1, relayGone = 2, bothGone = 3 };
 
 /// Flows that were taken. Those of TCP come with the SYN that reaches the relay's side and go with
@@ -313,6 +313,9 @@ int stateChanges(struct bpf_raw_tracepoint_args* context) {
     bpf_map_delete_elem(&takenFlows, &addresses);
     return 0;
   }
+  // Two packets at once may each complete a handshake; the later connection is dropped, the first
+  // lives.
+  if (oldState == stateSynReceived) return 0;
   noteGone(&addresses, applicationGone);
   const struct FlowAddresses flow = reversed(&addresses);
   noteGone(&flow, relayGone);
