@@ -3,6 +3,7 @@ tandor_test(tandor_platform_tests
     platform/ConnectionTest.cpp
     platform/DispatchQueueTest.cpp
     platform/EpollLoopTest.cpp
+    platform/FlightPoolTest.cpp
     platform/FlowTest.cpp
     platform/Objects.cpp
     platform/PipePoolTest.cpp

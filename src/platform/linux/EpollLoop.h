@@ -17,6 +17,7 @@
 #include "platform/dispatch/EventLoop.h"
 #include "platform/linux/BufferPool.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/FlightPool.h"
 #include "platform/linux/PipePool.h"
 
 namespace tandor {
@@ -181,6 +182,7 @@ class EpollLoop final : public EventLoop {
   [[nodiscard]] bool isBusy() const noexcept { return eventCount_ > 1; }
 
   [[nodiscard]] BufferPool& buffers() noexcept { return buffers_; }
+  [[nodiscard]] FlightPool& flights() noexcept { return flights_; }
   [[nodiscard]] PipePool& pipes() noexcept { return pipes_; }
 
  private:
@@ -225,6 +227,7 @@ class EpollLoop final : public EventLoop {
   std::size_t eventIndex_ = 0;  // the event that is being handled, of
   std::size_t eventCount_ = 0;
   BufferPool buffers_;
+  FlightPool flights_;
   PipePool pipes_;
   std::thread thread_;
 };

@@ -51,7 +51,7 @@ class SocketTCPFlow::FirstFlight {
     bytes_.insert(bytes_.end(), data.bytes().begin(), data.bytes().end());
     return bytes_.size() >= firstFlightLength(bytes_);
   }
-  [[nodiscard]] Data data() const { return Data::copying(bytes_); }
+  [[nodiscard]] Bytes bytes() const { return bytes_; }
 
  private:
   std::vector<std::uint8_t> bytes_;
@@ -203,7 +203,7 @@ void SocketTCPFlow::streamDidRead(Data data) {
     }
     hasFirstFlight_ = true;
     // It may have to wait for a tunnel, and would keep a read buffer from all others.
-    data = Data::copying(data.bytes());
+    data = residence()->flights().copy(data.bytes());
   }
   if (auto completion = std::exchange(readCompletion_, nullptr))
     completion(std::move(data), std::nullopt);
@@ -214,7 +214,7 @@ void SocketTCPFlow::deliverFirstFlight() {
   stream_->stopReading();  // when patience ended, it still waits for more
   const auto flight = std::exchange(firstFlight_, nullptr);
   if (auto completion = std::exchange(readCompletion_, nullptr))
-    completion(flight->data(), std::nullopt);
+    completion(residence()->flights().copy(flight->bytes()), std::nullopt);
 }
 
 void SocketTCPFlow::streamDidEnd(int error) {
