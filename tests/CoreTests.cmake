@@ -6,6 +6,5 @@ tandor_test(tandor_core_tests
     ipc/IPCClientTest.cpp
     ipc/LayoutTest.cpp
     provider/ProviderTest.cpp
-    tls/ClientHelloPeerTest.cpp
     tls/ClientHelloTest.cpp
   LINKS tandor_provider_core tandor_tls OpenSSL::SSL)
