@@ -3,8 +3,7 @@ tandor_test(tandor_core_tests
     connection/ProxyConnectionTest.cpp
     coresupport/SupportTest.cpp
     foundation/ValuesTest.cpp
-    ipc/IPCClientTest.cpp
-    ipc/LayoutTest.cpp
+    ipc/IPCTest.cpp
     provider/ProviderTest.cpp
     tls/ClientHelloTest.cpp
   LINKS tandor_provider_core tandor_tls OpenSSL::SSL)
