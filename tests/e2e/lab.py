@@ -247,9 +247,9 @@ class Lab:
             shutil.copy(os.path.realpath(sys.executable), path)
         return path
 
-    def application(self, name, *prefix):
-        application = Application(self, self.program(name), prefix)
-        self._undo.append(application.end)
+    def application(self, name):
+        application = Application(self, self.program(name))
+        self._undo.append(application.close)
         return application
 
     def traces(self):
@@ -453,7 +453,7 @@ class Application:
         """Another process of the same application."""
         return self._lab.application(self.name)
 
-    def end(self):
+    def close(self):
         end(self.process)
 
 
@@ -479,14 +479,12 @@ class EndToEnd(unittest.TestCase):
 
     #: What the daemon is started by.
     wrapper = ()
-    applications = ("listed", "unlisted")
 
     @classmethod
     def setUpClass(cls):
         cls.lab = Lab()
         cls.addClassCleanup(cls.lab.close)
-        for name in cls.applications:
-            setattr(cls, name, cls.lab.application(name))
+        cls.listed, cls.unlisted = cls.lab.application("listed"), cls.lab.application("unlisted")
         cls.daemon = cls.lab.daemon(wrapper=cls.wrapper)
 
     def setUp(self):
@@ -522,8 +520,8 @@ class EndToEnd(unittest.TestCase):
 
     def way(self, application, address, kind="tcp", **options):
         flow = application.connect(address, kind, **options)
-        token = f"GET /{flow.getsockname()[1]}-{time.monotonic_ns()} HTTP/1.1\r\n\r\n".encode()
         local = flow.getsockname()[:2]
+        token = f"GET /{local[1]}-{time.monotonic_ns()} HTTP/1.1\r\nX-ä: 1\r\n\r\n".encode()
         flow.send(token)
         self.assertEqual(flow.recv(1 << 16), token)
         flow.close()

@@ -1,5 +1,6 @@
 """What applications talk to: servers and proxies of the laboratory, and the bytes that they know."""
 
+import select
 import selectors
 import socket
 import struct
@@ -12,17 +13,22 @@ SO_RCVBUFFORCE = 33  # Python has no name for it
 ESTABLISHED = b"HTTP/1.1 200 Connection Established\r\n\r\n"
 
 
+def bound(namespace, address, kind):
+    """A socket of a namespace at an address."""
+    with namespace:
+        new = socket.socket(socket.AF_INET6 if ":" in address[0] else socket.AF_INET, kind)
+    new.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    new.bind(address)
+    new.settimeout(PATIENCE)
+    return new
+
+
 class Listener:
     """A listening socket of a namespace; what it accepts is for the test to script."""
 
     def __init__(self, namespace, address):
-        family = socket.AF_INET6 if ":" in address[0] else socket.AF_INET
-        with namespace:
-            self._socket = socket.socket(family, socket.SOCK_STREAM)
-        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._socket.bind(address)
+        self._socket = bound(namespace, address, socket.SOCK_STREAM)
         self._socket.listen(4096)
-        self._socket.settimeout(PATIENCE)
 
     def accept(self):
         connection, source = self._socket.accept()
@@ -30,14 +36,7 @@ class Listener:
 
     def is_idle(self):
         """Whether nobody has connected whom nobody has accepted."""
-        self._socket.settimeout(0)
-        try:
-            self._socket.accept()[0].close()
-            return False
-        except BlockingIOError:
-            return True
-        finally:
-            self._socket.settimeout(PATIENCE)
+        return not select.select([self._socket], [], [], 0)[0]
 
     def fileno(self):
         return self._socket.fileno()
@@ -92,11 +91,8 @@ class Echo:
         for address in addresses:
             listener = Listener(namespace, address)
             self._selector.register(listener, selectors.EVENT_READ, (self._accept, address))
-            with namespace:
-                datagrams = socket.socket(
-                    socket.AF_INET6 if ":" in address[0] else socket.AF_INET, socket.SOCK_DGRAM)
+            datagrams = bound(namespace, address, socket.SOCK_DGRAM)
             datagrams.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 1 << 25)
-            datagrams.bind(address)
             self._selector.register(datagrams, selectors.EVENT_READ, (self._answer, address))
         self._is_ending = False
         self._thread = threading.Thread(target=self._run, daemon=True)

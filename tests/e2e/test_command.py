@@ -10,8 +10,8 @@ import subprocess
 import tempfile
 import time
 
-from lab import PATIENCE, PROTECTED, PROVIDER, SERVER, EndToEnd, eventually
-from peers import Echo
+from lab import PATIENCE, PROTECTED, PROVIDER, SERVER, EndToEnd, end, eventually
+from peers import Echo, Listener
 
 PROGRAM = os.environ.get("TANDOR_PROGRAM", "")
 VERSION = os.environ.get("TANDOR_VERSION", "")
@@ -53,8 +53,7 @@ class Running:
         return self.process.wait(PATIENCE)
 
     def close(self):
-        self.process.kill()
-        self.process.wait()
+        end(self.process)
         self._output.close()
         self._errors.close()
 
@@ -104,10 +103,7 @@ class Command(EndToEnd):
 
     def take_port(self):
         """Whatever starts a provider while this is open fails."""
-        with self.lab.app:
-            taken = self.closing(socket.socket())
-        taken.bind(("127.0.0.1", 15001))
-        return taken
+        return self.closing(Listener(self.lab.app, ("127.0.0.1", 15001)))
 
 
 class Commands(Command):
@@ -179,8 +175,8 @@ class Commands(Command):
                 request = json.loads(stream.readline())
                 status = {"state": "idle", "pid": os.getpid(), "version": version}
                 if version:
-                    stream.write(json.dumps({"id": request["id"], "error": None, "status": status}))
-                    stream.write("\n")
+                    reply = {"id": request["id"], "error": None, "status": status}
+                    stream.write(json.dumps(reply) + "\n")
                     stream.flush()
                     self.assertEqual(stream.readline(), "")  # it asks no more
             self.assertEqual(start.finish(), 1)
@@ -260,11 +256,8 @@ class Commands(Command):
 
     def test_demo_runs_the_installed_script(self):
         self.tandor("demo", code=1, error="the demo is not installed")
-        share = os.path.dirname(self.bin) + "/share/tandor"
-        os.makedirs(share)
-        with open(share + "/demo", "w") as script:
-            script.write("#!/bin/sh\necho shown; exit 3\n")
-        os.chmod(share + "/demo", 0o755)
+        os.makedirs(self.lab.folder + "/installed/share/tandor")
+        self.write("installed/share/tandor/demo", "#!/bin/sh\necho shown; exit 3\n")
         demo = self.begin("demo")
         self.assertEqual((demo.finish(), demo.output), (3, "shown\n"))
 

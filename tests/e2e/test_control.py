@@ -126,12 +126,15 @@ class ControlSocket(EndToEnd):
                     return stream.read()
 
         def start():
-            daemon.start("directlyWhiteList", [], socketPath=host.getsockname())
+            """Starts the provider; the message of that."""
+            starting = threading.Thread(target=daemon.start, args=("directlyWhiteList", []),
+                                        kwargs={"socketPath": host.getsockname()})
+            starting.start()
+            message_of_start = message()
+            starting.join()
+            return message_of_start
 
-        starting = threading.Thread(target=start)
-        starting.start()
-        self.assertTrue(message().endswith(b"\1"))
-        starting.join()
+        self.assertTrue(start().endswith(b"ApiExtensionProxyStatusCallback\0\0\0\0\0\0\0\1\1"))
         self.assertEqual(daemon.status()["state"], "running")
         stopping = self.closing(Control(daemon.path))
         stopping.send(b'{"call":"stopProxy","reason":9}')
@@ -141,10 +144,7 @@ class ControlSocket(EndToEnd):
         self.assertIsNone(stopping.line()["error"])
         self.assertEqual(daemon.status()["state"], "stopped")
 
-        starting = threading.Thread(target=start)
-        starting.start()
-        message()
-        starting.join()
+        start()
         daemon.process.send_signal(signal.SIGTERM)
         silent, _ = host.accept()
         daemon.process.send_signal(signal.SIGTERM)

@@ -19,10 +19,6 @@ class Identity(EndToEnd):
         self.echo = self.closing(Echo(self.lab.net, WEB))
         self.start("directlyWhiteList")
 
-    def worker(self, application):
-        self.addCleanup(application.end)
-        return application
-
     def test_the_probe(self):
         folder = f"/proc/{self.daemon.process.pid}/fdinfo"
         held = []
@@ -35,7 +31,7 @@ class Identity(EndToEnd):
         self.assertEqual("conntrack" in rules, not self.has_probe)
 
     def test_a_process_that_becomes_another_program(self):
-        process = self.worker(self.unlisted.twin())
+        process = self.closing(self.unlisted.twin())
         for program, way in ((self.listed, "eth0"), (self.unlisted, "native")) * 3:
             # A socket belongs to whoever has it when its flow begins.
             kept = process.socket()
@@ -64,14 +60,14 @@ class Identity(EndToEnd):
                                   "link": Application(self.lab, link),
                                   "user": Application(self.lab, self.listed.program, nobody)}.items():
             with self.subTest(name):
-                self.assertWay("eth0", self.worker(application), WEB)
+                self.assertWay("eth0", self.closing(application), WEB)
 
     def test_an_upgrade_replaces_the_executable(self):
-        old = self.worker(self.listed.twin())
+        old = self.closing(self.listed.twin())
         shutil.copy(self.listed.program, self.listed.program + ".new")
         os.rename(self.listed.program + ".new", self.listed.program)
         self.assertTrue(os.readlink(f"/proc/{old.pid}/exe").endswith(" (deleted)"))
-        for process in (old, self.worker(self.listed.twin())):
+        for process in (old, self.closing(self.listed.twin())):
             self.assertWay("eth0", process, WEB)
 
     def test_a_child_connects_the_socket_of_its_parent(self):
@@ -90,7 +86,7 @@ class Identity(EndToEnd):
         daemon = self.lab.daemon(wrapper=self.wrapper, program=folder + "/tandor-provider")
         daemon.start("tunnelWhiteList", [])
         self.assertWay("eth0", self.unlisted, WEB)
-        self.assertWay("native", self.worker(Application(self.lab, folder + "/tandor")), WEB)
+        self.assertWay("native", self.closing(Application(self.lab, folder + "/tandor")), WEB)
         daemon.terminate()
 
     def test_a_process_number_that_is_used_again(self):
@@ -113,7 +109,7 @@ class Identity(EndToEnd):
         for program, way in ((self.listed.program, "eth0"), (self.unlisted.program, "native")) * 3:
             set_number = ("sh", "-c", f'echo {number - 1} > /proc/sys/kernel/ns_last_pid; "$0" "$@"; :'
                           ) if number else ()
-            process = self.worker(Application(self.lab, program, (*entering, *set_number)))
+            process = self.closing(Application(self.lab, program, (*entering, *set_number)))
             number = number or process.pid
             self.assertEqual(process.pid, number)
             self.assertWay(way, process, WEB)

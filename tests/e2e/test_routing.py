@@ -3,7 +3,7 @@
 import itertools
 import time
 
-from lab import (ETH0, NOWHERE, OTHER, PRIVATE, PROXY, SERVER, SERVER6, VPN, EndToEnd, eventually)
+from lab import (ETH0, NOWHERE, OTHER, PRIVATE, PROXY, SERVER, SERVER6, VPN, EndToEnd)
 from peers import ESTABLISHED, Echo, Listener, client_hello, connect_request
 
 MODES = ("webProxy", "directlyWhiteList", "tunnelWhiteList")
@@ -143,16 +143,6 @@ class Proxying(EndToEnd):
                 peer.close()
                 self.assertEqual(flow.read(), b"")
                 flow.close()
-
-    def test_plain_http_goes_unchanged(self):
-        request = b"GET http://example.org/ HTTP/1.1\r\nHost: example.org\r\nX-\xc3\xa4: 1\r\n\r\n"
-        flow = self.listed.connect((SERVER, 80))
-        flow.sendall(request)
-        peer = self.closing(self.proxy.accept())
-        self.assertEqual(peer.read(len(request)), request)
-        self.assertWorks(flow, peer)
-        flow.close()
-        self.assertEqual(peer.ending(), "end")
 
     def assertReason(self, reason):
         """Why the last flow went directly."""

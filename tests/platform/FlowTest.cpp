@@ -104,7 +104,7 @@ TEST_F(TCPFlowTest, ShowsTheApplicationHowItWasClosed) {
         pair.flow = nullptr;
       }
     }
-    EXPECT_EQ(pair.app.receiveError(), error);
+    EXPECT_EQ(pair.app.receiveAll().error, error);
   }
   // Closed and let go by its own read's completion.
   TCPFlow pair = openFlow();
@@ -114,7 +114,7 @@ TEST_F(TCPFlowTest, ShowsTheApplicationHowItWasClosed) {
   });
   pair.flow = nullptr;
   pair.app.send("x");
-  EXPECT_EQ(pair.app.receiveError(), 0);
+  EXPECT_EQ(pair.app.receiveAll().error, 0);
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -13,10 +16,10 @@
 
 #include "platform/Backend.h"
 #include "platform/foundation/Description.h"
+#include "platform/foundation/NSLog.h"
 #include "platform/network/NWConnection.h"
 #include "platform/network/NWPathMonitor.h"
 #include "platform/networkextension/NEAppProxyFlow.h"
-#include "support/Journal.h"
 
 // The platform, scripted. Its objects do nothing by themselves: they note each call as "NAME: CALL"
 // in the journal, and the test completes what is under way, in any order, with or without an error,
@@ -24,6 +27,49 @@
 // when nothing was under way. Any thread may use everything.
 
 namespace tandor::test {
+
+using Lines = std::vector<std::string>;
+
+/// What happened, in order: every log line, as "log: LINE", and what the scripted objects note, so
+/// that a test sees lines and calls in one sequence. One lives at a time; any thread may log and
+/// note.
+class Journal {
+ public:
+  Journal() {
+    current = this;
+    setNSLogSink([](std::string_view line) { current->note("log: " + std::string(line)); });
+  }
+  Journal(const Journal&) = delete;
+  Journal& operator=(const Journal&) = delete;
+  ~Journal() { setNSLogSink(nullptr); }
+
+  void note(std::string entry) {
+    const std::scoped_lock lock(mutex_);
+    entries_.push_back(std::move(entry));
+  }
+
+  /// The entries since the last call.
+  [[nodiscard]] Lines take() {
+    const std::scoped_lock lock(mutex_);
+    return std::exchange(entries_, {});
+  }
+
+ private:
+  static inline Journal* current = nullptr;
+  std::mutex mutex_;
+  Lines entries_;  // guarded by mutex_
+};
+
+/// Data as the journal shows it: short plain text as it is, anything else by its length and hash.
+[[nodiscard]] inline std::string show(const Data& data) {
+  constexpr std::size_t longestText = 200;
+  const std::string text(data.characters());
+  const bool isPlain = std::ranges::all_of(text, [](char character) {
+    return (character >= ' ' && character <= '~') || character == '\r' || character == '\n';
+  });
+  if (isPlain && text.size() <= longestText) return "'" + text + "'";
+  return std::to_string(text.size()) + " bytes #" + std::to_string(std::hash<std::string>()(text));
+}
 
 /// The completion of an operation that may be under way once at a time.
 template <typename Completion>
@@ -205,23 +251,11 @@ class ScriptedUDPFlow final
  public:
   using ScriptedFlow::ScriptedFlow;
 
-  bool completeRead(const std::optional<std::vector<Data>>& datagrams,
-                    const std::optional<NSError>& error = std::nullopt) {
-    const std::vector<NWHostEndpoint> addressedTo(datagrams ? datagrams->size() : 0);
-    return reading_.complete(datagrams, addressedTo, error);
-  }
-
   void readDatagrams(ReadDatagramsCompletion completion) override {
-    note("read");
     reading_.put(std::move(completion));
   }
-  void writeDatagrams(std::span<const Data> datagrams, std::span<const NWHostEndpoint> sentBy,
-                      Completion completion) override {
-    ASSERT_EQ(datagrams.size(), sentBy.size());
-    std::string call = "write";
-    for (std::size_t index = 0; index < datagrams.size(); ++index)
-      call += " " + show(datagrams[index]) + " from " + sentBy[index].description();
-    note(call);
+  void writeDatagrams(std::span<const Data> /*datagrams*/,
+                      std::span<const NWHostEndpoint> /*sentBy*/, Completion completion) override {
     writing_.put(std::move(completion));
   }
 };
@@ -266,13 +300,10 @@ class ScriptedBackend final : public PlatformBackend {
   }
 
   [[nodiscard]] std::shared_ptr<NWConnection> makeConnection(
-      const NWEndpoint& endpoint, const NWParameters& parameters) override {
+      const NWEndpoint& endpoint, const NWParameters& /*parameters*/) override {
     const std::scoped_lock lock(mutex_);
     const std::string name = "out" + std::to_string(connections_.size() + 1);
-    const bool isUDP = parameters.transport == NWParameters::Transport::udp;
-    const auto& interface = parameters.requiredInterface;
-    journal_.note(name + ": " + (isUDP ? "udp " : "tcp ") + endpoint.description() +
-                  (interface ? " via " + interface->name : ""));
+    journal_.note(name + ": to " + endpoint.description());
     return connections_.emplace_back(std::make_shared<ScriptedConnection>(journal_, name));
   }
   [[nodiscard]] std::unique_ptr<NWPathMonitor> makePathMonitor() override {

@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include "ipc/AppMessage.h"
 #include "ipc/IPCClient.h"
+#include "ipc/Payload.h"
 #include "platform/linux/FileDescriptor.h"
 #include "support/Waiting.h"
 
@@ -18,6 +20,7 @@ namespace tandor::test {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using Bytes = std::vector<std::uint8_t>;
 
 /// A host application: serves one client, by a function on a thread of its own, and closes it.
@@ -77,42 +80,28 @@ class IPCClientTest : public testing::Test {
   void SetUp() override { std::signal(SIGPIPE, SIG_IGN); }  // as a provider does
   void TearDown() override { EXPECT_EQ(openDescriptors(), before_); }
 
-  /// A host that shakes hands and takes one message, which a test finds in received_.
-  [[nodiscard]] Host::Serve taking(const std::function<void()>& afterFirstPiece) {
-    return [=, this](int client) {
-      greet(client, 2);
-      greet(client, 4);
-      received_.set_value(readToTheEnd(client, afterFirstPiece));
-    };
-  }
-  Bytes received() { return received_.get_future().get(); }
-
  private:
   const std::size_t before_ = openDescriptors();
-  std::promise<Bytes> received_;
 };
 
 std::string errorOf(const auto& result) {
   return result ? "" : result.error().description();
-}
-std::string failure(std::string_view what, int errorNumber) {
-  return IPCError::bsdError(what, errorNumber).description();
 }
 
 TEST_F(IPCClientTest, FailuresOfTheMakingLeaveNoDescriptor) {
   const Host silent([](int client) { readToTheEnd(client); });
   const Host atOnce([](int /*client*/) {});
   const Host later([](int client) { greet(client, 2); });
-  const std::pair<std::string, std::string> cases[] = {
-      {"", failure("connect socket failed", EINVAL)},
-      {std::string(103, 'p'), failure("connect socket failed", ENOENT)},
-      {std::string(104, 'p'), R"(invalidSocketPath(message: "path too long"))"},
-      {atOnce.path(), failure("write failed", EPIPE)},
-      {later.path(), failure("write failed", EPIPE)},
-      {silent.path(), failure("receive failed", EAGAIN)}};
+  const std::pair<std::string, IPCError> cases[] = {
+      {"", IPCError::bsdError("connect socket failed", EINVAL)},
+      {std::string(103, 'p'), IPCError::bsdError("connect socket failed", ENOENT)},
+      {std::string(104, 'p'), IPCError::invalidSocketPath("path too long")},
+      {atOnce.path(), IPCError::bsdError("write failed", EPIPE)},
+      {later.path(), IPCError::bsdError("write failed", EPIPE)},
+      {silent.path(), IPCError::bsdError("receive failed", EAGAIN)}};
   for (const auto& [path, error] : cases) {
     const std::size_t before = openDescriptors();
-    EXPECT_EQ(errorOf(IPCClient::make(path, 30ms)), error);
+    EXPECT_EQ(errorOf(IPCClient::make(path, 30ms)), error.description());
     // The host's own end of the connection may stay open for a moment.
     EXPECT_TRUE(eventually([before] { return openDescriptors() <= before; })) << path;
   }
@@ -128,15 +117,75 @@ TEST_F(IPCClientTest, SendsAMebibyteWholeAndNotAByteMore) {
     return static_cast<std::uint8_t>((number++ * 2'654'435'761U) >> 13U);
   });
   // The host reads a piece and interrupts the write, which ends with only a part transferred.
-  const Host host(taking([sender = ::pthread_self()] { ::pthread_kill(sender, SIGUSR1); }));
+  std::promise<Bytes> received;
+  const Host host([&received, sender = ::pthread_self()](int client) {
+    greet(client, 2);
+    greet(client, 4);
+    received.set_value(readToTheEnd(client, [sender] { ::pthread_kill(sender, SIGUSR1); }));
+  });
   auto client = IPCClient::make(host.path());
   ASSERT_EQ(errorOf(client), "");
   EXPECT_EQ(errorOf(client->send(Bytes(most.size() + 1))), "notSupport");
   EXPECT_EQ(errorOf(client->send({})), "");
   EXPECT_EQ(errorOf(client->send(most)), "");
   EXPECT_EQ(errorOf(client->close()), "");
-  EXPECT_TRUE(received() == most);
+  EXPECT_TRUE(received.get_future().get() == most);
   ::sigaction(SIGUSR1, &earlier, nullptr);
+}
+
+std::string payload(std::string_view name, const std::optional<Data>& content) {
+  const auto made = makePayload(name, content);
+  return made ? std::string(made->begin(), made->end()) : made.error().description();
+}
+
+/// The bytes that do not differ between two payloads of the same name and content.
+std::string fixedPart(std::string bytes) {
+  return bytes.replace(40, 16, "<message id>").replace(8, 16, "<packet id>");
+}
+
+TEST(Payload, ByteForByte) {
+  EXPECT_EQ(fixedPart(payload("ab", Data::copying("\x01"))),
+            "\0\0\0\x47\0\0\0\x0A<packet id>\0\0\0\0\0\0\0\x23\0\0\0\0\0\0\0\0<message id>"
+            "\0\0\0\0\0\0\0\x02"
+            "ab\0\0\0\0\0\0\0\x01\x01"s);
+  // Lengths count bytes, and an absent content looks like an empty one.
+  EXPECT_TRUE(payload("\xC3\xA9", std::nullopt).ends_with("\0\x02\xC3\xA9\0\0\0\0\0\0\0\0"s));
+  const std::string large = fixedPart(payload("n", Data::copying(std::string(70'000, 'x'))));
+  EXPECT_TRUE(large.starts_with("\0\x01\x11\xB5\0\0\0\x0A<packet id>\0\0\0\0\0\x01\x11\x91"s));
+  EXPECT_TRUE(large.contains("n\0\0\0\0\0\x01\x11\x70x"s));
+  EXPECT_EQ(payload("\xFF", Data()), "serializeFailed");
+}
+
+TEST(Payload, CarriesTwoFreshIdentifiers) {
+  const std::string one = payload("name", Data());
+  const std::string two = payload("name", Data());
+  EXPECT_EQ(fixedPart(one), fixedPart(two));
+  EXPECT_NE(one.substr(8, 16), two.substr(8, 16));
+  EXPECT_NE(one.substr(40, 16), two.substr(40, 16));
+  EXPECT_NE(one.substr(8, 16), one.substr(40, 16));
+  EXPECT_EQ((one[14] & 0xF0) | (one[46] & 0xF0), 0x40);  // version 4
+}
+
+TEST(AppMessage, TellsWhatIsMissingOrWrong) {
+  const auto failure = [](const std::string& message) {
+    // Data of exactly these bytes, so that AddressSanitizer sees any read past them.
+    const auto read = readAppMessage(Data::copying(message));
+    return read ? "" : read.error();
+  };
+  const std::string message = "\0\0\0\x03n\xC3\xA9\0\0\0\x02{}"s;
+  for (std::size_t length = 0; length < message.size(); ++length) {
+    EXPECT_EQ(failure(message.substr(0, length)), length < 4    ? "no name length"
+                                                  : length < 7  ? "no name string"
+                                                  : length < 11 ? "no content length"
+                                                                : "no content data");
+  }
+  EXPECT_EQ(failure(message + "more"), "");
+  // 32-bit sums would wrap around.
+  EXPECT_EQ(failure("\xFF\xFF\xFF\xFC"
+                    "abcd"s),
+            "no name string");
+  EXPECT_EQ(failure("\0\0\0\x01n\xFF\xFF\xFF\xF7{}"s), "no content data");
+  EXPECT_EQ(failure("\0\0\0\x02\xFF\xFE"s), "name string decode failed");
 }
 
 }  // namespace
