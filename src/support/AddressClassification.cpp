@@ -76,7 +76,8 @@ bool isPrivateNetwork(const NWHostEndpoint& endpoint) noexcept {
 
 bool isIpv6(const NWHostEndpoint& endpoint) noexcept {
   in6_addr address{};
-  return ::inet_pton(AF_INET6, endpoint.hostname.c_str(), &address) == 1;
+  return endpoint.hostname.contains(':') &&
+         ::inet_pton(AF_INET6, endpoint.hostname.c_str(), &address) == 1;
 }
 
 }  // namespace tandor

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstring>
 
 namespace tandor {
 namespace {
@@ -10,7 +11,7 @@ class HeapStorage final : public DataStorage {
  public:
   explicit HeapStorage(std::span<const std::uint8_t> bytes)
       : DataStorage(nullptr), bytes_(std::make_unique_for_overwrite<std::uint8_t[]>(bytes.size())) {
-    std::ranges::copy(bytes, bytes_.get());
+    std::memcpy(bytes_.get(), bytes.data(), bytes.size());
     setFirst(bytes_.get());
   }
 

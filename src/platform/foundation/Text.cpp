@@ -1,7 +1,9 @@
 #include "platform/foundation/Text.h"
 
-#include <algorithm>
+#include <charconv>
 #include <iterator>
+#include <memory>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -120,14 +122,10 @@ std::string quoted(std::string_view text) {
 }
 
 std::optional<std::uint64_t> parseDecimal(std::string_view text, std::uint64_t limit) noexcept {
-  if (text.empty()) return std::nullopt;
   std::uint64_t value = 0;
-  for (const char character : text) {
-    if (character < '0' || character > '9') return std::nullopt;
-    const auto digit = static_cast<std::uint64_t>(character - '0');
-    if (digit > limit || value > (limit - digit) / 10) return std::nullopt;
-    value = value * 10 + digit;
-  }
+  const auto* const textEnd = std::to_address(text.end());
+  const auto [end, error] = std::from_chars(std::to_address(text.begin()), textEnd, value);
+  if (error != std::errc() || end != textEnd || value > limit) return std::nullopt;
   return value;
 }
 

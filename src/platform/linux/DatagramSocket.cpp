@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -206,9 +207,8 @@ void DatagramSocket::fill() {
         used = 0;
       }
       // Nobody else has seen these bytes of the buffer yet.
-      std::ranges::copy(
-          std::span(slots[index]).first(length),
-          const_cast<std::uint8_t*>(pack.bytes().data()) + used);  // NOLINT(*-const-cast)
+      std::memcpy(const_cast<std::uint8_t*>(pack.bytes().data()) + used,  // NOLINT(*-const-cast)
+                  slots[index].data(), length);
       input_.push_back(pack.slice(used, length));
       used += length;
     }

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "platform/foundation/Data.h"
@@ -17,7 +18,31 @@ class FlightPool {
   [[nodiscard]] Data copy(std::span<const std::uint8_t> bytes);
 
  private:
-  class Block;
+  static constexpr std::size_t blockSize = std::size_t{64} * 1024;
+  /// Longer ones are rare; they would leave the rest of a block unused.
+  static constexpr std::size_t longestPacked = blockSize / 16;
+
+  struct Unmap {
+    void operator()(std::uint8_t* memory) const noexcept;
+  };
+
+  class Block final : public DataStorage {
+   public:
+    /// Takes a mapping of blockSize bytes.
+    explicit Block(std::uint8_t* memory) noexcept : DataStorage(memory), memory_(memory) {}
+
+    [[nodiscard]] bool isShared() const noexcept { return references() > 1; }
+    [[nodiscard]] std::size_t room() const noexcept { return blockSize - used_; }
+    void empty() noexcept { used_ = 0; }
+    [[nodiscard]] Data append(std::span<const std::uint8_t> bytes);
+
+   private:
+    void dispose() noexcept override { const std::unique_ptr<Block> last(this); }
+
+    std::unique_ptr<std::uint8_t, Unmap> memory_;
+    std::size_t used_ = 0;
+  };
+
   struct Holder {
     [[nodiscard]] bool canTake(std::size_t count) const noexcept;
 

@@ -1,5 +1,9 @@
 #include "platform/linux/FlowKey.h"
 
+#include <array>
+#include <charconv>
+#include <netinet/in.h>
+
 #include <fmt/format.h>
 
 namespace tandor {
@@ -13,8 +17,13 @@ sockaddr_in IPv4Endpoint::socketAddress() const noexcept {
 }
 
 std::string IPv4Endpoint::host() const {
-  return fmt::format("{}.{}.{}.{}", address >> 24, address >> 16 & 0xFF, address >> 8 & 0xFF,
-                     address & 0xFF);
+  std::array<char, INET_ADDRSTRLEN> text{};
+  char* end = text.data();
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    end = std::to_chars(end, text.data() + text.size(), address >> shift & 0xFF).ptr;
+    if (shift > 0) *end++ = '.';
+  }
+  return {text.data(), end};
 }
 
 std::string IPv4Endpoint::description() const {

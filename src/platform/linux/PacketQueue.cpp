@@ -95,7 +95,15 @@ PacketQueue::PacketQueue(EpollLoop& loop, Socket socket, std::uint16_t number, O
       owner_(owner),
       socket_(std::move(socket)),
       number_(number),
-      messages_(batchSize) {}
+      messages_(batchSize),
+      pieces_(batchSize),
+      headers_(batchSize) {
+  for (std::size_t index = 0; index < batchSize; ++index) {
+    pieces_[index] = {messages_[index].data(), messages_[index].size()};
+    headers_[index].msg_hdr.msg_iov = &pieces_[index];
+    headers_[index].msg_hdr.msg_iovlen = 1;
+  }
+}
 
 PacketQueue::~PacketQueue() {
   loop_.remove(::mnl_socket_get_fd(socket_.get()), *this);
@@ -106,14 +114,7 @@ void PacketQueue::ready(std::uint32_t events) {
 }
 
 void PacketQueue::receive() {
-  std::array<mmsghdr, batchSize> headers{};
-  std::array<iovec, batchSize> pieces;
-  for (std::size_t index = 0; index < batchSize; ++index) {
-    pieces[index] = {messages_[index].data(), messages_[index].size()};
-    headers[index].msg_hdr.msg_iov = &pieces[index];
-    headers[index].msg_hdr.msg_iovlen = 1;
-  }
-  const int count = ::recvmmsg(::mnl_socket_get_fd(socket_.get()), headers.data(), batchSize,
+  const int count = ::recvmmsg(::mnl_socket_get_fd(socket_.get()), headers_.data(), batchSize,
                                MSG_DONTWAIT, nullptr);
   if (count <= 0) {
     if (errno != EAGAIN) loop_.defer(receive_);
@@ -121,7 +122,7 @@ void PacketQueue::receive() {
   }
   for (std::size_t index = 0; index < static_cast<std::size_t>(count); ++index) {
     const auto* message = reinterpret_cast<const nlmsghdr*>(messages_[index].data());
-    if (::mnl_nlmsg_ok(message, static_cast<int>(headers[index].msg_len))) handle(*message);
+    if (::mnl_nlmsg_ok(message, static_cast<int>(headers_[index].msg_len))) handle(*message);
   }
   // Fewer than asked for were all: the next one is announced by a new edge.
   if (static_cast<std::size_t>(count) == batchSize) loop_.defer(receive_);

@@ -6,6 +6,8 @@
 #include <expected>
 #include <memory>
 #include <span>
+#include <sys/socket.h>
+#include <sys/uio.h>
 #include <vector>
 
 #include <libmnl/libmnl.h>
@@ -71,6 +73,8 @@ class PacketQueue final : private EpollLoop::Source {
   Socket socket_;
   const std::uint16_t number_;
   std::vector<std::array<std::byte, messageSize>> messages_;
+  std::vector<iovec> pieces_;     // of one message each,
+  std::vector<mmsghdr> headers_;  // and what a read of all of them takes
   std::vector<std::byte> verdicts_;
   EpollLoop::Task receive_{EpollLoop::Call::to<&PacketQueue::receive>(this)};
   EpollLoop::Task send_{EpollLoop::Call::to<&PacketQueue::sendVerdicts>(this)};

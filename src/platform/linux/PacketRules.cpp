@@ -34,7 +34,7 @@ constexpr std::string_view mangleWithPrograms = R"(*mangle
 -A TANDOR_OUTPUT -p tcp --syn -g TANDOR_ASK
 -A TANDOR_OUTPUT -p udp -m bpf --object-pinned {programs}/isAsked -g TANDOR_ASK
 -A TANDOR_TAKE -j MARK --set-xmark {take:#x}/{mask:#x}
--A TANDOR_ASK -m addrtype ! --dst-type UNICAST -j RETURN
+-A TANDOR_ASK -p udp -m addrtype ! --dst-type UNICAST -j RETURN
 -A TANDOR_ASK -p tcp -m bpf --object-pinned {programs}/noteAsked
 -A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
 -A TANDOR_PRE -p tcp ! --syn -j TPROXY --on-ip 127.0.0.1 --on-port {port}
@@ -63,7 +63,7 @@ constexpr std::string_view mangleWithTracking = R"(*mangle
 -A TANDOR_OUTPUT -p udp -m connmark --mark {bypass:#x}/{mask:#x} -g TANDOR_ASK
 -A TANDOR_OUTPUT -p udp -m conntrack --ctstate NEW --ctdir ORIGINAL -g TANDOR_ASK
 -A TANDOR_OWN -p udp -j CONNMARK --set-xmark {bypass:#x}/{mask:#x}
--A TANDOR_ASK -m addrtype ! --dst-type UNICAST -j RETURN
+-A TANDOR_ASK -p udp -m addrtype ! --dst-type UNICAST -j RETURN
 -A TANDOR_ASK -j CONNMARK --set-xmark {leave:#x}/{mask:#x}
 -A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
 -A TANDOR_PRE -p tcp --syn -j CONNMARK --set-xmark {take:#x}/{mask:#x}

@@ -291,11 +291,13 @@ static __always_inline void noteConnector(struct sock* socket) {
   connector->process.program = BPF_CORE_READ(task, self_exec_id);
 }
 
-static __always_inline void noteGone(const struct FlowAddresses* flow, __u64 end) {
+/// One end of a flow is no more; false when no such flow is taken.
+static __always_inline bool noteGone(const struct FlowAddresses* flow, __u64 end) {
   struct TakenFlow* taken = bpf_map_lookup_elem(&takenFlows, flow);
-  if (taken == NULL) return;
+  if (taken == NULL) return false;
   if ((__sync_fetch_and_or(&taken->endsGone, end) | end) == bothGone)
     bpf_map_delete_elem(&takenFlows, flow);
+  return true;
 }
 
 /// A socket of TCP changes its state: the socket, the old state, the new one.
@@ -316,7 +318,7 @@ int stateChanges(struct bpf_raw_tracepoint_args* context) {
   // Two packets at once may each complete a handshake; the later connection is dropped, the first
   // lives.
   if (oldState == stateSynReceived) return 0;
-  noteGone(&addresses, applicationGone);
+  if (noteGone(&addresses, applicationGone)) return 0;
   const struct FlowAddresses flow = reversed(&addresses);
   noteGone(&flow, relayGone);
   return 0;
