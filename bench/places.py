@@ -22,7 +22,8 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
-from lab import Daemon, Namespace, command, end, eventually, sweep  # noqa: E402
+from daemon import Daemon  # noqa: E402
+from namespaces import Namespace, command, end, eventually, sweep  # noqa: E402
 
 DESTINATIONS = [f"203.0.113.{number}" for number in range(10, 14)]
 PROXY = "198.51.100.80"

@@ -8,150 +8,29 @@
 
 A server knows a flow's way by its source address. The VPN has the better route, so a flow that went
 natively comes from there, and from the very port that the application's socket has.
-
-Nothing outside of these namespaces is changed. What an interrupted run left is removed by the next:
-names carry the number of the process that made them.
 """
 
 import atexit
-import base64
-import ctypes
 import itertools
-import json
 import os
 import pickle
 import re
-import resource
 import shutil
-import signal
 import socket
 import subprocess
 import sys
-import threading
 import time
 import unittest
 
-PROVIDER = os.environ.get("TANDOR_PROVIDER", "")
-#: Divides amounts of data and flows; a daemon under a sanitizer is several times slower.
-SLOWNESS = int(os.environ.get("TANDOR_E2E_SLOWNESS", "1"))
-#: Where the session lives that runs these tests: the daemon refuses to start there.
-PROTECTED = os.readlink("/proc/self/ns/net")
-#: How long anything may take that is expected to happen.
-PATIENCE = 20 * max(1, SLOWNESS // 2)
+from daemon import PROVIDER, PROXY, Daemon
+from namespaces import Namespace, end, eventually, sweep
 
 ETH0, ETH1, VPN = "192.0.2.2", "192.0.2.66", "10.8.0.2"
 SERVER, OTHER, PRIVATE, SERVER6 = "203.0.113.10", "198.51.100.10", "10.99.0.1", "2001:db8::10"
 NOWHERE = "203.0.113.99"
-PROXY = ("198.51.100.80", 3128)
 #: The interface of each source address.
 WAYS = {ETH0: "eth0", ETH1: "eth1", VPN: "vpn0"}
 MARK_MASK, TAKE_MARK = 0x70000000, 0x30000000
-
-_libc = ctypes.CDLL(None, use_errno=True)
-
-
-def eventually(condition, what="", patience=None):
-    """Waits until `condition()` is true and returns its value; fails when it never is."""
-    deadline = time.monotonic() + (patience or PATIENCE)
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError(f"never happened: {what or condition}")
-        time.sleep(0.01)
-
-
-def command(*words, input=None, check=True):
-    """Runs a program to its end; its output. An error shows what it said."""
-    result = subprocess.run(words, input=input, text=True, capture_output=True, timeout=PATIENCE)
-    if check and result.returncode != 0:
-        raise AssertionError(f"{' '.join(words)}: {result.stderr or result.returncode}")
-    return result.stdout if check else result
-
-
-def sweep(prefix):
-    """Removes the namespaces and folders of runs that are no more; their names begin with `prefix`,
-    and the number of the process that made them follows."""
-    for folder in ("/run/netns", "/tmp"):
-        for name in os.listdir(folder) if os.path.isdir(folder) else ():
-            match = re.fullmatch(prefix + r"(\d+)-.*", name)
-            if not match or os.path.exists(f"/proc/{match[1]}"):
-                continue
-            if folder == "/tmp":
-                shutil.rmtree(f"/tmp/{name}", ignore_errors=True)
-            else:
-                command("ip", "netns", "del", name, check=False)
-
-
-def _die_with_runner():
-    """A child of a runner that was killed ends with it."""
-    pr_set_pdeathsig = 1
-    _libc.prctl(pr_set_pdeathsig, signal.SIGKILL)
-
-
-class Namespace:
-    """A network namespace. `with` puts the calling thread in, so that its new sockets are there."""
-
-    _clone_newnet = 0x40000000
-
-    def __init__(self, name):
-        self.name = name
-        self._home = threading.local()
-        command("ip", "netns", "add", name)
-        self.file = open(f"/run/netns/{name}")
-
-    def __enter__(self):
-        self._home.file = open("/proc/thread-self/ns/net")
-        self._move(self.file)
-        return self
-
-    def __exit__(self, *_):
-        self._move(self._home.file)
-        self._home.file.close()
-
-    def _move(self, file):
-        if _libc.setns(file.fileno(), self._clone_newnet) != 0:
-            os._exit(70)  # a thread in the wrong place could do harm
-
-    def ip(self, script):
-        command("ip", "-n", self.name, "-batch", "-", input=script)
-
-    def run(self, *words, **options):
-        return command("ip", "netns", "exec", self.name, *words, **options)
-
-    def popen(self, *words, **options):
-        options.setdefault("env", {**os.environ, "TANDOR_PROTECTED_NETNS": PROTECTED})
-        return subprocess.Popen(["ip", "netns", "exec", self.name, *words],
-                                preexec_fn=_die_with_runner, **options)
-
-    def read(self, path):
-        """A file that shows the namespace of whoever reads it."""
-        with self, open(path) as file:
-            return file.read()
-
-    def write(self, path, text):
-        with self, open(path, "w") as file:
-            file.write(text)
-
-    def received(self, interface):
-        """Packets that came in."""
-        table = self.read("/proc/thread-self/net/dev")
-        return int(re.search(rf"{interface}:\s*\d+\s+(\d+)", table)[1])
-
-    def remove(self):
-        self.file.close()
-        command("ip", "netns", "del", self.name)
-
-
-def end(process):
-    """Ends a process of ours, whatever it does."""
-    if process.poll() is None:
-        process.kill()
-    process.wait(PATIENCE)
-    for stream in (process.stdin, process.stdout):
-        if stream:
-            stream.close()
 
 
 class Lab:
@@ -270,137 +149,6 @@ class Lab:
         """The tracked connections of the application's side, each with its mark."""
         lines = self.app.read("/proc/thread-self/net/nf_conntrack").splitlines()
         return [(line, int(re.search(r"mark=(\d+)", line)[1])) for line in lines]
-
-
-class ControlError(Exception):
-    def __init__(self, error):
-        super().__init__(error["description"])
-        self.code = error["code"]
-
-
-class Control:
-    """A client of the daemon's control socket."""
-
-    def __init__(self, path):
-        self._socket = socket.socket(socket.AF_UNIX)
-        self._socket.settimeout(PATIENCE)
-        self._socket.connect(path)
-        self._lines = self._socket.makefile("r")
-        self._last_id = 0
-
-    def send(self, line, end=b"\n"):
-        self._socket.sendall(line + end)
-
-    def finish_sending(self):
-        self._socket.shutdown(socket.SHUT_WR)
-
-    def call(self, name, **members):
-        self._last_id += 1
-        self.send(json.dumps({"id": self._last_id, "call": name, **members}).encode())
-        reply = self.line()
-        assert reply["id"] == self._last_id, reply
-        if reply["error"]:
-            raise ControlError(reply["error"])
-        return reply
-
-    def line(self):
-        line = self._lines.readline()
-        if not line:
-            raise EOFError("the daemon hung up")
-        return json.loads(line)
-
-    def close(self):
-        self._lines.close()
-        self._socket.close()
-
-
-class Daemon:
-    """A tandor-provider in the application's side."""
-
-    def __init__(self, lab, wrapper=(), program=PROVIDER, path=None):
-        self.path = path or f"{lab.folder}/control-{time.monotonic_ns()}"
-        self._log_path = f"{lab.folder}/log-{time.monotonic_ns()}"
-        with open(self._log_path, "w") as log:
-            self.process = lab.app.popen(*wrapper, program, "--control", self.path,
-                                         stderr=log, stdin=subprocess.DEVNULL)
-        self.control = None
-        try:
-            self.control = eventually(self._connect, "it listens or ends")
-            self.status()  # has it accepted us
-        except (OSError, AssertionError):
-            raise AssertionError(f"the daemon does not listen: {self.log()}") from None
-        self.idle_descriptors = self.descriptors()
-
-    def _connect(self):
-        """Nothing as long as there is nobody, or only what a crash has left."""
-        has_ended = self.process.poll() is not None
-        try:
-            return Control(self.path) if has_ended or os.path.exists(self.path) else None
-        except OSError:
-            if has_ended:
-                raise
-
-    def call(self, name, **members):
-        return self.control.call(name, **members)
-
-    def start(self, mode, apps, **keys):
-        configuration = {"type": "NETunnelProviderProtocol",
-                         "providerConfiguration": self._configuration(mode, apps, keys)}
-        self.call("startProxy", protocolConfiguration=configuration)
-        eventually(lambda: self.status()["directInterface"], "an interface is chosen")
-
-    def update(self, mode, apps, **keys):
-        content = json.dumps(self._configuration(mode, apps, keys)).encode()
-        name = b"updateConfig"
-        message = len(name).to_bytes(4, "big") + name + len(content).to_bytes(4, "big") + content
-        self.call("appMessage", data=base64.b64encode(message).decode())
-
-    @staticmethod
-    def _configuration(mode, apps, keys):
-        return {"mode": mode, "appIds": json.dumps(apps), "enable": "true", "debug": "true",
-                "proxyHostname": PROXY[0], "proxyPort": str(PROXY[1]), **keys}
-
-    def status(self):
-        return self.call("status")["status"]
-
-    def flows(self):
-        return self.call("flows")["flows"]
-
-    def await_no_flows(self):
-        eventually(lambda: not self.flows(), "the last flow ends")
-
-    def log(self):
-        with open(self._log_path, errors="replace") as log:
-            return log.read()
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
-
-    def _stat(self):
-        """Its line in /proc, from the third field on."""
-        with open(f"/proc/{self.process.pid}/stat") as stat:
-            return stat.read().rpartition(")")[2].split()
-
-    def cpu_seconds(self):
-        return sum(map(int, self._stat()[11:13])) / os.sysconf("SC_CLK_TCK")
-
-    def resident_bytes(self):
-        return int(self._stat()[21]) * resource.getpagesize()
-
-    def terminate(self, number=signal.SIGTERM):
-        """Asks it to end; its exit status."""
-        self.process.send_signal(number)
-        return self.process.wait(PATIENCE)
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait(PATIENCE)
-
-    def end(self):
-        if self.control:
-            self.control.close()
-        end(self.process)
-        assert "Sanitizer" not in self.log(), self.log()
 
 
 class Application:

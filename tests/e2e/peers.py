@@ -7,7 +7,7 @@ import struct
 import threading
 
 from clients import read, socket_reset
-from lab import PATIENCE, eventually
+from namespaces import PATIENCE, eventually
 
 SO_RCVBUFFORCE = 33  # Python has no name for it
 ESTABLISHED = b"HTTP/1.1 200 Connection Established\r\n\r\n"

@@ -10,7 +10,9 @@ import subprocess
 import tempfile
 import time
 
-from lab import PATIENCE, PROTECTED, PROVIDER, SERVER, EndToEnd, end, eventually
+from daemon import PROVIDER
+from lab import SERVER, EndToEnd
+from namespaces import PATIENCE, PROTECTED, end, eventually
 from peers import Echo, Listener
 
 PROGRAM = os.environ.get("TANDOR_PROGRAM", "")

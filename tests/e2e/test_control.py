@@ -7,7 +7,9 @@ import socket
 import stat
 import threading
 
-from lab import PROVIDER, SLOWNESS, Control, EndToEnd, eventually
+from daemon import PROVIDER, Control
+from lab import EndToEnd
+from namespaces import SLOWNESS, eventually
 
 
 class ControlSocket(EndToEnd):

@@ -4,7 +4,9 @@ import os
 import shutil
 import subprocess
 
-from lab import PATIENCE, PROVIDER, SERVER, Application, EndToEnd, end, eventually
+from daemon import PROVIDER
+from lab import SERVER, Application, EndToEnd
+from namespaces import PATIENCE, end, eventually
 from peers import Echo
 
 WEB = (SERVER, 80)

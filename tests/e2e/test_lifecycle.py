@@ -8,7 +8,9 @@ import signal
 import threading
 import time
 
-from lab import (ETH0, OTHER, PROVIDER, PROXY, SERVER, SLOWNESS, ControlError, EndToEnd, eventually)
+from daemon import PROVIDER, PROXY, ControlError
+from lab import ETH0, OTHER, SERVER, EndToEnd
+from namespaces import SLOWNESS, eventually
 from peers import Echo, Listener, client_hello
 
 WEB = (SERVER, 80)

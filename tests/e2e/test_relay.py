@@ -6,7 +6,9 @@ import time
 import unittest
 
 import clients
-from lab import OTHER, PROXY, SERVER, SLOWNESS, VPN, EndToEnd, end, eventually
+from daemon import PROXY
+from lab import OTHER, SERVER, VPN, EndToEnd
+from namespaces import SLOWNESS, end, eventually
 from peers import ESTABLISHED, Echo, Listener, bound, client_hello
 
 WEB, QUIC = (SERVER, 80), (SERVER, 443)

@@ -3,7 +3,8 @@
 import itertools
 import time
 
-from lab import (ETH0, NOWHERE, OTHER, PRIVATE, PROXY, SERVER, SERVER6, VPN, EndToEnd)
+from daemon import PROXY
+from lab import ETH0, NOWHERE, OTHER, PRIVATE, SERVER, SERVER6, VPN, EndToEnd
 from peers import ESTABLISHED, Echo, Listener, client_hello, connect_request
 
 MODES = ("webProxy", "directlyWhiteList", "tunnelWhiteList")
