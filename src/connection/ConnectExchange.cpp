@@ -1,15 +1,16 @@
 #include "connection/ConnectExchange.h"
 
-#include <fmt/format.h>
-
 #include "platform/foundation/Text.h"
 
 namespace tandor {
 
 Data makeConnectRequest(std::string_view hostname, std::string_view port) {
-  return Data::copying(fmt::format(
-      "CONNECT {0}:{1} HTTP/1.1\r\nHost: {0}:{1}\r\nProxy-Connection: keep-alive\r\n\r\n", hostname,
-      port));
+  const std::string endpoint = std::string(hostname).append(":").append(port);
+  constexpr std::size_t lengthOfTheRest = 64;
+  std::string request;
+  request.reserve(2 * endpoint.size() + lengthOfTheRest);
+  request.append("CONNECT ").append(endpoint).append(" HTTP/1.1\r\nHost: ").append(endpoint);
+  return Data::copying(request.append("\r\nProxy-Connection: keep-alive\r\n\r\n"));
 }
 
 bool isTunnelEstablished(const Data& reply) {

@@ -1,10 +1,13 @@
 #include "platform/foundation/NSLog.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <iterator>
+#include <cstdint>
+#include <initializer_list>
 #include <mutex>
+#include <string>
 #include <unistd.h>
 
 #include <fmt/chrono.h>
@@ -15,24 +18,32 @@ namespace {
 
 std::atomic<NSLogSink> installedSink{nullptr};
 
-/// A small number for the calling thread, in the order in which threads first logged.
-unsigned threadNumber() {
+/// Who logs: the process and a small number for the calling thread, in the order in which threads
+/// first logged.
+std::string_view origin() {
   static std::atomic<unsigned> last{0};
-  thread_local const unsigned number = ++last;
-  return number;
+  thread_local const std::string text = fmt::format(" tandor-provider[{}:{}] ", ::getpid(), ++last);
+  return text;
 }
 
 /// The local date and time down to the second; formatting it is the dear part of a line.
 std::string_view localTime(std::chrono::sys_seconds second) {
   thread_local std::chrono::sys_seconds cachedSecond{};
-  thread_local fmt::memory_buffer cached;
-  if (cached.size() == 0 || second != cachedSecond) {
-    cached.clear();
-    fmt::format_to(std::back_inserter(cached), "{:%Y-%m-%d %H:%M:%S}",
-                   fmt::localtime(std::chrono::system_clock::to_time_t(second)));
+  thread_local std::string cached;
+  if (cached.empty() || second != cachedSecond) {
+    cached = fmt::format("{:%Y-%m-%d %H:%M:%S}",
+                         fmt::localtime(std::chrono::system_clock::to_time_t(second)));
     cachedSecond = second;
   }
-  return {cached.data(), cached.size()};
+  return cached;
+}
+
+/// The microseconds of a second, behind a point.
+std::array<char, 7> fraction(std::int64_t micros) noexcept {
+  std::array<char, 7> text{'.'};
+  for (std::size_t index = text.size() - 1; index > 0; --index, micros /= 10)
+    text[index] = static_cast<char>('0' + micros % 10);
+  return text;
 }
 
 void writeWhole(std::string_view line) noexcept {
@@ -56,21 +67,21 @@ class Gathered {
   Gathered& operator=(const Gathered&) = delete;
   ~Gathered() { flush(); }
   void begin() noexcept { isGathering_ = true; }
-  /// Adds a line: what `format` writes to the given place.
-  void add(auto format) {
+  /// Adds a line, which is given in pieces.
+  void add(std::initializer_list<std::string_view> pieces) {
     constexpr std::size_t manyBytes = std::size_t{16} * 1024;
-    format(std::back_inserter(lines_));
+    for (const std::string_view piece : pieces) lines_ += piece;
     if (!isGathering_ || lines_.size() >= manyBytes) flush();
   }
   void flush() noexcept {
-    if (lines_.size() == 0) return;
-    writeWhole({lines_.data(), lines_.size()});
+    if (lines_.empty()) return;
+    writeWhole(lines_);
     lines_.clear();
   }
 
  private:
   bool isGathering_ = false;
-  fmt::memory_buffer lines_;
+  std::string lines_;
 };
 thread_local Gathered gathered;
 
@@ -92,11 +103,12 @@ void NSLog(std::string_view message) {
   const auto now = std::chrono::system_clock::now();
   const auto second = std::chrono::floor<std::chrono::seconds>(now);
   const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now - second).count();
-  static const pid_t pid = ::getpid();
-  gathered.add([&, process = pid](auto out) {
-    fmt::format_to(out, "{}.{:06} tandor-provider[{}:{}] {}\n", localTime(second), micros, process,
-                   threadNumber(), message);
-  });
+  const auto behindTheSecond = fraction(micros);
+  gathered.add({localTime(second),
+                {behindTheSecond.data(), behindTheSecond.size()},
+                origin(),
+                message,
+                "\n"});
 }
 
 void setNSLogSink(NSLogSink sink) noexcept {

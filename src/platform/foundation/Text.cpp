@@ -71,6 +71,7 @@ std::optional<std::string> decodeUTF8(Bytes bytes) {
 }
 
 std::string decodeUTF8Repairing(Bytes bytes) {
+  if (isUTF8(bytes)) return {bytes.begin(), bytes.end()};
   std::string text;
   text.reserve(bytes.size());
   while (!bytes.empty()) {
