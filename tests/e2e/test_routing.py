@@ -51,6 +51,23 @@ class Modes(EndToEnd):
                     flow.close()
             self.assertEqual(self.daemon.status()["flows"]["taken"], taken)
 
+    def test_applications_and_relay_share_no_port(self):
+        """Without a VPN both sides of a flow talk from the same address to the same server."""
+        range_file = "/proc/sys/net/ipv4/ip_local_port_range"
+        without_vpn = "via 192.0.2.1 dev eth0 metric 9"
+        ports, flows = self.lab.app.read(range_file), 80
+        self.lab.app.ip("route add default " + without_vpn)
+        self.lab.app.write(range_file, "40000 40399")
+        try:
+            self.start("directlyWhiteList")
+            self.listed.call("connect_many", WEB, flows)
+            self.assertEqual(self.listed.call("exchange_kept", b"hello"), flows)
+            self.assertEqual(len(self.daemon.flows()), flows)
+        finally:
+            self.listed.call("release_all")
+            self.lab.app.write(range_file, ports)
+            self.lab.app.ip("route del default " + without_vpn)
+
     def test_ipv4_in_ipv6_sockets_is_ipv4(self):
         self.start("directlyWhiteList")
         mapped = ("::ffff:" + SERVER, 80)

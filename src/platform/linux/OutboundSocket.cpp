@@ -10,7 +10,23 @@
 
 namespace tandor {
 
-std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParameters& parameters) {
+namespace {
+
+/// Takes a port that the kernel gives to nobody who does not ask for one; sockets of ours share it.
+/// Without one the connection has the kernel's choice.
+void takePort(const FileDescriptor& socket, int family) noexcept {
+  const int on = 1;
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in6 anywhere{};  // in IPv4's form, too, all else is zero
+  anywhere.sin6_family = static_cast<sa_family_t>(family);
+  static_cast<void>(
+      ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&anywhere), sizeof anywhere));
+}
+
+}  // namespace
+
+std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParameters& parameters,
+                                                      OutboundPort port) {
   const bool isStream = parameters.transport == NWParameters::Transport::tcp;
   FileDescriptor socket(
       ::socket(family, (isStream ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -27,6 +43,7 @@ std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParame
     if (::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, interface->name.c_str(),
                      static_cast<socklen_t>(interface->name.size())) != 0)
       return std::unexpected(errno);
+    if (isStream && port == OutboundPort::ofItsOwn) takePort(socket, family);
   }
   return socket;
 }

@@ -73,12 +73,8 @@ void SocketConnection::resolved(const Resolver::Answer& answer) {
 void SocketConnection::tryNextAddress() {
   while (search_->next < search_->addresses.size()) {
     const SocketAddress address = search_->addresses[search_->next++];
-    auto socket = makeOutboundSocket(address.family(), search_->parameters);
-    int error = socket ? 0 : socket.error();
-    if (error == 0) {
-      noteOutbound(address);
-      error = attempt(std::move(*socket), address);
-    }
+    noteOutbound(address);
+    const int error = connectTo(address);
     if (error == 0) {
       // Many may be under way at once: they keep no more than they need.
       if (search_ != nullptr && search_->next == search_->addresses.size()) search_ = nullptr;
@@ -87,6 +83,16 @@ void SocketConnection::tryNextAddress() {
     search_->lastError = error;
   }
   reportFailure(search_->lastError);
+}
+
+int SocketConnection::connectTo(const SocketAddress& address) {
+  for (int triesLeft = 8;; --triesLeft) {
+    auto socket = makeOutboundSocket(address.family(), search_->parameters,
+                                     triesLeft > 0 ? OutboundPort::ofItsOwn : OutboundPort::any);
+    if (!socket) return socket.error();
+    const int error = attempt(std::move(*socket), address);
+    if (error != EADDRNOTAVAIL || triesLeft == 0) return error;
+  }
 }
 
 void SocketConnection::noteOutbound(const SocketAddress& address) {

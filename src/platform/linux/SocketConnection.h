@@ -46,6 +46,8 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   void begin();
   void resolved(const Resolver::Answer& answer);
   void tryNextAddress();
+  /// Begins to connect a new socket; returns an error number.
+  [[nodiscard]] int connectTo(const SocketAddress& address);
   /// Lets the flow that is relayed show where to.
   void noteOutbound(const SocketAddress& address);
   void reportFailure(int error);
