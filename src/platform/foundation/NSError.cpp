@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 
 namespace tandor {
-
 namespace {
 
 NSError makePosixError(int number) {
@@ -18,7 +17,7 @@ NSError makePosixError(int number) {
 }  // namespace
 
 NSError NSError::posix(int errorNumber) {
-  // With every flow that ends comes one: they are made once.
+  // Every flow that ends brings one: those that the system has are made once.
   constexpr int lastKnown = 133;
   static const auto known = [] {
     std::vector<NSError> errors;

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -71,7 +72,7 @@ std::optional<std::string> decodeUTF8(Bytes bytes) {
 }
 
 std::string decodeUTF8Repairing(Bytes bytes) {
-  if (isUTF8(bytes)) return {bytes.begin(), bytes.end()};
+  if (auto whole = decodeUTF8(bytes)) return std::move(*whole);
   std::string text;
   text.reserve(bytes.size());
   while (!bytes.empty()) {

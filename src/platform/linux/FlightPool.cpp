@@ -16,16 +16,16 @@ Data FlightPool::Block::append(std::span<const std::uint8_t> bytes) {
   return {*this, used_ - bytes.size(), bytes.size()};
 }
 
-bool FlightPool::Holder::canTake(std::size_t count) const noexcept {
+bool FlightPool::Holder::makesRoom(std::size_t count) noexcept {
   if (block == nullptr) return false;
   if (!block->isShared()) block->empty();
   return block->room() >= count;
 }
 
 void FlightPool::makeRoom(std::size_t count) {
-  if (current_.canTake(count)) return;
+  if (current_.makesRoom(count)) return;
   std::swap(current_, last_);
-  if (current_.canTake(count)) return;
+  if (current_.makesRoom(count)) return;
   current_ = {};
   void* const memory =
       ::mmap(nullptr, blockSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

@@ -44,7 +44,8 @@ class FlightPool {
   };
 
   struct Holder {
-    [[nodiscard]] bool canTake(std::size_t count) const noexcept;
+    /// Whether the block has so much room; one of which nobody else has a part begins anew.
+    [[nodiscard]] bool makesRoom(std::size_t count) noexcept;
 
     Data reference;  // keeps
     Block* block = nullptr;

@@ -9,7 +9,6 @@
 #include "platform/linux/Marks.h"
 
 namespace tandor {
-
 namespace {
 
 /// Takes a port that the kernel gives to nobody who does not ask for one; sockets of ours share it.
@@ -43,8 +42,8 @@ std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParame
     if (::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, interface->name.c_str(),
                      static_cast<socklen_t>(interface->name.size())) != 0)
       return std::unexpected(errno);
-    if (isStream && port == OutboundPort::ofItsOwn) takePort(socket, family);
   }
+  if (port == OutboundPort::ofItsOwn) takePort(socket, family);
   return socket;
 }
 

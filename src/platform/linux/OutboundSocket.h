@@ -8,10 +8,11 @@
 
 namespace tandor {
 
-/// Whose the port of a stream is that is bound to an interface. The kernel gives the same port to
-/// an application's socket, too, towards the same endpoint, because that one is bound to none; the
-/// replies to either may then reach the other. A port of its own is no application's, but may be in
-/// use by the daemon towards the same endpoint: then connecting fails with EADDRNOTAVAIL.
+/// How a socket comes to its port. `any`: by the kernel's choice at connecting. Of a stream that is
+/// bound to an interface, the kernel may give that port to an application's stream to the same
+/// endpoint as well, since that one is bound to none, and replies reach the wrong one of the two.
+/// `ofItsOwn`: by asking, which keeps it from whoever does not ask. Another of the daemon's sockets
+/// may have it towards the same endpoint; then connecting fails with EADDRNOTAVAIL.
 enum class OutboundPort : std::uint8_t { ofItsOwn, any };
 
 /// A new non-blocking socket of the daemon's own for the given address family: marked so that it is

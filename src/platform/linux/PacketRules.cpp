@@ -18,8 +18,9 @@ namespace {
 // The rules, for iptables-restore. The jumps are appended, so that other software's marks apply
 // first. A packet goes on from the queue at the next hook, so what follows a queueing rule in its
 // chain never sees it. Of TCP every SYN is asked: a reused pair of addresses must not inherit an
-// old answer. That a flow is taken is remembered by its first packet on lo: few packets get there,
-// and those of others pass one rule a hook.
+// old answer; its destination is one machine, since connecting to another kind fails. That a flow
+// is taken is remembered by its first packet on lo: few packets get there, and those of others pass
+// one rule a hook.
 
 /// Answers are remembered by our programs in the kernel.
 constexpr std::string_view mangleWithPrograms = R"(*mangle

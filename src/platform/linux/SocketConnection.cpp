@@ -9,6 +9,9 @@
 namespace tandor {
 namespace {
 
+/// Even where half of all ports are in use towards one endpoint, so many are hardly ever all taken.
+constexpr int mostPortsTried = 8;
+
 /// Errors of our own machine rather than of the way to the endpoint.
 bool isLocalFailure(int error) noexcept {
   return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS ||
@@ -86,12 +89,15 @@ void SocketConnection::tryNextAddress() {
 }
 
 int SocketConnection::connectTo(const SocketAddress& address) {
-  for (int triesLeft = 8;; --triesLeft) {
-    auto socket = makeOutboundSocket(address.family(), search_->parameters,
-                                     triesLeft > 0 ? OutboundPort::ofItsOwn : OutboundPort::any);
+  const NWParameters& parameters = search_->parameters;
+  const bool isBoundStream =
+      parameters.transport == NWParameters::Transport::tcp && parameters.requiredInterface;
+  for (int ports = isBoundStream ? mostPortsTried : 0;; --ports) {
+    auto socket = makeOutboundSocket(address.family(), parameters,
+                                     ports > 0 ? OutboundPort::ofItsOwn : OutboundPort::any);
     if (!socket) return socket.error();
     const int error = attempt(std::move(*socket), address);
-    if (error != EADDRNOTAVAIL || triesLeft == 0) return error;
+    if (error != EADDRNOTAVAIL || ports == 0) return error;
   }
 }
 
