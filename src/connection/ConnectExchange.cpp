@@ -1,8 +1,19 @@
 #include "connection/ConnectExchange.h"
 
+#include <algorithm>
+
 #include "platform/foundation/Text.h"
 
 namespace tandor {
+
+bool isHostName(std::string_view name) noexcept {
+  return std::ranges::all_of(name, [](char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||
+           (byte >= 'a' && byte <= 'z') || byte == '-' || byte == '_' || byte == '.' ||
+           byte == ':' || byte >= 0x80;
+  });
+}
 
 Data makeConnectRequest(std::string_view hostname, std::string_view port) {
   const std::string endpoint = std::string(hostname).append(":").append(port);

@@ -9,6 +9,10 @@
 
 namespace tandor {
 
+/// Whether a server name may become part of a request and of the log: letters, digits, "-", "_",
+/// ".", ":", and bytes from 0x80 on. An application may put anything into its hello.
+[[nodiscard]] bool isHostName(std::string_view name) noexcept;
+
 /// The request that asks an HTTP proxy for a tunnel (RFC 9110, 9.3.6): request line, Host and
 /// Proxy-Connection, blank line. Host name and port are inserted as they are.
 [[nodiscard]] Data makeConnectRequest(std::string_view hostname, std::string_view port);

@@ -72,7 +72,7 @@ void TandorProxyConnection::handleClientHello() {
 
 void TandorProxyConnection::decideRoute(NEAppProxyTCPFlow& flow, Data firstData) {
   const auto hostname = parseTlsHeader(firstData);
-  if (!hostname) {
+  if (!hostname || !isHostName(*hostname)) {
     if (isUTF8(firstData.bytes()) && firstData.characters().contains("HTTP/1.1")) {
       startRelay(std::move(firstData));
     } else {

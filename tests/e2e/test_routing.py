@@ -171,6 +171,7 @@ class Proxying(EndToEnd):
         hello = client_hello("www.example.org")
         neither = "parse sni info failed, request neither https nor http"
         cases = [(first, neither) for first in (
+            client_hello("a\r\nX-Evil: 1"), client_hello("a b"), client_hello("a/\x1b[2J"),
             b"SSH-2.0-OpenSSH_9.2\r\n", b"\x00\xff" * 100, b"GET / HTTP/1.0\r\n\r\n", hello[:5],
             b"GET / http/1.1\r\n\r\n", hello[:-1], b"GET / HTTP/1.1\r\nX: \xff\r\n\r\n")]
         cases += [(client_hello(name), "white list host name:" + name)
