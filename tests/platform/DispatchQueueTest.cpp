@@ -43,6 +43,29 @@ TEST_P(DispatchQueueTest, RunsEverythingOneAtATimeInTheOrderOfSubmission) {
   EXPECT_EQ(queue_->sync([&] { return count; }), threadCount * 3 * rounds);
 }
 
+TEST_P(DispatchQueueTest, DelayedBlocksComeInTimeOrAreCalledOff) {
+  std::string order;
+  DispatchQueue::DelayedBlock late;
+  DispatchQueue::DelayedBlock calledOff;
+  DispatchQueue::DelayedBlock soon;
+  const Awaited<bool> over;
+  const auto begin = std::chrono::steady_clock::now();
+  queue_->sync([&] {
+    late = queue_->after(40ms, [&] {
+      order += queue_->isCurrent() ? "c" : "?";
+      over.set(true);
+    });
+    calledOff = queue_->after(10ms, [&] { order += "b"; });
+    soon = queue_->after(1ms, [&] {
+      order += queue_->isCurrent() ? "a" : "?";
+      calledOff = nullptr;
+    });
+  });
+  static_cast<void>(over.get());
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 40ms);
+  EXPECT_EQ(queue_->sync([&] { return order; }), "ac");
+}
+
 TEST(DispatchQueue, SyncAndCarryOnTheQueueItselfRunAtOnce) {
   const auto queue = DispatchQueue::serial("queue");
   const auto inner = DispatchQueue::serial("inner");

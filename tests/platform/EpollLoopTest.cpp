@@ -1,4 +1,5 @@
 #include <atomic>
+#include <ctime>
 #include <sys/eventfd.h>
 #include <thread>
 
@@ -49,6 +50,25 @@ TEST_F(EpollLoopTest, TimersGoOffInOrderAndMayBeStoppedRestartedAndDestroyed) {
   EXPECT_GE(EpollLoop::Clock::now() - begin, 50ms);
   loop().post([&] { letters.clear(); });
   passThrough();
+}
+
+TEST_F(EpollLoopTest, SleepsWhenItsLastPostedBlockWasRunEarly) {
+  const auto pinned = queue();
+  const auto used = [] {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  };
+  std::chrono::nanoseconds before{};
+  const Awaited<std::chrono::nanoseconds> after;
+  DispatchQueue::DelayedBlock later;
+  pinned->async([&] {
+    pinned->async([] {});
+    pinned->sync([] {});  // runs what waits before it
+    before = used();
+    later = pinned->after(100ms, [&] { after.set(used()); });
+  });
+  EXPECT_LT(after.get() - before, 50ms);
 }
 
 TEST_F(EpollLoopTest, CompletionsComeBeforeDeferredStepsAndEachTaskOnce) {

@@ -6,12 +6,56 @@
 #include <cstdint>
 #include <deque>
 #include <future>
+#include <map>
 #include <mutex>
 #include <semaphore>
 #include <thread>
 
 namespace tandor {
 namespace {
+
+/// A thread that calls functions when their time has come. They must be short.
+class Clock {
+ public:
+  using Time = std::chrono::steady_clock::time_point;
+
+  [[nodiscard]] static Clock& shared() {
+    // Never destroyed: its thread runs until the process ends.
+    static Clock& clock = *new Clock;  // NOLINT(cppcoreguidelines-owning-memory)
+    return clock;
+  }
+
+  void callAt(Time time, DispatchQueue::Block function) {
+    const std::scoped_lock lock(mutex_);
+    const auto position = waiting_.emplace(time, std::move(function));
+    if (position == waiting_.begin()) changed_.notify_one();
+  }
+
+ private:
+  Clock() {
+    std::thread([this] { run(); }).detach();
+  }
+
+  void run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      if (waiting_.empty()) {
+        changed_.wait(lock);
+      } else if (waiting_.begin()->first > std::chrono::steady_clock::now()) {
+        changed_.wait_until(lock, Time(waiting_.begin()->first));
+      } else {
+        auto due = waiting_.extract(waiting_.begin());
+        lock.unlock();
+        due.mapped()();
+        lock.lock();
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::multimap<Time, DispatchQueue::Block> waiting_;  // guarded by mutex_
+};
 
 /// A thread that waits in sync() runs its own block when its turn comes, and those before it that
 /// no thread of the pool has come to run yet: these may all be waiting so themselves.
@@ -24,6 +68,19 @@ class FreeQueue final : public DispatchQueue {
     waiting_.push_back({std::move(block), nullptr});
     if (std::exchange(isRunning_, true)) return;
     scheduleDrain();
+  }
+
+  DelayedBlock after(std::chrono::milliseconds delay, Block block) override {
+    auto delayed = std::make_shared<Block>(std::move(block));
+    Clock::shared().callAt(std::chrono::steady_clock::now() + delay,
+                           [queue = weak_from_this(), weak = std::weak_ptr(delayed)] {
+                             const auto alive = queue.lock();
+                             if (alive == nullptr || weak.expired()) return;
+                             alive->async([weak] {
+                               if (const auto due = weak.lock()) (*due)();
+                             });
+                           });
+    return delayed;
   }
 
  private:
@@ -125,6 +182,10 @@ class PinnedQueue final : public DispatchQueue {
           run();
         },
         this);
+  }
+
+  DelayedBlock after(std::chrono::milliseconds delay, Block block) override {
+    return affinity()->loop().after(delay, std::move(block));
   }
 
  private:

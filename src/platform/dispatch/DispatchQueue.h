@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <concepts>
 #include <functional>
 #include <memory>
@@ -37,6 +38,11 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 
   /// Runs `block` later, after everything submitted before it. Any thread.
   virtual void async(Block block) = 0;
+
+  using DelayedBlock = EventLoop::DelayedBlock;
+  /// Runs `block` on the queue when `delay` is over, unless what is returned has been let go of by
+  /// then, on the queue. On the queue.
+  [[nodiscard]] virtual DelayedBlock after(std::chrono::milliseconds delay, Block block) = 0;
 
   /// Runs `function` under the queue's exclusion, after everything submitted before it, and returns
   /// its result. Blocks the caller until then; runs on the caller's thread where that is cheaper.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -28,6 +29,11 @@ class EventLoop {
   virtual void post(Block block, const DispatchQueue* queue = nullptr) = 0;
   /// Runs the posted blocks of `queue` that still wait, now, in their order. On the loop's thread.
   virtual void runPosted(const DispatchQueue& queue) = 0;
+
+  /// A block that waits for its time. Letting go of it, on the loop's thread, calls it off.
+  using DelayedBlock = std::shared_ptr<const void>;
+  /// Runs `block` when `delay` is over. On the loop's thread.
+  [[nodiscard]] virtual DelayedBlock after(std::chrono::milliseconds delay, Block block) = 0;
 
  protected:
   /// Called by the loop's thread as its first act, and with null as its last.

@@ -22,6 +22,26 @@ constexpr int stepsPerTurn = 64;
 constexpr auto idleAfter = 1000ms;
 constexpr auto longestWait = 60'000ms;
 
+/// A block that waits for its time, as its owner holds it.
+class BlockOfTimer final : public EpollLoop::Resident {
+ public:
+  BlockOfTimer(EpollLoop& loop, EventLoop::Block block)
+      : block_(std::move(block)), timer_(loop, EpollLoop::Call::to<&BlockOfTimer::run>(this)) {
+    settle(loop);
+  }
+  void start(std::chrono::milliseconds delay) { timer_.start(delay); }
+
+ private:
+  void run() {
+    // Nobody holds it any more: it is to be destroyed at the end of this turn.
+    if (self() == nullptr) return;
+    std::exchange(block_, nullptr)();
+  }
+
+  EventLoop::Block block_;
+  EpollLoop::Timer timer_;
+};
+
 }  // namespace
 
 void EpollLoop::TaskList::append(Task& task) noexcept {
@@ -100,9 +120,16 @@ void EpollLoop::runPosted(const DispatchQueue& queue) {
       if (next == posted_.end()) return;
       block = std::move(next->block);
       posted_.erase(next);
+      hasPosted_ = !posted_.empty();
     }
     block();
   }
+}
+
+EventLoop::DelayedBlock EpollLoop::after(std::chrono::milliseconds delay, Block block) {
+  const auto delayed = makeResident<BlockOfTimer>(*this, std::move(block));
+  delayed->start(delay);
+  return delayed;
 }
 
 void EpollLoop::retire(std::unique_ptr<Resident> resident) {

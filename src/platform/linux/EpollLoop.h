@@ -161,6 +161,7 @@ class EpollLoop final : public EventLoop {
 
   void post(Block block, const DispatchQueue* queue = nullptr) override;
   void runPosted(const DispatchQueue& queue) override;
+  [[nodiscard]] DelayedBlock after(std::chrono::milliseconds delay, Block block) override;
   /// Takes an object that nobody refers to any more. Any thread.
   void retire(std::unique_ptr<Resident> resident);
 
