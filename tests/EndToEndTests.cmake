@@ -16,6 +16,8 @@ set(classes
   relay.Bulk
   relay.Datagrams
   relay.Mass
+  relay.Answers
+  relay.Departures
   relay.AwkwardEnds
   control.ControlSocket
   lifecycle.UnderLoad

@@ -26,6 +26,7 @@ void TandorProxyConnection::cancelNWConnection() {
   connection_->setStateUpdateHandler(nullptr);
   connection_->cancel();
   connection_ = nullptr;
+  tunnelLimit_ = nullptr;
 }
 
 void TandorProxyConnection::closeFlowWithError(const std::optional<NSError>& error) {
@@ -34,6 +35,19 @@ void TandorProxyConnection::closeFlowWithError(const std::optional<NSError>& err
   flow.closeWriteWithError(error);
   state_ = ConnectionState::invalid;
   if (const auto delegate = delegate_.lock()) delegate->proxyConnectionDidClose(*this);
+}
+
+void TandorProxyConnection::observeDeparture(std::chrono::seconds patience) {
+  const auto* tcp = network_.tcp();
+  if (tcp == nullptr) return;
+  tcp->sourceFlow->observeDeparture(
+      std::shared_ptr<NEFlowDepartureObserver>(shared_from_this(), this), patience);
+}
+
+void TandorProxyConnection::applicationDidDepart(const std::optional<NSError>& error) {
+  nwQueue_->carry([self = shared_from_this(), error] {
+    if (self->state_ == ConnectionState::start) self->endWithError(error);
+  });
 }
 
 void TandorProxyConnection::endWithError(const std::optional<NSError>& error) {

@@ -6,6 +6,7 @@
 namespace tandor {
 
 void TandorProxyConnection::startRelay(std::optional<Data> firstData, const Data& behind) {
+  observeDeparture(departedRelayPatience);
   copyFlowDataToNWConnection(std::move(firstData));
   copyNWConnectionDataToFlow(behind);
 }

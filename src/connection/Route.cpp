@@ -11,6 +11,7 @@ void TandorProxyConnection::start() {
   nwQueue_->sync([this] {
     cancelNWConnection();
     state_ = ConnectionState::start;
+    observeDeparture(departedPatience);
     if (const auto* proxy = mode_.httpProxy()) {
       startHttpProxy(proxy->endPoint);
     } else if (auto started = startDirectly(mode_.directly()->interface, std::nullopt); !started) {
@@ -101,6 +102,7 @@ void TandorProxyConnection::requestTunnel(const std::string& hostname, const std
     log("=============>" + text.value_or("null"));
   }
   if (connection_ == nullptr) return;
+  limitTunnelRequest(firstData);
   connection_->send(
       std::move(request), NWConnection::ContentContext::defaultMessage, /*isComplete=*/true,
       [self = shared_from_this(), connection = connection_.get(),
@@ -115,6 +117,7 @@ void TandorProxyConnection::requestTunnel(const std::string& hostname, const std
         self->handleConnectRequestServerResponseCompletion(
             [&proxied = *self, firstData = std::move(firstData)](bool isEstablished,
                                                                  const Data& behind) mutable {
+              proxied.tunnelLimit_ = nullptr;
               if (isEstablished) {
                 proxied.startRelay(std::move(firstData), behind);
               } else {
@@ -122,6 +125,13 @@ void TandorProxyConnection::requestTunnel(const std::string& hostname, const std
               }
             });
       });
+}
+
+void TandorProxyConnection::limitTunnelRequest(const Data& firstData) {
+  tunnelLimit_ = nwQueue_->after(tunnelPatience, [weakSelf = weak_from_this(), firstData] {
+    if (const auto self = weakSelf.lock())
+      self->toDirectMode("nw connect request establish failed", firstData);
+  });
 }
 
 bool TandorProxyConnection::checkShouldFallbackToDirectMode(std::string_view hostname) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <expected>
 #include <functional>
@@ -44,7 +45,8 @@ class TandorProxyConnectionDelegate {
 /// completions are carried there, start() and closeAllConnWithError() enter it synchronously. The
 /// provider's registry owns it until proxyConnectionDidClose; pending operations of the relay own
 /// it until they have completed. Objects are equal only to themselves.
-class TandorProxyConnection final : public std::enable_shared_from_this<TandorProxyConnection> {
+class TandorProxyConnection final : public std::enable_shared_from_this<TandorProxyConnection>,
+                                    private NEFlowDepartureObserver {
   struct MakeOnly {};
 
  public:
@@ -91,6 +93,12 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
  private:
   using StartResult = std::expected<void, TandorProxyError>;
 
+  /// How long the proxy may take to answer a CONNECT request; then it has refused it.
+  static constexpr std::chrono::seconds tunnelPatience{30};
+  /// How long bytes of an application that has gone wait for their way out to be open, and once it
+  /// is, for somebody to take them.
+  static constexpr std::chrono::seconds departedPatience{3};
+  static constexpr std::chrono::seconds departedRelayPatience{60};
   /// The most that one receive brings from the outbound connection, in bytes.
   static constexpr std::size_t maximumReceiveLength = 2048;
 
@@ -99,6 +107,10 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   void closeFlowWithError(const std::optional<NSError>& error);
   /// The cancel step, then the close of the flow: how every connection ends.
   void endWithError(const std::optional<NSError>& error);
+  /// Wants to be told when the application has gone and its bytes have not been taken for so long.
+  void observeDeparture(std::chrono::seconds patience);
+  /// Nobody takes the bytes of an application that has gone. On the flow's thread.
+  void applicationDidDepart(const std::optional<NSError>& error) override;
   /// Whether a completion still matters: those of a cancelled or replaced connection do nothing.
   [[nodiscard]] bool isCurrent(const NWConnection* connection) const noexcept {
     return connection_.get() == connection;
@@ -117,6 +129,8 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   [[nodiscard]] StartResult startDirectly(std::optional<NWInterface> interface,
                                           std::optional<Data> firstData);
   [[nodiscard]] static std::shared_ptr<NWConnection> newNWConnection(const NWNetwork& network);
+  /// Takes the proxy's silence for a refusal when it lasts.
+  void limitTunnelRequest(const Data& firstData);
   /// Told whether the proxy made the tunnel, and the bytes of the tunnel that came with the reply.
   using TunnelCompletion = std::move_only_function<void(bool isEstablished, const Data& behind)>;
   /// Receives the proxy's reply: one piece, or as many as its head has when the status counts. The
@@ -154,6 +168,7 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   const UUID identifier_ = UUID::random();
   std::weak_ptr<TandorProxyConnectionDelegate> delegate_;
   const std::shared_ptr<DispatchQueue> nwQueue_;
+  DispatchQueue::DelayedBlock tunnelLimit_;  // while the proxy's answer is waited for
   /// Datagrams of the last flow read that wait for their turn to be sent, last one first.
   std::vector<Data> datagramsToSend_;
 };

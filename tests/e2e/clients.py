@@ -130,6 +130,28 @@ def exchange_many(address, count, at_once, request, resets=0):
         return collections.Counter(pool.map(exchange, range(count)))
 
 
+def ask_many(address, count, at_once, request):
+    """`count` connections, `at_once` at the same time, each of which sends `request`, as far as it is
+    taken, and reads to the end; how many got how many bytes, and what ended them."""
+
+    def ask(_):
+        received = 0
+        with socket.create_connection(address, TIMEOUT) as stream:
+            try:
+                stream.sendall(request)
+            except OSError:
+                pass  # an answer may have come all the same
+            try:
+                while piece := stream.recv(1 << 16):
+                    received += len(piece)
+                return received, "end"
+            except OSError as error:
+                return received, errno.errorcode.get(error.errno, "unanswered")
+
+    with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
+        return collections.Counter(pool.map(ask, range(count)))
+
+
 def echo_bulk(address, amount):
     """Whether so many bytes come back from an echo as they went."""
     with socket.create_connection(address, TIMEOUT) as stream:

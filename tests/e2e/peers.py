@@ -1,10 +1,13 @@
 """What applications talk to: servers and proxies of the laboratory, and the bytes that they know."""
 
+import fcntl
 import select
 import selectors
 import socket
 import struct
+import termios
 import threading
+import time
 
 from clients import read, socket_reset
 from namespaces import PATIENCE, eventually
@@ -40,6 +43,11 @@ class Listener:
 
     def fileno(self):
         return self._socket.fileno()
+
+    def shut(self):
+        """Ends a wait in accept(), too."""
+        self._socket.shutdown(socket.SHUT_RDWR)
+        self.close()
 
     def close(self):
         self._socket.close()
@@ -79,6 +87,36 @@ class Peer:
             return "end"
         except ConnectionResetError:
             return "reset"
+
+
+class Refuser:
+    """Answers the first bytes that come, takes no others, and resets when its answer has arrived."""
+
+    def __init__(self, namespace, address):
+        self.answer = b""
+        self._listener = Listener(namespace, address)
+        threading.Thread(target=self._run, daemon=True).start()
+
+    def _run(self):
+        while True:
+            try:
+                peer = self._listener.accept()
+            except TimeoutError:
+                continue
+            except OSError:
+                return
+            threading.Thread(target=self._serve, args=(peer,), daemon=True).start()
+
+    def _serve(self, peer):
+        peer.read(100)
+        peer.send(self.answer)
+        unacknowledged = bytearray(4)
+        while fcntl.ioctl(peer.socket, termios.TIOCOUTQ, unacknowledged) or any(unacknowledged):
+            time.sleep(0.001)
+        peer.reset()
+
+    def close(self):
+        self._listener.shut()
 
 
 class Echo:

@@ -1,5 +1,6 @@
 """What becomes of the bytes, and of flows whose ends come at awkward moments."""
 
+import itertools
 import socket
 import threading
 import time
@@ -9,7 +10,7 @@ import clients
 from daemon import PROXY
 from lab import OTHER, SERVER, VPN, EndToEnd
 from namespaces import SLOWNESS, end, eventually
-from peers import ESTABLISHED, Echo, Listener, bound, client_hello
+from peers import ESTABLISHED, Echo, Listener, Refuser, bound, client_hello
 
 WEB, QUIC = (SERVER, 80), (SERVER, 443)
 #: Nobody answers there, not even with a refusal.
@@ -131,6 +132,64 @@ class Mass(EndToEnd):
         self.listed.call("release_all")
 
 
+class Answers(EndToEnd):
+    def test_answers_of_a_server_that_resets(self):
+        """Natively every byte that has arrived can be read before the reset is seen."""
+        server = self.closing(Refuser(self.lab.net, WEB))
+        self.start("directlyWhiteList")
+        count = 200 // SLOWNESS
+        for application, size, at_once in itertools.product(
+                (self.unlisted, self.listed), (500, 30_000, 200_000), (1, 4, 16, 50)):
+            with self.subTest(application=application.name, size=size, at_once=at_once):
+                server.answer = bytes(size)
+                outcomes = application.call("ask_many", WEB, count, at_once, bytes(40_000))
+                self.assertEqual(outcomes, {(size, "ECONNRESET"): count})
+
+
+class Departures(EndToEnd):
+    """Flows that nobody reads yet: the proxy does not answer, or the destination."""
+
+    @staticmethod
+    def leave(application, flow, ending):
+        if ending == "kill":
+            application.process.kill()
+        elif ending == "half-close":
+            flow.shutdown(1)
+        else:
+            getattr(flow, ending)()
+
+    def test_flows_whose_application_has_gone(self):
+        hello = client_hello("www.example.org")
+        self.closing(Listener(self.lab.net, PROXY))  # connects, and says nothing
+        server = self.closing(Listener(self.lab.net, QUIC))
+        self.start("webProxy")
+        patient = self.listed.connect(QUIC)
+        patient.sendall(hello)
+        begin = time.monotonic()
+        for mode, address in (("webProxy", QUIC), ("directlyWhiteList", BLACK_HOLE)):
+            self.daemon.update(mode, [self.listed.program])
+            flows = []
+            for ending in ("close", "reset", "kill", "half-close"):
+                application = self.closing(self.listed.twin())
+                flow = application.connect(address)
+                flow.sendall(hello)
+                flows.append((application, flow, ending))
+            eventually(lambda: len(self.daemon.flows()) == 5)
+            for application, flow, ending in flows:
+                self.leave(application, flow, ending)
+            eventually(lambda: len(self.daemon.flows()) == 2, "those that have gone end", 8)
+            time.sleep(4)
+            self.assertEqual(len(self.daemon.flows()), 2)  # who has only finished sending waits
+            flows[-1][0].process.kill()
+            eventually(lambda: len(self.daemon.flows()) == 1, "so does the last", 8)
+        # A proxy that never answers has refused the tunnel.
+        peer = self.closing(server.accept())
+        self.assertGreater(time.monotonic() - begin, 29)
+        self.assertEqual(peer.read(len(hello)), hello)
+        patient.close()
+        self.daemon.await_no_flows()
+
+
 class AwkwardEnds(EndToEnd):
     def setUp(self):
         super().setUp()
@@ -236,6 +295,17 @@ class AwkwardEnds(EndToEnd):
                                                             for _ in range(1000)])
                 getattr(flow, ending)()
                 peer.ending() if ending == "reset" else peer.reset()
+        for ending in ("reset", "close with unread bytes"):
+            with self.subTest(ending):
+                flow, peer = self.flow()
+                flow.sendall(b"not all of it")
+                self.assertEqual(peer.read(13), b"not all of it")
+                if ending != "reset":
+                    peer.send(b"never read")
+                    eventually(lambda: self.daemon.flows()[-1]["bytesIn"] >= 17)
+                    time.sleep(0.05)
+                flow.close() if ending != "reset" else flow.reset()
+                self.assertEqual(peer.ending(), "reset")
         self.daemon.await_no_flows()
 
     def test_the_application_ends_while_it_receives(self):

@@ -56,6 +56,7 @@ class StreamTest : public LoopTest, public testing::WithParamInterface<Kind> {
       settle();
       if (!held_.isSet()) return accepted;
       EXPECT_EQ(codeOf(held_.get()), 0);
+      EXPECT_EQ(codeOf(stream.write("").get()), 0);  // nothing to send, behind what may be unsent
     }
     return most;
   }

@@ -76,6 +76,9 @@ class InterceptedFlow : public EpollLoop::Resident {
   /// now; when it is late, any flow does, and its application sees that something is missing. On
   /// the loop.
   virtual void letGo(bool /*isLate*/) {}
+  /// Whether the application has reset the flow, or has gone and left bytes behind that nobody
+  /// took: where they went must not look complete. On the loop.
+  [[nodiscard]] virtual bool isGivenUp() const noexcept { return false; }
 
  protected:
   [[nodiscard]] const NEFlowMetaData& originMetaData() const noexcept { return *origin_.metaData; }

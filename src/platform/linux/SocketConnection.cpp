@@ -101,9 +101,13 @@ int SocketConnection::connectTo(const SocketAddress& address) {
   }
 }
 
-void SocketConnection::noteOutbound(const SocketAddress& address) {
+std::shared_ptr<InterceptedFlow> SocketConnection::flow() const {
   const auto* affinity = dynamic_cast<const InterceptedFlow::Affinity*>(queue_->affinity().get());
-  const auto flow = affinity != nullptr ? affinity->flow() : nullptr;
+  return affinity != nullptr ? affinity->flow() : nullptr;
+}
+
+void SocketConnection::noteOutbound(const SocketAddress& address) {
+  const auto flow = this->flow();
   if (flow == nullptr) return;
   const auto& interface = search_->parameters.requiredInterface;
   flow->setOutbound(address, interface ? interface->name : std::string());
@@ -210,7 +214,8 @@ void SocketConnection::cancel() {
   }
   onLoop([this] {
     if (std::exchange(isCancelled_, true)) return;
-    finish();
+    const auto flow = this->flow();
+    flow != nullptr && flow->isGivenUp() ? abort() : finish();
     report(State::Kind::cancelled);
     scheduleRefusal();
   });

@@ -10,6 +10,8 @@
 
 namespace tandor {
 
+class InterceptedFlow;
+
 /// What outbound connections over TCP and UDP share: the states and their handler, resolution, and
 /// the turn of the addresses. Lives on the loop that its queue is pinned to, else on a given one.
 class SocketConnection : public NWConnection, public EpollLoop::Resident {
@@ -34,6 +36,8 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   virtual void receiveContent(std::size_t minimum, std::size_t maximum) = 0;
   /// Closes the socket, in order if it is connected.
   virtual void finish() = 0;
+  /// Closes it so that its peer sees a failure.
+  virtual void abort() = 0;
 
   /// The attempt succeeded (0) or failed; a failed one is followed by the next address.
   void attemptEnded(int error);
@@ -43,6 +47,8 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   [[nodiscard]] EpollLoop& loop() const noexcept { return *residence(); }
 
  private:
+  /// The flow that is relayed; null when there is none or it has ended.
+  [[nodiscard]] std::shared_ptr<InterceptedFlow> flow() const;
   void begin();
   void resolved(const Resolver::Answer& answer);
   void tryNextAddress();

@@ -4,8 +4,11 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
+#include <netinet/tcp.h>
 #include <utility>
 #include <vector>
+
+#include "platform/linux/SocketDiagnosis.h"
 
 namespace tandor {
 namespace {
@@ -30,6 +33,26 @@ std::size_t firstFlightLength(Bytes bytes) noexcept {
 }
 
 constexpr auto firstFlightPatience = std::chrono::milliseconds(300);
+
+/// A reset gives up what the application has sent: only what is being read just now goes on.
+constexpr auto resetPatience = std::chrono::milliseconds(100);
+constexpr auto departureCheck = std::chrono::seconds(1);
+
+bool isReset(int socket) {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  return ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+         info.tcpi_state == TCP_CLOSE;
+}
+
+/// Whether no process holds the application's socket any more. One that has only ended its sending
+/// side waits for an answer.
+bool isAbandoned(const FlowKey& flow) {
+  auto diagnosis = SocketDiagnosis::make();
+  if (!diagnosis) return false;
+  const auto facts = diagnosis->find(flow, 0);
+  return !facts || facts->inode == 0;
+}
 
 std::optional<NSError> systemError(int number) {
   if (number == 0) return std::nullopt;
@@ -56,6 +79,20 @@ class SocketTCPFlow::FirstFlight {
  private:
   std::vector<std::uint8_t> bytes_;
   EpollLoop::Timer timer_;
+};
+
+/// What is known of an application that has ended its side while nobody reads.
+struct SocketTCPFlow::Departure {
+  explicit Departure(SocketTCPFlow& flow)
+      : timer(*flow.residence(), EpollLoop::Call::to<&SocketTCPFlow::checkDeparture>(&flow)),
+        bytesRead(flow.stream_->bytesRead()) {
+    timer.start(resetPatience);
+  }
+
+  EpollLoop::Timer timer;
+  bool hasLeft = false;
+  std::uint64_t bytesRead;
+  EpollLoop::Clock::time_point since;  // from when on neither has changed
 };
 
 SocketTCPFlow::SocketTCPFlow(Origin origin, FlowRegistry& registry)
@@ -175,11 +212,12 @@ void SocketTCPFlow::closeWriteWithError(const std::optional<NSError>& error) {
 void SocketTCPFlow::close(bool& isDirectionClosed, const std::optional<NSError>& error) {
   if (std::exchange(isDirectionClosed, true)) return;
   residence()->schedule(answer_);
+  departure_ = nullptr;
   if (!closeError_) closeError_ = error;
   if (unopened_.isOpen()) {
     refuse();
   } else if (closeError_) {
-    stream_->reset();
+    stream_->finishWithReset(StreamSocket::Peer::local);
   } else if (isClosed()) {
     stream_->finish(StreamSocket::Peer::local);
   } else if (isWriteClosed_) {
@@ -222,12 +260,45 @@ void SocketTCPFlow::streamDidEnd(int error) {
     deliverFirstFlight();  // the next read meets the same end
     return;
   }
+  isGivenUp_ = isGivenUp_ || error != 0;
   if (auto completion = std::exchange(readCompletion_, nullptr))
     completion(error == 0 ? std::optional<Data>(Data()) : std::nullopt, systemError(error));
 }
 
 void SocketTCPFlow::streamDidWrite(int error) {
   if (auto completion = std::exchange(writeCompletion_, nullptr)) completion(systemError(error));
+}
+
+void SocketTCPFlow::observeDeparture(std::weak_ptr<NEFlowDepartureObserver> observer,
+                                     std::chrono::seconds patience) {
+  onLoop([this, observer = std::move(observer), patience]() mutable {
+    departureObserver_ = std::move(observer);
+    departurePatience_ = patience;
+  });
+}
+
+void SocketTCPFlow::streamDidHangUp() {
+  if (departure_ == nullptr && !departureObserver_.expired())
+    departure_ = std::make_unique<Departure>(*this);
+}
+
+void SocketTCPFlow::checkDeparture() {
+  const auto now = EpollLoop::Clock::now();
+  const bool hasReset = isReset(stream_->descriptor());
+  const bool hasLeft = hasReset || isAbandoned(key());
+  const std::uint64_t bytesRead = stream_->bytesRead();
+  if (hasLeft != std::exchange(departure_->hasLeft, hasLeft) ||
+      bytesRead != std::exchange(departure_->bytesRead, bytesRead))
+    departure_->since = now;
+  const auto patience = hasReset ? EpollLoop::Clock::duration(resetPatience) : departurePatience_;
+  if (!hasLeft || now - departure_->since < patience) {
+    departure_->timer.start(hasReset ? resetPatience : departureCheck);
+    return;
+  }
+  departure_ = nullptr;
+  isGivenUp_ = true;
+  if (const auto observer = departureObserver_.lock())
+    observer->applicationDidDepart(NSError::posix(ECONNRESET));
 }
 
 void SocketTCPFlow::answer() {

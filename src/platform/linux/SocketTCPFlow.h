@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -35,6 +36,8 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   [[nodiscard]] bool isRefused() const noexcept { return isReadClosed_ || isWriteClosed_; }
 
   void letGo(bool isLate) override;
+  /// Whether the application has given the flow up: what it has sent is not all that it meant to.
+  [[nodiscard]] bool isGivenUp() const noexcept override { return isGivenUp_; }
 
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
   [[nodiscard]] NWFlowEndpoint remoteEndpoint() const override;
@@ -44,14 +47,18 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   void write(Data data, Completion completion) override;
   void closeReadWithError(const std::optional<NSError>& error) override;
   void closeWriteWithError(const std::optional<NSError>& error) override;
+  void observeDeparture(std::weak_ptr<NEFlowDepartureObserver> observer,
+                        std::chrono::seconds patience) override;
 
  private:
   class FirstFlight;
+  struct Departure;
 
   void streamDidConnect(int /*error*/) override {}
   void streamDidRead(Data data) override;
   void streamDidEnd(int error) override;
   void streamDidWrite(int error) override;
+  void streamDidHangUp() override;
   [[nodiscard]] std::shared_ptr<void> streamReference() override { return self(); }
 
   void adoptSocket();
@@ -59,6 +66,7 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   void close(bool& isDirectionClosed, const std::optional<NSError>& error);
   void deliverFirstFlight();
   void answer();
+  void checkDeparture();
   [[nodiscard]] bool isClosed() const noexcept { return isReadClosed_ && isWriteClosed_; }
 
   [[nodiscard]] std::uint64_t bytesOut() const noexcept override {
@@ -81,6 +89,10 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   bool isReadClosed_ = false;
   bool isWriteClosed_ = false;
   bool hasFirstFlight_ = false;
+  bool isGivenUp_ = false;
+  std::chrono::duration<std::uint16_t> departurePatience_{0};
+  std::weak_ptr<NEFlowDepartureObserver> departureObserver_;
+  std::unique_ptr<Departure> departure_;      // while the application has ended and nobody reads
   std::unique_ptr<FirstFlight> firstFlight_;  // present while it is incomplete
   /// Runs what an open or a close has to answer.
   EpollLoop::Task answer_{EpollLoop::Call::to<&SocketTCPFlow::answer>(this)};

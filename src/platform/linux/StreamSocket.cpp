@@ -24,6 +24,17 @@ constexpr std::size_t smallSlice = BufferPool::bufferSize / 4;
 /// once for who is told of it to ask for bytes, once for these to be read.
 constexpr std::uint8_t stepsToFirstBytes = 3;
 
+/// How long an outbound connection is silent before its peer is asked whether it still is there.
+/// The application's own probes end at our socket.
+constexpr int silenceBeforeProbes = 120;  // seconds
+
+void setKeepAlive(const FileDescriptor& socket) noexcept {
+  const int on = 1;
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPIDLE, &silenceBeforeProbes,
+               sizeof silenceBeforeProbes);
+}
+
 void setPromptAcknowledgement(const FileDescriptor& socket, bool isPrompt) noexcept {
   const int option = isPrompt ? 1 : 0;
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_QUICKACK, &option, sizeof option);
@@ -55,6 +66,7 @@ int StreamSocket::adopt(FileDescriptor socket) {
 
 int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, socklen_t length) {
   prepare(socket);
+  setKeepAlive(socket);
   // The last packet of the handshake waits for the first bytes and goes with them.
   setPromptAcknowledgement(socket, false);
   if (::connect(socket.get(), &address, length) != 0 && errno != EINPROGRESS) return errno;
@@ -65,7 +77,7 @@ int StreamSocket::connect(FileDescriptor socket, const sockaddr& address, sockle
 }
 
 void StreamSocket::read(std::size_t maximum) {
-  isReadWanted_ = true;
+  isReadWanted_ = wasRead_ = true;
   readMaximum_ = static_cast<std::uint32_t>(std::min<std::size_t>(maximum, UINT32_MAX));
   if (!input_.isEmpty() || hasEnded_) {
     loop_.schedule(completion_);
@@ -79,7 +91,7 @@ void StreamSocket::read(std::size_t maximum) {
 
 void StreamSocket::write(Data data) {
   isWriteWanted_ = true;
-  if (writeError_ == 0 && phase_ == Phase::open) {
+  if (writeError_ == 0 && phase_ == Phase::open && !data.isEmpty()) {
     outputBytes_ += data.count();
     if (output_.empty() || !output_.back().absorb(data)) {
       if (!isWritable_ && output_.size() >= slicesThatMayWait && data.count() < smallSlice)
@@ -87,8 +99,8 @@ void StreamSocket::write(Data data) {
       output_.push_back(std::move(data));
     }
     if (isWritable_) loop_.defer(transfer_);
-    if (!isOutputAccepted()) return;  // answered when enough of it has left
   }
+  if (phase_ == Phase::open && !isOutputAccepted()) return;  // answered when enough of it has left
   loop_.schedule(completion_);
 }
 
@@ -120,10 +132,12 @@ void StreamSocket::ready(std::uint32_t events) {
   if ((events & EPOLLIN) != 0) isReadable_ = true;
   if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) isWritable_ = true;
   loop_.defer(transfer_);
+  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0 && !isReadWanted_ && phase_ == Phase::open)
+    owner_.streamDidHangUp();
 }
 
 void StreamSocket::complete() {
-  if (isWriteWanted_ && (writeError_ != 0 || isOutputAccepted())) {
+  if (isWriteWanted_ && (writeError_ == 0 ? isOutputAccepted() : isFailureDue())) {
     isWriteWanted_ = false;
     owner_.streamDidWrite(writeError_);
   }
@@ -131,9 +145,11 @@ void StreamSocket::complete() {
   if (!input_.isEmpty()) {
     isReadWanted_ = false;
     owner_.streamDidRead(takeInput());
+    if (isReadUntilEmpty_ && !isReadWanted_ && phase_ == Phase::open) owner_.streamDidHangUp();
   } else if (hasEnded_) {
     isReadWanted_ = false;
     owner_.streamDidEnd(readError_);
+    if (isWriteWanted_ && writeError_ != 0) loop_.schedule(completion_);
   }
 }
 
@@ -234,13 +250,6 @@ ssize_t StreamSocket::sendSome(std::size_t first, std::size_t& asked) {
   return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT | (isLast ? MSG_MORE : 0));
 }
 
-void StreamSocket::failWriting(int error) {
-  writeError_ = error;
-  outputBytes_ = 0;
-  output_.clear();
-  if (isWriteWanted_) loop_.schedule(completion_);
-}
-
 void StreamSocket::fill() {
   for (;;) {
     // A pipe hands on by reference what a read would copy; for a few bytes that is no gain. It
@@ -252,6 +261,8 @@ void StreamSocket::fill() {
       isBulk_ = static_cast<std::size_t>(count) >= bulk;
     } else if (count == 0) {
       hasEnded_ = true;
+      // The kernel tells of a reset once; when a write has heard it, a read finds an end in order.
+      if (writeError_ == ECONNRESET) readError_ = ECONNRESET;
     } else if (errno == EINTR) {
       continue;
     } else if (errno == EAGAIN) {

@@ -39,6 +39,8 @@ class StreamSocket final : private EpollLoop::Source {
     virtual void streamDidEnd(int error) = 0;
     /// A write was accepted, or failed.
     virtual void streamDidWrite(int error) = 0;
+    /// The peer has ended its side, or reset the connection, and nobody reads. May come again.
+    virtual void streamDidHangUp() {}
     /// A reference that keeps the owner, and the socket in it, alive.
     [[nodiscard]] virtual std::shared_ptr<void> streamReference() = 0;
 
@@ -66,7 +68,9 @@ class StreamSocket final : private EpollLoop::Source {
   void read(std::size_t maximum);
   /// Takes back a read that is not answered: what comes in waits for the next one.
   void stopReading() noexcept { isReadWanted_ = false; }
-  /// Sends `data` after everything written before; accepted at once under the bound.
+  /// Sends `data` after everything written before; accepted at once under the bound. A peer that
+  /// resets the connection may have answered before: the write that fails for it is told once the
+  /// answer has been read, or nobody reads on.
   void write(Data data);
 
   /// Ends the sending side once what was written has left; reading goes on.
@@ -77,12 +81,16 @@ class StreamSocket final : private EpollLoop::Source {
   /// comes in is thrown away, so that it provokes no reset, unless it does not end. The owner hears
   /// no more and is kept alive until that is done; a remote peer that takes nothing is waited for
   /// only so long.
-  void finish(Peer peer = Peer::remote);
+  void finish(Peer peer = Peer::remote) { finish(peer, Ending::inOrder); }
+  /// The same for a stream that has failed: a reset follows the last bytes, once the peer has them.
+  void finishWithReset(Peer peer) { finish(peer, Ending::reset); }
   /// Hurries a stream that is being finished: closes it once the peer has everything. When it is
   /// late, resets it, whatever it was about.
   void letGo(bool isLate);
   /// Resets the connection. The owner hears no more.
   void reset();
+  /// The same, behind what can be sent at once.
+  void abort();
 
   [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
   [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
@@ -96,6 +104,7 @@ class StreamSocket final : private EpollLoop::Source {
 
  private:
   enum class Phase : std::uint8_t { idle, connecting, open, finishing, closed };
+  enum class Ending : std::uint8_t { inOrder, reset };
 
   void ready(std::uint32_t events) override;
   /// Answers what can be answered: a write that was accepted, a read from the bytes at hand.
@@ -114,8 +123,15 @@ class StreamSocket final : private EpollLoop::Source {
   [[nodiscard]] Data takeInput();
   void dropInput() noexcept;
   void failWriting(int error);
+  /// Whether a write that failed is to be told: there is no answer left that somebody could read.
+  /// If there may be, a timer runs from here on.
+  [[nodiscard]] bool isFailureDue();
+  void checkHeldFailure();
+  void finish(Peer peer, Ending ending);
   void linger();
   void lingerTimeout();
+  /// Resets as soon as the peer has everything.
+  void awaitReset();
   void discardInput();
   /// Bytes that the peer has not acknowledged; the end of the stream counts as one.
   [[nodiscard]] std::size_t undelivered() const noexcept;
@@ -135,6 +151,7 @@ class StreamSocket final : private EpollLoop::Source {
   bool isReadUntilEmpty_ = false;
   bool isBulk_ = false;    // the last read brought much: the next goes through a pipe
   bool hasEnded_ = false;  // a read has seen the end, or readError_
+  bool wasRead_ = false;   // somebody has asked for bytes
   int readError_ = 0;
   std::uint32_t readMaximum_ = 0;
   Data input_;  // read but not yet handed out
@@ -158,6 +175,8 @@ class StreamSocket final : private EpollLoop::Source {
   std::atomic<std::uint64_t> bytesRead_{0};
   std::atomic<std::uint64_t> bytesWritten_{0};
 
+  struct HeldFailure;
+  std::unique_ptr<HeldFailure> heldFailure_;  // present while a failed write is not told
   struct Linger;
   std::unique_ptr<Linger> linger_;  // present while finishing
 };

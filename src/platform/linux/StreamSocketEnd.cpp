@@ -16,23 +16,44 @@ using namespace std::chrono_literals;
 
 /// While a finished stream still has bytes to send: how often to look, and how long it may stand
 /// still before its peer counts as gone.
-constexpr auto lingerCheck = 1s;
+constexpr auto lingerCheck = 1000ms;
+/// A reset that follows the last bytes waits for their acknowledgement, which comes soon or when
+/// the peer reads.
+constexpr auto firstResetCheck = 5ms;
 constexpr int stalledChecksAllowed = 30;
 /// How long a peer that has received everything may take to end its own side.
 constexpr int silentChecksAllowed = 5;
 /// What such a peer may go on sending until it is told that nobody listens.
 constexpr std::size_t mostDiscarded = std::size_t{256} * 1024;
+/// How long a write that has failed waits for a reader who takes nothing.
+constexpr auto heldFailurePatience = 2s;
 
 }  // namespace
 
+/// What only a socket needs whose write has failed while there may be an answer to read.
+struct StreamSocket::HeldFailure {
+  explicit HeldFailure(StreamSocket& socket)
+      : timer(socket.loop_, EpollLoop::Call::to<&StreamSocket::checkHeldFailure>(&socket)),
+        bytesRead(socket.bytesRead()) {
+    timer.start(heldFailurePatience);
+  }
+
+  EpollLoop::Timer timer;
+  std::uint64_t bytesRead;  // at the last check
+  bool isOverdue = false;
+};
+
 /// What only a finishing socket needs.
 struct StreamSocket::Linger {
-  Linger(StreamSocket& socket, std::shared_ptr<void> owner, Peer peer)
+  Linger(StreamSocket& socket, std::shared_ptr<void> owner, Peer peer, Ending howToEnd)
       : isPeerLocal(peer == Peer::local),
+        ending(howToEnd),
         reference(std::move(owner)),
         timer(socket.loop_, EpollLoop::Call::to<&StreamSocket::lingerTimeout>(&socket)) {}
 
   const bool isPeerLocal;
+  const Ending ending;
+  std::chrono::milliseconds resetCheck = firstResetCheck;
   std::shared_ptr<void> reference;
   EpollLoop::Timer timer;
   bool isShutDown = false;
@@ -52,17 +73,52 @@ void StreamSocket::finishWriting() {
   if (outputBytes_ == 0) ::shutdown(socket_.get(), SHUT_WR);
 }
 
-void StreamSocket::finish(Peer peer) {
+void StreamSocket::failWriting(int error) {
+  writeError_ = error;
+  outputBytes_ = 0;
+  output_.clear();
+  isReadable_ = isReadUntilEmpty_ = true;  // what the peer had sent before still is there
+  loop_.defer(transfer_);
+  if (isWriteWanted_) loop_.schedule(completion_);
+}
+
+bool StreamSocket::isFailureDue() {
+  const bool mayHaveAnswered =
+      (writeError_ == ECONNRESET || writeError_ == EPIPE) && wasRead_ && phase_ == Phase::open;
+  const bool isAnswerRead = hasEnded_ && input_.isEmpty() && !isReadWanted_;
+  if (!mayHaveAnswered || isAnswerRead || (heldFailure_ != nullptr && heldFailure_->isOverdue)) {
+    heldFailure_ = nullptr;
+    return true;
+  }
+  if (heldFailure_ == nullptr) heldFailure_ = std::make_unique<HeldFailure>(*this);
+  return false;
+}
+
+void StreamSocket::checkHeldFailure() {
+  heldFailure_->isOverdue = bytesRead() == std::exchange(heldFailure_->bytesRead, bytesRead());
+  if (heldFailure_->isOverdue) {
+    loop_.schedule(completion_);
+  } else {
+    heldFailure_->timer.start(heldFailurePatience);
+  }
+}
+
+void StreamSocket::finish(Peer peer, Ending ending) {
   if (phase_ == Phase::finishing) return;
   if (phase_ != Phase::open) {
     close();
+    return;
+  }
+  if (ending == Ending::reset && (writeError_ != 0 || readError_ != 0 || undelivered() == 0)) {
+    reset();
     return;
   }
   phase_ = Phase::finishing;
   isReadWanted_ = isWriteWanted_ = false;
   completion_.unlink();
   dropInput();
-  linger_ = std::make_unique<Linger>(*this, owner_.streamReference(), peer);
+  heldFailure_ = nullptr;
+  linger_ = std::make_unique<Linger>(*this, owner_.streamReference(), peer, ending);
   // Where both sides have ended there is nothing to wait for. But what the end is about, bytes to
   // another socket, goes first.
   if (!hasEnded_ || outputBytes_ > 0) linger_->timer.start(lingerCheck);
@@ -80,6 +136,10 @@ void StreamSocket::linger() {
     if (isReadable_) discardInput();
     return;
   }
+  if (linger_->ending == Ending::reset) {
+    awaitReset();
+    return;
+  }
   if (!linger_->isShutDown) {
     linger_->isShutDown = true;
     // The kernel has every byte: from here on it can do the rest alone.
@@ -88,6 +148,16 @@ void StreamSocket::linger() {
   }
   if (!hasEnded_ && isReadable_) discardInput();
   if (hasEnded_) close();
+}
+
+void StreamSocket::awaitReset() {
+  if (undelivered() == 0) {
+    reset();
+    return;
+  }
+  linger_->timer.start(linger_->resetCheck);
+  linger_->resetCheck = std::min(2 * linger_->resetCheck, lingerCheck);
+  if (isReadable_) discardInput();
 }
 
 void StreamSocket::discardInput() {
@@ -111,6 +181,10 @@ void StreamSocket::discardInput() {
 }
 
 void StreamSocket::lingerTimeout() {
+  if (linger_->ending == Ending::reset && outputBytes_ == 0) {
+    awaitReset();
+    return;
+  }
   const std::size_t unsent = undelivered();
   const bool hasProgress = unsent != linger_->unsentAtLastCheck;
   linger_->unsentAtLastCheck = unsent;
@@ -141,6 +215,11 @@ void StreamSocket::letGo(bool isLate) {
   }
 }
 
+void StreamSocket::abort() {
+  if (phase_ == Phase::open && isWritable_ && outputBytes_ > 0) flush();
+  reset();
+}
+
 void StreamSocket::reset() {
   if (isOpen()) setResetOnClose(socket_, true);
   close();
@@ -151,6 +230,7 @@ void StreamSocket::close() noexcept {
   isReadWanted_ = isWriteWanted_ = false;
   completion_.unlink();
   transfer_.unlink();
+  heldFailure_ = nullptr;
   dropInput();
   output_.clear();
   outputBytes_ = 0;

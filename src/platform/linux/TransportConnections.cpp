@@ -30,6 +30,9 @@ class StreamConnection final : public SocketConnection, private StreamSocket::Ow
   void finish() override {
     if (stream_) stream_->finish();
   }
+  void abort() override {
+    if (stream_) stream_->abort();
+  }
 
   void streamDidConnect(int error) override { attemptEnded(error); }
 
@@ -96,6 +99,7 @@ class DatagramConnection final : public SocketConnection, private DatagramSocket
   void finish() override {
     if (socket_) socket_->finish();
   }
+  void abort() override { finish(); }
 
   void datagramsDidArrive(std::span<Data> datagrams) override {
     completeReceive(std::move(datagrams.front()), /*isComplete=*/false, 0);

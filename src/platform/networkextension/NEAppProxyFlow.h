@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -70,9 +71,31 @@ class NEAppProxyFlow {
   virtual void closeWriteWithError(const std::optional<NSError>& error) = 0;
 };
 
+/// Whoever relays a flow and may not read it for long.
+class NEFlowDepartureObserver {
+ public:
+  NEFlowDepartureObserver() = default;
+  NEFlowDepartureObserver(const NEFlowDepartureObserver&) = delete;
+  NEFlowDepartureObserver& operator=(const NEFlowDepartureObserver&) = delete;
+
+  /// The application has gone, and nobody has read for so long. On a thread of the platform's
+  /// choosing, which for a flow with an affinity is its loop's; once.
+  virtual void applicationDidDepart(const std::optional<NSError>& error) = 0;
+
+ protected:
+  ~NEFlowDepartureObserver() = default;
+};
+
 class NEAppProxyTCPFlow : public NEAppProxyFlow {
  public:
   using ReadCompletion = std::move_only_function<void(std::optional<Data>, std::optional<NSError>)>;
+
+  /// From when the application has reset the flow or closed its socket, nobody could take an answer
+  /// any more. A reader is told by its read. Where nobody reads for `patience` (after a reset,
+  /// which gives the bytes up, for a moment), the observer is told instead. To be said again with
+  /// another patience. A platform that cannot know calls nobody.
+  virtual void observeDeparture(std::weak_ptr<NEFlowDepartureObserver> /*observer*/,
+                                std::chrono::seconds /*patience*/) {}
 
   /// The destination that the application asked for.
   [[nodiscard]] virtual NWFlowEndpoint remoteEndpoint() const = 0;
