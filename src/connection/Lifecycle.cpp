@@ -37,11 +37,12 @@ void TandorProxyConnection::closeFlowWithError(const std::optional<NSError>& err
   if (const auto delegate = delegate_.lock()) delegate->proxyConnectionDidClose(*this);
 }
 
-void TandorProxyConnection::observeDeparture(std::chrono::seconds patience) {
+void TandorProxyConnection::observeDeparture() {
   const auto* tcp = network_.tcp();
   if (tcp == nullptr) return;
-  tcp->sourceFlow->observeDeparture(
-      std::shared_ptr<NEFlowDepartureObserver>(shared_from_this(), this), patience);
+  tcp->sourceFlow->setDepartureObserver(
+      std::shared_ptr<NEFlowDepartureObserver>(shared_from_this(), this));
+  tcp->sourceFlow->setDeparturePatience(departedPatience);
 }
 
 void TandorProxyConnection::applicationDidDepart(const std::optional<NSError>& error) {

@@ -6,7 +6,8 @@
 namespace tandor {
 
 void TandorProxyConnection::startRelay(std::optional<Data> firstData, const Data& behind) {
-  observeDeparture(departedRelayPatience);
+  if (const auto* tcp = network_.tcp())
+    tcp->sourceFlow->setDeparturePatience(departedRelayPatience);
   copyFlowDataToNWConnection(std::move(firstData));
   copyNWConnectionDataToFlow(behind);
 }

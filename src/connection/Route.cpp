@@ -11,7 +11,7 @@ void TandorProxyConnection::start() {
   nwQueue_->sync([this] {
     cancelNWConnection();
     state_ = ConnectionState::start;
-    observeDeparture(departedPatience);
+    observeDeparture();
     if (const auto* proxy = mode_.httpProxy()) {
       startHttpProxy(proxy->endPoint);
     } else if (auto started = startDirectly(mode_.directly()->interface, std::nullopt); !started) {
@@ -102,7 +102,7 @@ void TandorProxyConnection::requestTunnel(const std::string& hostname, const std
     log("=============>" + text.value_or("null"));
   }
   if (connection_ == nullptr) return;
-  limitTunnelRequest(firstData);
+  limitTunnelRequest();
   connection_->send(
       std::move(request), NWConnection::ContentContext::defaultMessage, /*isComplete=*/true,
       [self = shared_from_this(), connection = connection_.get(),
@@ -127,10 +127,13 @@ void TandorProxyConnection::requestTunnel(const std::string& hostname, const std
       });
 }
 
-void TandorProxyConnection::limitTunnelRequest(const Data& firstData) {
-  tunnelLimit_ = nwQueue_->after(tunnelPatience, [weakSelf = weak_from_this(), firstData] {
-    if (const auto self = weakSelf.lock())
-      self->toDirectMode("nw connect request establish failed", firstData);
+void TandorProxyConnection::limitTunnelRequest() {
+  tunnelLimit_ = nwQueue_->after(tunnelPatience, [weakSelf = weak_from_this()] {
+    const auto self = weakSelf.lock();
+    if (self == nullptr || self->connection_ == nullptr) return;
+    // What waits for the reply hears that there is none.
+    self->connection_->setStateUpdateHandler(nullptr);
+    self->connection_->cancel();
   });
 }
 

@@ -107,8 +107,7 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   void closeFlowWithError(const std::optional<NSError>& error);
   /// The cancel step, then the close of the flow: how every connection ends.
   void endWithError(const std::optional<NSError>& error);
-  /// Wants to be told when the application has gone and its bytes have not been taken for so long.
-  void observeDeparture(std::chrono::seconds patience);
+  void observeDeparture();
   /// Nobody takes the bytes of an application that has gone. On the flow's thread.
   void applicationDidDepart(const std::optional<NSError>& error) override;
   /// Whether a completion still matters: those of a cancelled or replaced connection do nothing.
@@ -130,7 +129,7 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
                                           std::optional<Data> firstData);
   [[nodiscard]] static std::shared_ptr<NWConnection> newNWConnection(const NWNetwork& network);
   /// Takes the proxy's silence for a refusal when it lasts.
-  void limitTunnelRequest(const Data& firstData);
+  void limitTunnelRequest();
   /// Told whether the proxy made the tunnel, and the bytes of the tunnel that came with the reply.
   using TunnelCompletion = std::move_only_function<void(bool isEstablished, const Data& behind)>;
   /// Receives the proxy's reply: one piece, or as many as its head has when the status counts. The

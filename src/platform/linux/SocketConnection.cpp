@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/linux/InterceptedFlow.h"
 #include "platform/linux/OutboundSocket.h"
 
 namespace tandor {
@@ -40,6 +39,7 @@ void SocketConnection::setStateUpdateHandler(StateUpdateHandler handler) {
 void SocketConnection::start(std::shared_ptr<DispatchQueue> queue) {
   queue_ = std::move(queue);
   const auto& affinity = queue_->affinity();
+  flowAffinity_ = dynamic_cast<const InterceptedFlow::Affinity*>(affinity.get());
   // Every loop of this platform is one of these.
   settle(affinity != nullptr ? static_cast<EpollLoop&>(affinity->loop()) : search_->defaultLoop);
   onLoop([this] { begin(); });
@@ -102,8 +102,7 @@ int SocketConnection::connectTo(const SocketAddress& address) {
 }
 
 std::shared_ptr<InterceptedFlow> SocketConnection::flow() const {
-  const auto* affinity = dynamic_cast<const InterceptedFlow::Affinity*>(queue_->affinity().get());
-  return affinity != nullptr ? affinity->flow() : nullptr;
+  return flowAffinity_ != nullptr ? flowAffinity_->flow() : nullptr;
 }
 
 void SocketConnection::noteOutbound(const SocketAddress& address) {

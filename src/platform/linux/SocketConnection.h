@@ -5,12 +5,11 @@
 #include <vector>
 
 #include "platform/linux/EpollLoop.h"
+#include "platform/linux/InterceptedFlow.h"
 #include "platform/linux/Resolver.h"
 #include "platform/network/NWConnection.h"
 
 namespace tandor {
-
-class InterceptedFlow;
 
 /// What outbound connections over TCP and UDP share: the states and their handler, resolution, and
 /// the turn of the addresses. Lives on the loop that its queue is pinned to, else on a given one.
@@ -79,6 +78,8 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   };
   std::unique_ptr<Search> search_;
   std::shared_ptr<DispatchQueue> queue_;
+  /// What pins the queue, where that is a flow.
+  const InterceptedFlow::Affinity* flowAffinity_ = nullptr;
 
   StateUpdateHandler stateUpdateHandler_;  // touched under the queue's exclusion only
   bool wasHandlerReplaced_ = false;

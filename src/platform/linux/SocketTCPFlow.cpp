@@ -269,12 +269,14 @@ void SocketTCPFlow::streamDidWrite(int error) {
   if (auto completion = std::exchange(writeCompletion_, nullptr)) completion(systemError(error));
 }
 
-void SocketTCPFlow::observeDeparture(std::weak_ptr<NEFlowDepartureObserver> observer,
-                                     std::chrono::seconds patience) {
-  onLoop([this, observer = std::move(observer), patience]() mutable {
+void SocketTCPFlow::setDepartureObserver(std::weak_ptr<NEFlowDepartureObserver> observer) {
+  onLoop([this, observer = std::move(observer)]() mutable {
     departureObserver_ = std::move(observer);
-    departurePatience_ = patience;
   });
+}
+
+void SocketTCPFlow::setDeparturePatience(std::chrono::seconds patience) {
+  onLoop([this, patience] { departurePatience_ = patience; });
 }
 
 void SocketTCPFlow::streamDidHangUp() {

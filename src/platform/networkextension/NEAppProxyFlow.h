@@ -91,11 +91,11 @@ class NEAppProxyTCPFlow : public NEAppProxyFlow {
   using ReadCompletion = std::move_only_function<void(std::optional<Data>, std::optional<NSError>)>;
 
   /// From when the application has reset the flow or closed its socket, nobody could take an answer
-  /// any more. A reader is told by its read. Where nobody reads for `patience` (after a reset,
-  /// which gives the bytes up, for a moment), the observer is told instead. To be said again with
-  /// another patience. A platform that cannot know calls nobody.
-  virtual void observeDeparture(std::weak_ptr<NEFlowDepartureObserver> /*observer*/,
-                                std::chrono::seconds /*patience*/) {}
+  /// any more. A reader is told by its read. Where nobody reads for as long as the patience is
+  /// (after a reset, which gives the bytes up, for a moment), the observer is told instead. A
+  /// platform that cannot know calls nobody.
+  virtual void setDepartureObserver(std::weak_ptr<NEFlowDepartureObserver> /*observer*/) {}
+  virtual void setDeparturePatience(std::chrono::seconds /*patience*/) {}
 
   /// The destination that the application asked for.
   [[nodiscard]] virtual NWFlowEndpoint remoteEndpoint() const = 0;
