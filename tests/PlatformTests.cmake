@@ -5,6 +5,7 @@ tandor_test(tandor_platform_tests
     platform/EpollLoopTest.cpp
     platform/FlightPoolTest.cpp
     platform/FlowTest.cpp
+    platform/IdentifierTest.cpp
     platform/PipePoolTest.cpp
     platform/StreamTest.cpp
     platform/Surroundings.cpp

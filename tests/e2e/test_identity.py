@@ -91,6 +91,73 @@ class Identity(EndToEnd):
         self.assertWay("native", self.closing(Application(self.lab, folder + "/tandor")), WEB)
         daemon.terminate()
 
+    def test_flatpak_applications(self):
+        """The scope of the user's systemd tells."""
+        self.stop()
+        self.daemon.start("directlyWhiteList", ["org.example.Listed"])
+        manager = f"user.slice/user-{os.getpid()}.slice/user@{os.getpid()}.service"
+        for cgroup, way in ((f"{manager}/app.slice/app-flatpak-org.example.Listed-7.scope", "eth0"),
+                            (f"{manager}/app.slice/app-org.example.Listed-7.scope", "native"),
+                            ("system.slice/app-flatpak-org.example.Listed-7.scope", "native")):
+            with self.subTest(cgroup):
+                folder = self.cgroup(cgroup)
+                application = self.unlisted.twin()
+                with open(folder + "/cgroup.procs", "w") as processes:
+                    processes.write(str(application.pid))
+                self.assertWay(way, application, WEB)
+                self.assertWay(way, application, WEB, "udp")
+                application.close()
+
+    def cgroup(self, path):
+        """The folder of a cgroup of the unified hierarchy, until the end of the test."""
+        with open("/proc/self/mountinfo") as mounts:
+            root = [line.split()[4] for line in mounts if " - cgroup2 " in line]
+        if not root or not os.access(root[0], os.W_OK):
+            self.skipTest("there is no unified hierarchy of cgroups, or it is not ours to change")
+        folder = root[0]
+        for name in path.split("/"):
+            folder += "/" + name
+            if not os.path.exists(folder):
+                os.mkdir(folder)
+                self.addCleanup(os.rmdir, folder)
+        return folder
+
+    def test_what_others_put_where_a_flatpak_has_its_name(self):
+        """A root directory of anybody's making tells nothing, and holds up nobody."""
+        self.stop()
+        self.daemon.start("directlyWhiteList", [self.listed.program, "org.example.Listed"])
+        master, slave = os.openpty()
+        self.addCleanup(os.close, master)
+        self.addCleanup(os.close, slave)
+        place = ".flatpak-info"
+        for make in (f"printf '[Application]\\nname=org.example.Listed\\n' >{place}",
+                     f"mkfifo {place}", f"touch {place}; mount --bind {os.ttyname(slave)} {place}",
+                     f"mkdir {place}", f"touch {place}; mount --bind /dev/zero {place}",
+                     f"ln -s dev/zero {place}", f"truncate -s 1T {place}",
+                     # A file system that never answers.
+                     f"touch {place}; exec 3<>/dev/fuse; mount -i -t fuse -o"
+                     f" fd=3,rootmode=100000,user_id=0,group_id=0 none {place}"):
+            if "/dev/fuse" in make and not os.path.exists("/dev/fuse"):
+                continue
+            with self.subTest(make):
+                script = f"""
+                    set -e
+                    mount -t tmpfs none /mnt
+                    cd /mnt
+                    for entry in /*; do
+                        [ ! -L $entry ] || cp -a $entry .
+                        [ -L $entry -o ! -d $entry -o $entry = /mnt ] || {{
+                            mkdir .$entry; mount --rbind $entry .$entry; }}
+                    done
+                    {make}
+                    exec chroot . "$0" "$@" """
+                stranger = Application(self.lab, self.unlisted.program, (
+                    "unshare", "--user", "--map-root-user", "--mount", "sh", "-c", script))
+                self.assertWay("native", stranger, WEB)
+                self.assertWay("eth0", self.closing(self.listed.twin()), WEB)
+                stranger.close()
+        self.assertEqual(self.daemon.terminate(), 0)
+
     def test_a_process_number_that_is_used_again(self):
         """In a process namespace, where numbers can be given out at will."""
         self.stop()

@@ -30,7 +30,10 @@ constexpr std::uint64_t mostTakenAtOnce = 65'536;
 /// UDP flows whose answers are counted; beyond, all are forgotten, and a later socket may inherit
 /// one.
 constexpr std::size_t mostAnswered = 100'000;
-constexpr std::size_t mostIdentifiers = 4096;
+/// Of identifiers that are kept for the next flow. Anybody can make up as many applications as
+/// there are paths, and a path is up to 4 KiB.
+constexpr std::size_t mostIdentifierBytes = std::size_t{1} << 20;
+constexpr std::size_t bytesBesideIdentifier = 192;  // of the map and the memory's keeping
 
 std::unexpected<std::string> failure(std::string_view what, int error) {
   return std::unexpected(fmt::format("{}: {}", what, std::generic_category().message(error)));
@@ -242,9 +245,13 @@ bool Admission::hasRoomForAnother() {
 std::shared_ptr<const NEFlowMetaData> Admission::metaDataOf(const SocketOwner& owner) {
   if (const auto known = metaData_.find(*owner.identifier); known != metaData_.end())
     return known->second;
-  if (metaData_.size() >= mostIdentifiers) metaData_.clear();
   auto metaData = std::make_shared<const NEFlowMetaData>(NEFlowMetaData{*owner.identifier});
-  metaData_.emplace(*owner.identifier, metaData);
+  metaDataBytes_ += owner.identifier->size() + bytesBesideIdentifier;
+  if (metaDataBytes_ > mostIdentifierBytes) {
+    metaData_.clear();
+    metaDataBytes_ = 0;
+  }
+  metaData_.emplace(metaData->sourceAppSigningIdentifier, metaData);
   return metaData;
 }
 

@@ -4,6 +4,7 @@
 #include <expected>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <unordered_map>
 #include <unordered_set>
@@ -92,7 +93,9 @@ class Admission final : public EpollLoop::Resident,
 
   std::unordered_map<FlowKey, Held> held_;
   bool isSearching_ = false;
-  std::unordered_map<std::string, std::shared_ptr<const NEFlowMetaData>> metaData_;
+  /// What flows of one application share; each by the identifier that it holds itself.
+  std::unordered_map<std::string_view, std::shared_ptr<const NEFlowMetaData>> metaData_;
+  std::size_t metaDataBytes_ = 0;
 
   /// UDP sockets that talked before us; their flows are none that begin.
   std::unordered_set<std::uint64_t> socketsAtStart_;

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <unistd.h>
 #include <utility>
@@ -39,6 +40,14 @@ std::vector<int> numberedEntries(FileDescriptor directory) {
   return numbers;
 }
 
+/// What the kernel says in the file `name` of a process, as far as it fits; empty when it says
+/// nothing.
+std::string_view readInto(std::span<char> room, const FileDescriptor& directory, const char* name) {
+  const FileDescriptor file(::openat(directory.get(), name, O_RDONLY | O_CLOEXEC));
+  const ssize_t length = file.isOpen() ? ::read(file.get(), room.data(), room.size()) : -1;
+  return {room.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+}
+
 }  // namespace
 
 std::optional<ProcessDirectory> ProcessDirectory::open(pid_t pid) {
@@ -61,11 +70,9 @@ std::optional<std::string> ProcessDirectory::executable() const {
 }
 
 std::optional<std::uint64_t> ProcessDirectory::startTime() const {
-  const FileDescriptor file(::openat(directory_.get(), "stat", O_RDONLY | O_CLOEXEC));
   std::array<char, 1024> content;
-  const ssize_t length = file.isOpen() ? ::read(file.get(), content.data(), content.size()) : -1;
-  if (length <= 0) return std::nullopt;
-  std::string_view rest(content.data(), static_cast<std::size_t>(length));
+  std::string_view rest = readInto(content, directory_, "stat");
+  if (rest.empty()) return std::nullopt;
   // NUMBER (NAME) STATE ...: the name may hold anything, the start is the 20th field behind it.
   rest.remove_prefix(std::min(rest.rfind(')'), rest.size()));
   for (int field = 0; field < 20; ++field)
@@ -73,16 +80,17 @@ std::optional<std::uint64_t> ProcessDirectory::startTime() const {
   return parseNumber<std::uint64_t>(rest.substr(0, rest.find(' ')));
 }
 
-std::optional<std::string> ProcessDirectory::readFileInside(const std::string& path) const {
-  const FileDescriptor file(
-      ::openat(directory_.get(), ("root" + path).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  if (!file.isOpen()) return std::nullopt;
-  constexpr std::size_t longest = std::size_t{64} * 1024;
-  std::string content(longest, '\0');
-  const ssize_t length = ::read(file.get(), content.data(), content.size());
-  if (length < 0) return std::nullopt;
-  content.resize(static_cast<std::size_t>(length));
-  return content;
+std::optional<std::string> ProcessDirectory::cgroup() const {
+  std::array<char, std::size_t{8} * 1024> content;
+  std::string_view text = readInto(content, directory_, "cgroup");
+  // A line for each hierarchy, NUMBER:CONTROLLERS:PATH; the unified one is number 0 without any.
+  constexpr std::string_view unified = "0::";
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    if (line.starts_with(unified)) return std::string(line.substr(unified.size()));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+  }
+  return std::nullopt;
 }
 
 std::optional<ino_t> ProcessDirectory::socketInode(int number) const {

@@ -12,8 +12,9 @@
 namespace tandor {
 
 /// An open directory of one process under /proc. It stays with that very process: when it has
-/// ended, every question fails, even if another process got the same number. Used by one thread at
-/// a time.
+/// ended, every question fails, even if another process got the same number. Every answer is the
+/// kernel's own: no file that the process could have put anywhere is looked at, since whoever made
+/// it, or serves its file system, decides how long that takes. Used by one thread at a time.
 class ProcessDirectory {
  public:
   /// Absent when there is no such process, or it may not be looked into.
@@ -29,8 +30,9 @@ class ProcessDirectory {
   /// when it has ended.
   [[nodiscard]] std::optional<std::uint64_t> startTime() const;
 
-  /// What the process sees at an absolute path, whole; absent when it cannot be read.
-  [[nodiscard]] std::optional<std::string> readFileInside(const std::string& path) const;
+  /// The path of the process's cgroup in the unified hierarchy; absent where there is none, or when
+  /// the process has ended.
+  [[nodiscard]] std::optional<std::string> cgroup() const;
 
   /// The inode of the socket behind descriptor `number` of the process; absent for anything else.
   [[nodiscard]] std::optional<ino_t> socketInode(int number) const;
