@@ -111,6 +111,35 @@ class ControlSocket(EndToEnd):
             self.assertNotIn(line, daemon.log())
         self.assertIn("redirect log to: " + path, daemon.log())
 
+    def test_logs_that_nobody_can_write(self):
+        """What is no file counts as one that cannot be opened, and is not waited for."""
+        fifo = self.lab.folder + "/fifo"
+        os.mkfifo(fifo)
+        master, slave = os.openpty()
+        daemon = self.lab.daemon(wrapper=("setsid",))  # it could get a controlling terminal
+        for path in (fifo, os.ttyname(slave), "/dev/zero", self.lab.folder, fifo + "/none"):
+            with self.subTest(path):
+                daemon.start("directlyWhiteList", [], logPath=path)
+                self.assertIn("] redirect failed to open file " + path, daemon.log())
+                daemon.call("stopProxy")
+        os.close(slave)
+        os.close(master)  # the terminal hangs up
+        daemon.start("directlyWhiteList", [], logPath="/dev/null")
+        before = daemon.log()
+        self.assertEqual(daemon.terminate(), 0)
+        self.assertEqual(daemon.log(), before)
+
+    def test_standard_descriptors_that_are_closed(self):
+        """Nothing else of the daemon has their numbers when the log goes to a file."""
+        wrapper = ("sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-')
+        daemon = self.lab.daemon(wrapper=wrapper)
+        path = self.lab.folder + "/redirected-from-nothing"
+        daemon.start("directlyWhiteList", [], logPath=path)
+        self.assertEqual(daemon.status()["state"], "running")
+        standard = [os.readlink(f"/proc/{daemon.process.pid}/fd/{number}") for number in range(3)]
+        self.assertEqual(standard, ["/dev/null", path, path])
+        self.assertEqual(daemon.terminate(), 0)
+
     def test_a_host_application_that_does_not_answer(self):
         """It holds the start and the stop, but nobody else; a second signal waits no longer."""
         host = self.closing(socket.socket(socket.AF_UNIX))

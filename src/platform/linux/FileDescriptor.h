@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -30,5 +31,16 @@ class FileDescriptor {
  private:
   int descriptor_ = -1;
 };
+
+/// Opens those of the standard descriptors that are closed. Before anything else is opened: what
+/// got such a number would be written to as output, and closed by whoever redirects that. False
+/// when one stays closed.
+[[nodiscard]] inline bool openStandardDescriptors() noexcept {
+  for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
+    const bool isOpen = ::fcntl(standard, F_GETFD) >= 0;
+    if (!isOpen && ::open("/dev/null", O_RDWR) != standard) return false;
+  }
+  return true;
+}
 
 }  // namespace tandor

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "platform/linux/Admission.h"
+#include "platform/linux/FileDescriptor.h"
 #include "platform/linux/Interception.h"
 #include "platform/linux/LinuxBackend.h"
 #include "platform/linux/Privileges.h"
@@ -28,6 +29,7 @@ namespace {
 
 void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> arguments,
                                                           Factory factory) {
+  if (!openStandardDescriptors()) giveUp("cannot open /dev/null");
   CLI::App options(
       "The daemon that relays taken flows. It waits for a start on its control socket; "
       "tandor gives one.",
