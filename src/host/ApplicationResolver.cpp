@@ -1,9 +1,7 @@
 #include "host/ApplicationResolver.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <system_error>
@@ -13,6 +11,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "host/RegularFile.h"
 #include "host/Suggestions.h"
 #include "platform/linux/application/Identifier.h"
 
@@ -54,12 +53,10 @@ std::string lowered(std::string_view text) {
 /// What a script names behind #! as its interpreter: a path, or a command that env looks up. Empty
 /// for a program of another kind.
 std::string interpreterOf(const fs::path& program) {
-  std::ifstream file(program, std::ios::binary);
-  std::array<char, 256> head{};
-  file.read(head.data(), head.size());
-  const std::string_view text(head.data(), static_cast<std::size_t>(file.gcount()));
+  constexpr std::size_t longestHead = 256;
+  const std::string text = readRegularFile(program, longestHead).value_or("");
   if (!text.starts_with("#!")) return {};
-  std::istringstream line{std::string(text.substr(2, text.find('\n') - 2))};
+  std::istringstream line(text.substr(2, text.find('\n') - 2));
   std::string word;
   line >> word;
   if (fs::path(word).filename() != "env") return word;

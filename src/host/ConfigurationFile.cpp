@@ -1,18 +1,16 @@
 #include "host/ConfigurationFile.h"
 
-#include <cerrno>
 #include <cstddef>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <set>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "host/RegularFile.h"
 #include "platform/foundation/Text.h"
 
 namespace tandor::host {
@@ -195,17 +193,14 @@ std::expected<Settings, Failure> parseConfigurationFile(std::string_view text,
 }
 
 std::expected<Settings, Failure> readConfigurationFile(const std::string& path) {
-  const std::ifstream file(path, std::ios::binary);
-  std::stringstream text;
-  errno = 0;
-  if (file) text << file.rdbuf();
-  if (!file || errno != 0) {
-    const int error = errno != 0 ? errno : EIO;
-    return wrongUsage(fmt::format("cannot read the configuration file {}: {}", path,
-                                  std::generic_category().message(error)),
+  constexpr std::size_t longest = std::size_t{1} << 20;
+  auto text = readRegularFile(path, longest + 1);
+  if (text && text->size() > longest) text = std::unexpected("it is too long to be one");
+  if (!text) {
+    return wrongUsage(fmt::format("cannot read the configuration file {}: {}", path, text.error()),
                       "name a file that is there with --config FILE");
   }
-  return parseConfigurationFile(text.str(), path);
+  return parseConfigurationFile(*text, path);
 }
 
 }  // namespace tandor::host

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <system_error>
 #include <utility>
+
+#include "host/RegularFile.h"
 
 namespace tandor::host {
 namespace {
@@ -14,6 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int deepestFolder = 4;
+constexpr std::size_t longestEntry = std::size_t{256} * 1024;  // with names in every language
 
 std::string_view trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t\r");
@@ -109,9 +110,9 @@ std::vector<DesktopEntry> readDesktopEntries(const std::vector<fs::path>& folder
       std::string id = file->path().lexically_relative(folder).replace_extension().string();
       std::ranges::replace(id, '/', '-');
       if (!known.insert(id).second) continue;
-      std::stringstream text;
-      text << std::ifstream(file->path()).rdbuf();
-      if (auto entry = DesktopEntry::parse(text.str(), std::move(id)))
+      const auto text = readRegularFile(file->path(), longestEntry);
+      if (!text) continue;
+      if (auto entry = DesktopEntry::parse(*text, std::move(id)))
         entries.push_back(std::move(*entry));
     }
   }

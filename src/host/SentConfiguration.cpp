@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <system_error>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/JSONValues.h"
+#include "host/RegularFile.h"
 #include "platform/linux/FileDescriptor.h"
 
 namespace tandor::host {
@@ -50,8 +50,9 @@ std::expected<void, Failure> keepSent(const std::string& controlPath, pid_t prov
 }
 
 std::optional<ProviderValues> lastSent(const std::string& controlPath, pid_t provider) {
-  std::ifstream file(pathBeside(controlPath));
-  const json kept = json::parse(file, nullptr, /*allow_exceptions=*/false);
+  constexpr std::size_t longest = std::size_t{1} << 20;
+  const auto text = readRegularFile(pathBeside(controlPath), longest);
+  const json kept = json::parse(text.value_or(""), nullptr, /*allow_exceptions=*/false);
   if (!kept.is_object() || numberMember(kept, "provider") != provider) return std::nullopt;
   const auto values = kept.find("values");
   if (values == kept.end() || !values->is_object()) return std::nullopt;

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "host/Configuration.h"
@@ -100,7 +102,11 @@ TEST(ConfigurationTest, SpeaksTheProvidersLanguageBothWays) {
                                     {"socketPath", "/run/status"}}));
   // What was sent is what the next update starts from.
   EXPECT_EQ(makeConfiguration(settingsOf(values), resolver).value().values("/run/status"), values);
-  EXPECT_FALSE(readConfigurationFile(folder.path()).has_value());
+  folder.write("long.json", std::string(2 << 20, ' '));
+  const std::string fifo = folder / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), S_IRUSR | S_IWUSR), 0);
+  for (const std::string& path : {folder.path().string(), folder / "long.json", fifo})
+    EXPECT_FALSE(readConfigurationFile(path).has_value()) << path;
 }
 
 TEST(SentConfigurationTest, IsKeptForOneProvider) {

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "host/ApplicationResolver.h"
@@ -33,6 +35,8 @@ class ResolverTest : public testing::Test {
     entry("same", "Name=browser\nExec=browse");
     entry("gone", "Name=Gone\nExec=vanished %f");
     entry("hidden", "Name=Hidden\nHidden=true\nExec=curl");
+    const std::string fifo = root_ / "usr/share/applications/endless.desktop";
+    EXPECT_EQ(::mkfifo(fifo.c_str(), S_IRUSR | S_IWUSR), 0);
     entry("action", "Name=Action\nExec=curl\n[Desktop Action other]\nName=Other\nExec=mtr");
   }
 
