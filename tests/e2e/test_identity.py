@@ -101,12 +101,11 @@ class Identity(EndToEnd):
                             ("system.slice/app-flatpak-org.example.Listed-7.scope", "native")):
             with self.subTest(cgroup):
                 folder = self.cgroup(cgroup)
-                application = self.unlisted.twin()
+                application = self.closing(self.unlisted.twin())
                 with open(folder + "/cgroup.procs", "w") as processes:
                     processes.write(str(application.pid))
                 self.assertWay(way, application, WEB)
                 self.assertWay(way, application, WEB, "udp")
-                application.close()
 
     def cgroup(self, path):
         """The folder of a cgroup of the unified hierarchy, until the end of the test."""
