@@ -6,8 +6,8 @@ import re
 import subprocess
 import time
 
-from places import (DESTINATIONS, ECHO_PORT, SINK_PORT, TICKS, Client, Failed, die_with_runner,
-                    end)
+from places import (DESTINATIONS, ECHO_PORT, MANY_DESTINATIONS, PORT, SINK_PORT, TICKS, Client,
+                    Failed, die_with_runner, end)
 
 GIGA = 1e9
 
@@ -119,6 +119,49 @@ class StormBesideProcesses(Storm):
         finally:
             for process in processes:
                 end(process)
+
+
+class Churn(Case):
+    """A minute of new flows that their clients end at once. Whoever ends a flow keeps its port for
+    another minute, and so does a relay that passes the end on; the range of ports is a machine's own."""
+
+    metrics = {"steady": Metric("the last ten seconds' to the first", "", 2),
+               "rate": Metric("rate", "/s", 0), "cost": Metric("relay's CPU", "s/1000", 4),
+               "trip": Metric("another flow's round trip, p50: first", "µs", 0),
+               "late_trip": Metric("last", "µs", 0)}
+    most_rounds = 1
+    is_growth = True
+
+    def __init__(self, name, title, destinations, rate):
+        super().__init__(name, title)
+        self._destinations = [f"{address}:{PORT}" for address in destinations]
+        self._rate = rate
+
+    def takes(self, contestant):
+        return contestant.name in ("none", "tandor", "before", "haproxy")
+
+    def measure(self, lab, contestant, seconds):
+        with default_ports(contestant):
+            found = Client(lab, contestant, "churn", "--flows", 32, "--rate", self._rate,
+                           "--seconds", 60 * seconds,
+                           destinations=self._destinations).finish(patience=60 * seconds + 30)
+        counts = [found[f"part{part}_flows"] for part in range(6)]
+        if found["failed"] * 100 > sum(counts):
+            raise Failed(f"{found['failed']} flows failed, {sum(counts)} did not")
+        return {"steady": counts[-1] / counts[0], "rate": sum(counts) / found.seconds,
+                "cost": found.relay_seconds / (sum(counts) / 1000),
+                "trip": found["part0_trip_p50"], "late_trip": found["part5_trip_p50"]}, None
+
+
+@contextlib.contextmanager
+def default_ports(contestant):
+    file, namespace = "/proc/sys/net/ipv4/ip_local_port_range", contestant.site.namespace
+    before = namespace.read(file)
+    namespace.write(file, "32768 60999")
+    try:
+        yield
+    finally:
+        namespace.write(file, before)
 
 
 class Latency(Case):
@@ -276,6 +319,8 @@ ALL = [
     Memory("memory", "memory of an idle flow"),
     Bulk("down", 64), Bulk("down", 1000), Bulk("up", 1000),
     StormBesideIdle("flows-idle", "new flows beside open ones"),
+    Churn("churn-one", "a minute of new flows to one server, 200 a second", DESTINATIONS[:1], 200),
+    Churn("churn-many", "a minute of new flows to 240 servers", MANY_DESTINATIONS, 0),
     StormBesideProcesses("flows-processes", "new flows beside 500 processes"),
     Distance("distance", "round trip between the two CPUs", "echo", 64, "trip"),
     widened(Bulk("down", 8)), widened(Bulk("up", 8)),

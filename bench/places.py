@@ -26,6 +26,7 @@ from daemon import Daemon  # noqa: E402
 from namespaces import Namespace, command, end, eventually, sweep  # noqa: E402
 
 DESTINATIONS = [f"203.0.113.{number}" for number in range(10, 14)]
+MANY_DESTINATIONS = [f"203.0.113.{number}" for number in range(10, 250)]
 PROXY = "198.51.100.80"
 PORT, PROXY_PORT, ECHO_PORT, SINK_PORT = 443, 3128, 4433, 4434
 TICKS = os.sysconf("SC_CLK_TCK")
@@ -160,7 +161,7 @@ class Lab:
         self._namespaces = []
         self.network = self.namespace("net")
         self.network.ip("link set lo up\n" + "".join(
-            f"address add {address}/32 dev lo\n" for address in (*DESTINATIONS, PROXY)))
+            f"address add {address}/32 dev lo\n" for address in (*MANY_DESTINATIONS, PROXY)))
         self.set(self.network)
         self._serve(f"{build}/bench/tandor-load")
         self.kernel_threads = ksoftirqd(range(os.cpu_count()))

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <poll.h>
 #include <span>
@@ -234,6 +235,90 @@ std::string runStorm(const ClientOptions& options) {
   }
   return fmt::format(R"({},"failed":{},{})", period.measurement.members(), failed,
                      samples.members("flow"));
+}
+
+namespace {
+
+/// Short round trips on one flow, every few milliseconds.
+class Trips {
+ public:
+  Trips(const ClientOptions& options, int epoll)
+      : maker_(options, {.operation = Operation::echo}), flow_(maker_.open()) {
+    epoll_event event{.events = EPOLLIN, .data = {.ptr = nullptr}};
+    if (::epoll_ctl(epoll, EPOLL_CTL_ADD, flow_.get(), &event) != 0) fail("epoll_ctl");
+  }
+  void beginIfDue() {
+    const auto now = Clock::now();
+    if (isUnderWay_ || now < began_ + std::chrono::milliseconds(5)) return;
+    const char byte = 0;
+    if (::send(flow_.get(), &byte, 1, MSG_NOSIGNAL) != 1) fail("round trip");
+    began_ = now;
+    isUnderWay_ = true;
+  }
+  void end(Samples& samples) {
+    char byte = 0;
+    if (::recv(flow_.get(), &byte, 1, MSG_DONTWAIT) != 1) fail("round trip");
+    samples.add(Clock::now() - began_);
+    isUnderWay_ = false;
+  }
+
+ private:
+  FlowMaker maker_;
+  FileDescriptor flow_;
+  Clock::time_point began_;
+  bool isUnderWay_ = false;
+};
+
+}  // namespace
+
+std::string runChurn(const ClientOptions& options) {
+  constexpr int parts = 6;
+  FlowMaker maker(options, {.operation = Operation::idle});
+  Epoll epoll;
+  Trips trips(options, epoll.get());
+  std::map<const Flow*, std::unique_ptr<Flow>> flows;
+  const auto pace = options.rate == 0 ? Clock::duration(0)
+                                      : Clock::duration(std::chrono::seconds(1)) / options.rate;
+  std::string members;
+  std::uint64_t failed = 0;
+  Measurement measurement(options.watched);
+  measurement.begin();
+  auto next = Clock::now();
+  auto end = next;
+  for (int part = 0; part < parts; ++part) {
+    std::uint64_t done = 0;
+    Samples samples;
+    end += options.time / parts;
+    while (Clock::now() < end) {
+      trips.beginIfDue();
+      for (; flows.size() < options.flows && next <= Clock::now(); next += pace) {
+        auto flow = std::make_unique<Flow>(maker, epoll.get());
+        flows.emplace(flow.get(), std::move(flow));
+      }
+      // What could not be kept up with is not made up for later.
+      next = std::max(next, Clock::now() - pace);
+      for (Flow* flow : epoll.wait(std::chrono::milliseconds(1))) {
+        if (flow == nullptr) {
+          trips.end(samples);
+          continue;
+        }
+        if (flow->stage() != Flow::Stage::open) flow->advance();
+        char byte = 0;
+        const ssize_t count =
+            flow->stage() == Flow::Stage::open ? ::recv(flow->socket(), &byte, 1, MSG_DONTWAIT) : 0;
+        const bool hasFailed =
+            flow->stage() == Flow::Stage::failed ||
+            (flow->stage() == Flow::Stage::open && count != 1 && (count == 0 || errno != EAGAIN));
+        if (!hasFailed && count != 1) continue;
+        ++(hasFailed ? failed : done);
+        flows.erase(flow);
+      }
+    }
+    members += fmt::format(R"(,"part{0}_flows":{1},{2})", part, done,
+                           samples.members(fmt::format("part{}_trip", part)));
+  }
+  measurement.end();
+  return fmt::format(R"({},"failed":{}{})", measurement.members(), failed, members);
 }
 
 std::string runSetUp(const ClientOptions& options) {

@@ -20,6 +20,7 @@ struct ClientOptions {
   std::vector<pid_t> watched;
   std::size_t flows = 1;
   std::uint64_t size = 0;
+  std::uint32_t rate = 0;  // new flows a second; 0 for as many as go
 };
 
 // The cases. Each returns the members of a JSON object, or ends the program with what failed.
@@ -30,6 +31,9 @@ std::string runCheck(const ClientOptions& options);
 std::string runBulk(const ClientOptions& options, bool isUp);
 /// New flows with a reply of `size` bytes, `flows` at a time.
 std::string runStorm(const ClientOptions& options);
+/// New flows that end as soon as they have come about, at `rate`, at most `flows` at a time, and
+/// meanwhile round trips on another one. In parts, so that one sees what changes with time.
+std::string runChurn(const ClientOptions& options);
 /// One new flow after the other: from connecting to the reply's first byte.
 std::string runSetUp(const ClientOptions& options);
 /// Round trips of `size` bytes on one flow.

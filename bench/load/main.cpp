@@ -30,6 +30,7 @@ const std::map<std::string, std::function<std::string(const ClientOptions&)>> ca
     {"bulk-down", [](const ClientOptions& options) { return runBulk(options, false); }},
     {"bulk-up", [](const ClientOptions& options) { return runBulk(options, true); }},
     {"storm", runStorm},
+    {"churn", runChurn},
     {"setup", runSetUp},
     {"echo", runEcho},
     {"idle", runIdle},
@@ -63,6 +64,7 @@ int main(int argc, char** argv) {
   client->add_flag("--connect", options.speaksConnect);
   client->add_option("--flows", options.flows);
   client->add_option("--size", options.size);
+  client->add_option("--rate", options.rate);
   client->add_option("--seconds", seconds);
   client->add_option("--warm-up", warmUp);
   client->add_option("--watch", options.watched);

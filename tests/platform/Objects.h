@@ -318,7 +318,7 @@ class LoopTest : public testing::Test {
                                   const NWParameters& parameters = NWParameters::tcp()) {
     const Outbound connection(makeSocketConnection(
         NWEndpoint::hostPort(NWEndpoint::Host::name(host), NWEndpoint::Port(port)), parameters,
-        resolver_, loop()));
+        resolver_, ports_, loop()));
     connection.start(queue(isPinned));
     return connection;
   }
@@ -334,6 +334,7 @@ class LoopTest : public testing::Test {
   };
 
   Resolver resolver_;
+  OutboundPorts ports_;
   std::unique_ptr<EpollLoop> loop_ = EpollLoop::make("test-loop").value();
   std::vector<std::shared_ptr<DispatchQueue>> queues_;
   std::size_t before_ = 0;

@@ -32,7 +32,7 @@ std::expected<std::unique_ptr<LinuxBackend>, int> LinuxBackend::make(std::size_t
 
 std::shared_ptr<NWConnection> LinuxBackend::makeConnection(const NWEndpoint& endpoint,
                                                            const NWParameters& parameters) {
-  return makeSocketConnection(endpoint, parameters, resolver_, nextLoop());
+  return makeSocketConnection(endpoint, parameters, resolver_, outboundPorts_, nextLoop());
 }
 
 std::unique_ptr<NWPathMonitor> LinuxBackend::makePathMonitor() {

@@ -8,6 +8,7 @@
 
 #include "platform/Backend.h"
 #include "platform/linux/EpollLoop.h"
+#include "platform/linux/OutboundPorts.h"
 #include "platform/linux/Resolver.h"
 #include "platform/linux/ServiceThread.h"
 #include "platform/linux/kernel/KernelPrograms.h"
@@ -45,6 +46,7 @@ class LinuxBackend final : public PlatformBackend {
 
   ServiceThread service_;
   Resolver resolver_;
+  OutboundPorts outboundPorts_;
   std::vector<std::unique_ptr<EpollLoop>> loops_;
   std::atomic<std::size_t> turn_{0};
   std::unique_ptr<KernelPrograms> kernelPrograms_;

@@ -11,21 +11,22 @@
 namespace tandor {
 namespace {
 
-/// Takes a port that the kernel gives to nobody who does not ask for one; sockets of ours share it.
-/// Without one the connection has the kernel's choice.
-void takePort(const FileDescriptor& socket, int family) noexcept {
+/// Of any address: which one it will be, the route decides at connecting. A server that sets
+/// SO_REUSEADDR, as they do, can still listen there.
+[[nodiscard]] int takePort(const FileDescriptor& socket, int family, std::uint16_t port) noexcept {
   const int on = 1;
   ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in6 anywhere{};  // in IPv4's form, too, all else is zero
   anywhere.sin6_family = static_cast<sa_family_t>(family);
-  static_cast<void>(
-      ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&anywhere), sizeof anywhere));
+  anywhere.sin6_port = htons(port);
+  const auto& address = reinterpret_cast<const sockaddr&>(anywhere);
+  return ::bind(socket.get(), &address, sizeof anywhere) == 0 ? 0 : errno;
 }
 
 }  // namespace
 
 std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParameters& parameters,
-                                                      OutboundPort port) {
+                                                      std::optional<std::uint16_t> port) {
   const bool isStream = parameters.transport == NWParameters::Transport::tcp;
   FileDescriptor socket(
       ::socket(family, (isStream ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -43,7 +44,10 @@ std::expected<FileDescriptor, int> makeOutboundSocket(int family, const NWParame
                      static_cast<socklen_t>(interface->name.size())) != 0)
       return std::unexpected(errno);
   }
-  if (port == OutboundPort::ofItsOwn) takePort(socket, family);
+  if (port) {
+    if (const int error = takePort(socket, family, *port); error != 0)
+      return std::unexpected(error);
+  }
   return socket;
 }
 

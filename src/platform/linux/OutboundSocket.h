@@ -2,24 +2,18 @@
 
 #include <cstdint>
 #include <expected>
+#include <optional>
 
 #include "platform/linux/FileDescriptor.h"
 #include "platform/network/NWParameters.h"
 
 namespace tandor {
 
-/// How a socket comes to its port. `any`: by the kernel's choice at connecting. Of a stream that is
-/// bound to an interface, the kernel may give that port to an application's stream to the same
-/// endpoint as well, since that one is bound to none, and replies reach the wrong one of the two.
-/// `ofItsOwn`: by asking, which keeps it from whoever does not ask. Another of the daemon's sockets
-/// may have it towards the same endpoint; then connecting fails with EADDRNOTAVAIL.
-enum class OutboundPort : std::uint8_t { ofItsOwn, any };
-
 /// A new non-blocking socket of the daemon's own for the given address family: marked so that it is
 /// never offered to the provider itself, and bound to the interface that the parameters require.
-/// Fails with an error number.
-[[nodiscard]] std::expected<FileDescriptor, int> makeOutboundSocket(int family,
-                                                                    const NWParameters& parameters,
-                                                                    OutboundPort port);
+/// `port` is shared with whoever else asks for it with SO_REUSEADDR; without one the kernel chooses
+/// at connecting. Fails with an error number, EADDRINUSE when the port cannot be had.
+[[nodiscard]] std::expected<FileDescriptor, int> makeOutboundSocket(
+    int family, const NWParameters& parameters, std::optional<std::uint16_t> port);
 
 }  // namespace tandor

@@ -8,9 +8,6 @@
 namespace tandor {
 namespace {
 
-/// Even where half of all ports are in use towards one endpoint, so many are hardly ever all taken.
-constexpr int mostPortsTried = 8;
-
 /// Errors of our own machine rather than of the way to the endpoint.
 bool isLocalFailure(int error) noexcept {
   return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS ||
@@ -20,8 +17,8 @@ bool isLocalFailure(int error) noexcept {
 }  // namespace
 
 SocketConnection::SocketConnection(NWEndpoint endpoint, NWParameters parameters, Resolver& resolver,
-                                   EpollLoop& defaultLoop)
-    : search_(std::make_unique<Search>(std::move(endpoint), std::move(parameters), resolver,
+                                   OutboundPorts& ports, EpollLoop& defaultLoop)
+    : search_(std::make_unique<Search>(std::move(endpoint), std::move(parameters), resolver, ports,
                                        defaultLoop)) {}
 
 void SocketConnection::setStateUpdateHandler(StateUpdateHandler handler) {
@@ -92,12 +89,11 @@ int SocketConnection::connectTo(const SocketAddress& address) {
   const NWParameters& parameters = search_->parameters;
   const bool isBoundStream =
       parameters.transport == NWParameters::Transport::tcp && parameters.requiredInterface;
-  for (int ports = isBoundStream ? mostPortsTried : 0;; --ports) {
-    auto socket = makeOutboundSocket(address.family(), parameters,
-                                     ports > 0 ? OutboundPort::ofItsOwn : OutboundPort::any);
-    if (!socket) return socket.error();
-    const int error = attempt(std::move(*socket), address);
-    if (error != EADDRNOTAVAIL || ports == 0) return error;
+  for (unsigned misses = 0;; ++misses) {
+    const auto port = isBoundStream ? search_->ports.choose(misses) : std::nullopt;
+    auto socket = makeOutboundSocket(address.family(), parameters, port);
+    const int error = socket ? attempt(std::move(*socket), address) : socket.error();
+    if (!port || (error != EADDRINUSE && error != EADDRNOTAVAIL)) return error;
   }
 }
 

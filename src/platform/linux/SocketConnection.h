@@ -6,6 +6,7 @@
 
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/InterceptedFlow.h"
+#include "platform/linux/OutboundPorts.h"
 #include "platform/linux/Resolver.h"
 #include "platform/network/NWConnection.h"
 
@@ -15,10 +16,10 @@ namespace tandor {
 /// the turn of the addresses. Lives on the loop that its queue is pinned to, else on a given one.
 class SocketConnection : public NWConnection, public EpollLoop::Resident {
  public:
-  /// `defaultLoop` serves when the queue given to start() is free. It and the resolver outlive the
-  /// connection.
+  /// `defaultLoop` serves when the queue given to start() is free. It, the resolver and the ports
+  /// outlive the connection.
   SocketConnection(NWEndpoint endpoint, NWParameters parameters, Resolver& resolver,
-                   EpollLoop& defaultLoop);
+                   OutboundPorts& ports, EpollLoop& defaultLoop);
 
   void setStateUpdateHandler(StateUpdateHandler handler) final;
   void start(std::shared_ptr<DispatchQueue> queue) final;
@@ -71,6 +72,7 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
     NWEndpoint endpoint;
     NWParameters parameters;
     Resolver& resolver;
+    OutboundPorts& ports;
     EpollLoop& defaultLoop;
     Resolver::Addresses addresses;
     std::size_t next = 0;  // the address that comes after the one that is tried
@@ -98,6 +100,7 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
 [[nodiscard]] std::shared_ptr<NWConnection> makeSocketConnection(const NWEndpoint& endpoint,
                                                                  const NWParameters& parameters,
                                                                  Resolver& resolver,
+                                                                 OutboundPorts& ports,
                                                                  EpollLoop& defaultLoop);
 
 }  // namespace tandor

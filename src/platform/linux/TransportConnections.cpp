@@ -114,10 +114,11 @@ class DatagramConnection final : public SocketConnection, private DatagramSocket
 
 std::shared_ptr<NWConnection> makeSocketConnection(const NWEndpoint& endpoint,
                                                    const NWParameters& parameters,
-                                                   Resolver& resolver, EpollLoop& defaultLoop) {
+                                                   Resolver& resolver, OutboundPorts& ports,
+                                                   EpollLoop& defaultLoop) {
   if (parameters.transport == NWParameters::Transport::udp)
-    return makeResident<DatagramConnection>(endpoint, parameters, resolver, defaultLoop);
-  return makeResident<StreamConnection>(endpoint, parameters, resolver, defaultLoop);
+    return makeResident<DatagramConnection>(endpoint, parameters, resolver, ports, defaultLoop);
+  return makeResident<StreamConnection>(endpoint, parameters, resolver, ports, defaultLoop);
 }
 
 }  // namespace tandor
