@@ -318,7 +318,7 @@ class LoopTest : public testing::Test {
                                   const NWParameters& parameters = NWParameters::tcp()) {
     const Outbound connection(makeSocketConnection(
         NWEndpoint::hostPort(NWEndpoint::Host::name(host), NWEndpoint::Port(port)), parameters,
-        resolver_, ports_, loop()));
+        {.resolver = resolver_, .ports = ports_, .connections = connections_}, loop()));
     connection.start(queue(isPinned));
     return connection;
   }
@@ -335,6 +335,7 @@ class LoopTest : public testing::Test {
 
   Resolver resolver_;
   OutboundPorts ports_;
+  OutboundConnections connections_;
   std::unique_ptr<EpollLoop> loop_ = EpollLoop::make("test-loop").value();
   std::vector<std::shared_ptr<DispatchQueue>> queues_;
   std::size_t before_ = 0;

@@ -19,6 +19,10 @@ std::size_t usableCores() noexcept {
 
 }  // namespace
 
+LinuxBackend::LinuxBackend()
+    : outboundConnections_(std::make_shared<OutboundConnections>()),
+      addressWatch_(service_, [connections = outboundConnections_] { connections->failLost(); }) {}
+
 std::expected<std::unique_ptr<LinuxBackend>, int> LinuxBackend::make(std::size_t loopCount) {
   std::unique_ptr<LinuxBackend> backend(new LinuxBackend);  // NOLINT: the constructor is private
   if (loopCount == 0) loopCount = usableCores();
@@ -32,7 +36,10 @@ std::expected<std::unique_ptr<LinuxBackend>, int> LinuxBackend::make(std::size_t
 
 std::shared_ptr<NWConnection> LinuxBackend::makeConnection(const NWEndpoint& endpoint,
                                                            const NWParameters& parameters) {
-  return makeSocketConnection(endpoint, parameters, resolver_, outboundPorts_, nextLoop());
+  return makeSocketConnection(
+      endpoint, parameters,
+      {.resolver = resolver_, .ports = outboundPorts_, .connections = *outboundConnections_},
+      nextLoop());
 }
 
 std::unique_ptr<NWPathMonitor> LinuxBackend::makePathMonitor() {

@@ -8,6 +8,8 @@
 
 #include "platform/Backend.h"
 #include "platform/linux/EpollLoop.h"
+#include "platform/linux/LocalAddressWatch.h"
+#include "platform/linux/OutboundConnections.h"
 #include "platform/linux/OutboundPorts.h"
 #include "platform/linux/Resolver.h"
 #include "platform/linux/ServiceThread.h"
@@ -42,11 +44,13 @@ class LinuxBackend final : public PlatformBackend {
   [[nodiscard]] KernelPrograms* kernelPrograms() noexcept { return kernelPrograms_.get(); }
 
  private:
-  LinuxBackend() = default;
+  LinuxBackend();
 
   ServiceThread service_;
   Resolver resolver_;
   OutboundPorts outboundPorts_;
+  std::shared_ptr<OutboundConnections> outboundConnections_;
+  LocalAddressWatch addressWatch_;
   std::vector<std::unique_ptr<EpollLoop>> loops_;
   std::atomic<std::size_t> turn_{0};
   std::unique_ptr<KernelPrograms> kernelPrograms_;

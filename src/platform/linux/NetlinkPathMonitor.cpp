@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <optional>
 #include <sys/socket.h>
@@ -17,24 +16,13 @@
 #include "platform/foundation/NSLog.h"
 #include "platform/linux/CurrentPath.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/NetlinkSubscription.h"
 
 namespace tandor {
 namespace {
 
 /// How long a burst of changes may go on before the path is looked at again.
 constexpr auto settlingTime = std::chrono::milliseconds(100);
-
-FileDescriptor subscribe() {
-  FileDescriptor socket(
-      ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
-  if (socket.isOpen() &&
-      ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    socket.reset();
-  return socket;
-}
 
 }  // namespace
 
@@ -47,7 +35,8 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
         handler_(std::move(handler)) {}
 
   void start() {
-    FileDescriptor socket = subscribe();
+    FileDescriptor socket =
+        subscribeToNetlink(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE);
     if (socket.isOpen()) {
       descriptor_.assign(socket.release());
       awaitChange();

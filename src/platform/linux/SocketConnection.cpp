@@ -16,10 +16,14 @@ bool isLocalFailure(int error) noexcept {
 
 }  // namespace
 
-SocketConnection::SocketConnection(NWEndpoint endpoint, NWParameters parameters, Resolver& resolver,
-                                   OutboundPorts& ports, EpollLoop& defaultLoop)
-    : search_(std::make_unique<Search>(std::move(endpoint), std::move(parameters), resolver, ports,
+SocketConnection::SocketConnection(NWEndpoint endpoint, NWParameters parameters,
+                                   OutboundMeans means, EpollLoop& defaultLoop)
+    : search_(std::make_unique<Search>(std::move(endpoint), std::move(parameters), means,
                                        defaultLoop)) {}
+
+SocketConnection::~SocketConnection() {
+  if (connections_ != nullptr) connections_->remove(*this);
+}
 
 void SocketConnection::setStateUpdateHandler(StateUpdateHandler handler) {
   auto set = [&] {
@@ -44,6 +48,7 @@ void SocketConnection::start(std::shared_ptr<DispatchQueue> queue) {
 
 void SocketConnection::begin() {
   if (isCancelled_) return;
+  search_->means.connections.add(*this);
   report(State::Kind::preparing);
   const std::string& host = search_->endpoint.host().description();
   if (const auto numeric = SocketAddress::fromNumeric(host, search_->endpoint.port().number())) {
@@ -51,11 +56,10 @@ void SocketConnection::begin() {
     tryNextAddress();
     return;
   }
-  search_->resolver.resolve(host,
-                            [weak = std::weak_ptr(self()), this](const Resolver::Answer& answer) {
-                              if (const auto alive = weak.lock())
-                                onLoop([this, answer] { resolved(answer); });
-                            });
+  search_->means.resolver.resolve(
+      host, [weak = std::weak_ptr(self()), this](const Resolver::Answer& answer) {
+        if (const auto alive = weak.lock()) onLoop([this, answer] { resolved(answer); });
+      });
 }
 
 void SocketConnection::resolved(const Resolver::Answer& answer) {
@@ -90,7 +94,7 @@ int SocketConnection::connectTo(const SocketAddress& address) {
   const bool isBoundStream =
       parameters.transport == NWParameters::Transport::tcp && parameters.requiredInterface;
   for (unsigned misses = 0;; ++misses) {
-    const auto port = isBoundStream ? search_->ports.choose(misses) : std::nullopt;
+    const auto port = isBoundStream ? search_->means.ports.choose(misses) : std::nullopt;
     auto socket = makeOutboundSocket(address.family(), parameters, port);
     const int error = socket ? attempt(std::move(*socket), address) : socket.error();
     if (!port || (error != EADDRINUSE && error != EADDRNOTAVAIL)) return error;
@@ -216,13 +220,24 @@ void SocketConnection::cancel() {
   });
 }
 
+void SocketConnection::fail(int error) {
+  if (isCancelled_) return;
+  abort();
+  if (std::exchange(isReady_, false)) {
+    refusal_ = error;
+    scheduleRefusal();
+  } else {
+    attemptEnded(error);
+  }
+}
+
 void SocketConnection::scheduleRefusal() {
   isRefusing_ = true;
   loop().schedule(answer_);
 }
 
 void SocketConnection::refuse() {
-  const int error = isCancelled_ ? ECANCELED : ENOTCONN;
+  const int error = isCancelled_ ? ECANCELED : refusal_;
   completeSend(error);
   completeReceive(std::nullopt, false, error);
 }

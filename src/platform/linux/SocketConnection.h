@@ -1,31 +1,49 @@
 #pragma once
 
+#include <cerrno>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/InterceptedFlow.h"
+#include "platform/linux/OutboundConnections.h"
 #include "platform/linux/OutboundPorts.h"
 #include "platform/linux/Resolver.h"
 #include "platform/network/NWConnection.h"
 
 namespace tandor {
 
+/// What outbound connections have in common, all of them.
+struct OutboundMeans {
+  Resolver& resolver;
+  OutboundPorts& ports;
+  OutboundConnections& connections;
+};
+
 /// What outbound connections over TCP and UDP share: the states and their handler, resolution, and
 /// the turn of the addresses. Lives on the loop that its queue is pinned to, else on a given one.
 class SocketConnection : public NWConnection, public EpollLoop::Resident {
  public:
-  /// `defaultLoop` serves when the queue given to start() is free. It, the resolver and the ports
-  /// outlive the connection.
-  SocketConnection(NWEndpoint endpoint, NWParameters parameters, Resolver& resolver,
-                   OutboundPorts& ports, EpollLoop& defaultLoop);
+  /// `defaultLoop` serves when the queue given to start() is free. It and the means outlive
+  /// the connection.
+  SocketConnection(NWEndpoint endpoint, NWParameters parameters, OutboundMeans means,
+                   EpollLoop& defaultLoop);
+  ~SocketConnection() override;
+  SocketConnection(const SocketConnection&) = delete;
+  SocketConnection& operator=(const SocketConnection&) = delete;
 
   void setStateUpdateHandler(StateUpdateHandler handler) final;
   void start(std::shared_ptr<DispatchQueue> queue) final;
   void send(Data content, ContentContext context, bool isComplete, SendCompletion completion) final;
   void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion) final;
   void cancel() final;
+
+  /// Closes the socket with a reset; what is pending fails with this error number, and what comes
+  /// after it. On the loop.
+  void fail(int error);
+  /// Of its socket; negative for none. On the loop.
+  [[nodiscard]] virtual int descriptor() const noexcept = 0;
 
  protected:
   /// Opens the socket towards one address: streams answer later with attemptEnded, or return an
@@ -47,6 +65,8 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   [[nodiscard]] EpollLoop& loop() const noexcept { return *residence(); }
 
  private:
+  friend class OutboundConnections;
+
   /// The flow that is relayed; null when there is none or it has ended.
   [[nodiscard]] std::shared_ptr<InterceptedFlow> flow() const;
   void begin();
@@ -71,8 +91,7 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   struct Search {
     NWEndpoint endpoint;
     NWParameters parameters;
-    Resolver& resolver;
-    OutboundPorts& ports;
+    OutboundMeans means;
     EpollLoop& defaultLoop;
     Resolver::Addresses addresses;
     std::size_t next = 0;  // the address that comes after the one that is tried
@@ -88,10 +107,15 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   bool isReady_ = false;
   bool isCancelled_ = false;
   bool isRefusing_ = false;  // with the next answer
+  int refusal_ = ENOTCONN;
   std::vector<State> statesToDeliver_;
 
   SendCompletion sendCompletion_;
   ReceiveCompletion receiveCompletion_;
+
+  OutboundConnections* connections_ = nullptr;  // once it has begun; guards the links
+  SocketConnection* next_ = nullptr;
+  SocketConnection* previous_ = nullptr;
 
   EpollLoop::Task answer_{EpollLoop::Call::to<&SocketConnection::answer>(this)};
 };
@@ -99,8 +123,7 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
 /// A new connection of the parameters' transport.
 [[nodiscard]] std::shared_ptr<NWConnection> makeSocketConnection(const NWEndpoint& endpoint,
                                                                  const NWParameters& parameters,
-                                                                 Resolver& resolver,
-                                                                 OutboundPorts& ports,
+                                                                 const OutboundMeans& means,
                                                                  EpollLoop& defaultLoop);
 
 }  // namespace tandor

@@ -34,6 +34,10 @@ class StreamConnection final : public SocketConnection, private StreamSocket::Ow
     if (stream_) stream_->abort();
   }
 
+  [[nodiscard]] int descriptor() const noexcept override {
+    return stream_ ? stream_->descriptor() : -1;
+  }
+
   void streamDidConnect(int error) override { attemptEnded(error); }
 
   void streamDidRead(Data data) override {
@@ -101,6 +105,10 @@ class DatagramConnection final : public SocketConnection, private DatagramSocket
   }
   void abort() override { finish(); }
 
+  [[nodiscard]] int descriptor() const noexcept override {
+    return socket_ ? socket_->descriptor() : -1;
+  }
+
   void datagramsDidArrive(std::span<Data> datagrams) override {
     completeReceive(std::move(datagrams.front()), /*isComplete=*/false, 0);
   }
@@ -114,11 +122,11 @@ class DatagramConnection final : public SocketConnection, private DatagramSocket
 
 std::shared_ptr<NWConnection> makeSocketConnection(const NWEndpoint& endpoint,
                                                    const NWParameters& parameters,
-                                                   Resolver& resolver, OutboundPorts& ports,
+                                                   const OutboundMeans& means,
                                                    EpollLoop& defaultLoop) {
   if (parameters.transport == NWParameters::Transport::udp)
-    return makeResident<DatagramConnection>(endpoint, parameters, resolver, ports, defaultLoop);
-  return makeResident<StreamConnection>(endpoint, parameters, resolver, ports, defaultLoop);
+    return makeResident<DatagramConnection>(endpoint, parameters, means, defaultLoop);
+  return makeResident<StreamConnection>(endpoint, parameters, means, defaultLoop);
 }
 
 }  // namespace tandor
