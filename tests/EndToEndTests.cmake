@@ -12,6 +12,7 @@ set(environment
   PYTHONDONTWRITEBYTECODE=1)
 set(classes
   routing.Modes
+  routing.Outbound
   routing.Proxying
   relay.Bulk
   relay.Datagrams

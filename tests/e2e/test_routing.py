@@ -1,10 +1,12 @@
 """Which flows are taken, and the way that each goes."""
 
 import itertools
+import socket
 import time
 
 from daemon import PROXY
 from lab import ETH0, NOWHERE, OTHER, PRIVATE, SERVER, SERVER6, VPN, EndToEnd
+from namespaces import eventually
 from peers import ESTABLISHED, Echo, Listener, client_hello, connect_request
 
 MODES = ("webProxy", "directlyWhiteList", "tunnelWhiteList")
@@ -51,23 +53,6 @@ class Modes(EndToEnd):
                     flow.close()
             self.assertEqual(self.daemon.status()["flows"]["taken"], taken)
 
-    def test_applications_and_relay_share_no_port(self):
-        """Without a VPN both sides of a flow talk from the same address to the same server."""
-        range_file = "/proc/sys/net/ipv4/ip_local_port_range"
-        without_vpn = "via 192.0.2.1 dev eth0 metric 9"
-        ports, flows = self.lab.app.read(range_file), 80
-        self.lab.app.ip("route add default " + without_vpn)
-        self.lab.app.write(range_file, "40000 40399")
-        try:
-            self.start("directlyWhiteList")
-            self.listed.call("connect_many", WEB, flows)
-            self.assertEqual(self.listed.call("exchange_kept", b"hello"), flows)
-            self.assertEqual(len(self.daemon.flows()), flows)
-        finally:
-            self.listed.call("release_all")
-            self.lab.app.write(range_file, ports)
-            self.lab.app.ip("route del default " + without_vpn)
-
     def test_ipv4_in_ipv6_sockets_is_ipv4(self):
         self.start("directlyWhiteList")
         mapped = ("::ffff:" + SERVER, 80)
@@ -109,6 +94,116 @@ class Modes(EndToEnd):
         self.assertWay("native", self.unlisted, QUIC, "udp")
         self.daemon.update("directlyWhiteList", [self.listed.program])
         self.assertWay("eth0", self.listed, QUIC, "udp")
+
+
+class Outbound(EndToEnd):
+    """Ports and addresses of the daemon's own connections."""
+
+    def setUp(self):
+        super().setUp()
+        self.echo = self.closing(Echo(self.lab.net, WEB, QUIC, (OTHER, 53), PROXY))
+
+    def port_range(self, text):
+        file = "/proc/sys/net/ipv4/ip_local_port_range"
+        self.addCleanup(self.lab.app.write, file, self.lab.app.read(file))
+        self.lab.app.write(file, text)
+
+    def test_applications_and_relay_share_no_port(self):
+        """Without a VPN both sides of a flow talk from the same address to the same server."""
+        without_vpn, flows = "via 192.0.2.1 dev eth0 metric 9", 80
+        self.lab.app.ip("route add default " + without_vpn)
+        self.port_range("40000 40399")
+        try:
+            self.start("directlyWhiteList")
+            self.listed.call("connect_many", WEB, flows)
+            self.assertEqual(self.listed.call("exchange_kept", b"hello"), flows)
+            self.assertEqual(len(self.daemon.flows()), flows)
+        finally:
+            self.listed.call("release_all")
+            self.lab.app.ip("route del default " + without_vpn)
+
+    def test_most_ports_are_left_to_applications(self):
+        """However many flows there were in the last minute, to one server or to several; and who asks
+        for a port that the daemon has gets it, if it only says that it would share it."""
+        self.port_range("40000 41599")
+        type(self).daemon.end()
+        type(self).daemon = self.lab.daemon()
+        self.daemon.start("directlyWhiteList", [self.listed.program])
+        for address in (WEB, QUIC):
+            outcome = self.listed.call("exchange_many", address, 300, 4, b"hello")
+            self.assertEqual(outcome, {"whole": 300})
+        ours = {port for _, (host, port), _ in self.echo.received if host == ETH0}
+        self.assertLessEqual(len(ours), 1600 / 16)
+        with self.lab.app:
+            server = self.closing(socket.create_server(("", ours.pop())))
+        self.assertTrue(server)
+        # With as many open at once to one server, each has its own.
+        self.listed.call("connect_many", WEB, 300)
+        try:
+            self.assertEqual(self.listed.call("exchange_kept", b"hi"), 300)
+        finally:
+            self.listed.call("release_all")
+
+    def test_an_address_that_goes_takes_its_flows_along(self):
+        """At once: who would otherwise stand still without an end can begin anew."""
+        listener = self.closing(Listener(self.lab.net, (OTHER, 99)))
+        address = f"address add {ETH0}/26 dev eth0\n"
+        route = "route replace default via 192.0.2.1 dev eth0 metric 100"
+        self.start("directlyWhiteList")
+        for change, restore, is_lost in (
+                # Renewed, while another interface goes for good.
+                (f"link add eth2 type veth\naddress del {ETH0}/26 dev eth0\n{address}{route}\n"
+                 "link del eth2", "", False),
+                (f"address add 192.0.2.3/32 dev eth0\naddress del {ETH0}/26 dev eth0\n"
+                 f"{route} src 192.0.2.3 onlink", f"address del 192.0.2.3/32 dev eth0\n{address}{route}",
+                 True)):
+            with self.subTest(is_lost=is_lost):
+                stream = self.listed.connect((OTHER, 99))
+                stream.send(b"hello")
+                peer = self.closing(listener.accept())
+                self.assertEqual(peer.source[0], ETH0)
+                datagrams = self.listed.connect((OTHER, 53), "udp")
+                self.assertEqual(datagrams.exchange([b"hello"]), [b"hello"])
+                begin = time.monotonic()
+                self.lab.app.ip(change)
+                try:
+                    if is_lost:
+                        self.assertRaises(ConnectionResetError, stream.recv, 1)
+                        self.assertEqual(peer.ending(), "reset")
+                        self.assertLess(time.monotonic() - begin, 1)
+                        eventually(lambda: not self.daemon.flows(), "the flows have ended")
+                    else:
+                        time.sleep(0.5)
+                        peer.send(b"still here")
+                        self.assertEqual(stream.read(10), b"still here")
+                    self.assertEqual(datagrams.exchange([b"again"]), [b"again"])
+                finally:
+                    self.lab.app.ip(restore)
+                stream.close()
+                datagrams.close()
+
+    def test_an_interface_that_goes_takes_its_connections_along(self):
+        self.lab.net.ip(f"""link add eth2 type veth peer name eth2 netns {self.lab.app.name}
+            address add 192.0.2.129/26 dev eth2
+            link set eth2 up""")
+        self.lab.app.ip("""address add 192.0.2.130/26 dev eth2
+            link set eth2 up
+            route add default via 192.0.2.129 dev eth2 metric 10""")
+        self.lab.app.write("/proc/sys/net/ipv4/conf/eth2/rp_filter", "2")
+        listener = self.closing(Listener(self.lab.net, (OTHER, 99)))
+        self.start("directlyWhiteList")
+        stream = self.listed.connect((OTHER, 99))
+        stream.send(b"hello")
+        peer = self.closing(listener.accept())
+        self.assertEqual(peer.source[0], "192.0.2.130")
+        # The address alone does not make it: it may be another interface's by now.
+        self.lab.app.ip("""link del eth2
+            address add 192.0.2.130/32 dev eth0""")
+        self.addCleanup(self.lab.app.ip, "address del 192.0.2.130/32 dev eth0")
+        begin = time.monotonic()
+        self.assertRaises(ConnectionResetError, stream.recv, 1)
+        self.assertLess(time.monotonic() - begin, 1)
+        self.assertWay("eth0", self.listed, WEB)
 
 
 class Proxying(EndToEnd):
