@@ -20,33 +20,24 @@ std::unexpected<IPCError> systemFailure(std::string_view message) {
   return std::unexpected(IPCError::bsdError(message, errno));
 }
 
-/// A wait that runs out makes the call fail with EAGAIN, which is reported like any other error.
-void limitWaits(int descriptor, std::chrono::milliseconds limit) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
-  timeval wait{};
-  wait.tv_sec = static_cast<decltype(wait.tv_sec)>(seconds.count());
-  wait.tv_usec = static_cast<decltype(wait.tv_usec)>(
-      std::chrono::duration_cast<std::chrono::microseconds>(limit - seconds).count());
-  ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
-}
-
 }  // namespace
 
 std::expected<IPCClient, IPCError> IPCClient::make(std::string_view socketPath,
                                                    std::chrono::milliseconds limit) {
-  IPCClient client(socketPath);
-  if (auto connected = client.connect(limit); !connected) return std::unexpected(connected.error());
+  IPCClient client(socketPath, Clock::now() + limit);
+  if (auto connected = client.connect(); !connected) return std::unexpected(connected.error());
   return client;
 }
 
 IPCClient::IPCClient(IPCClient&& other) noexcept
     : socketPath_(std::move(other.socketPath_)),
-      socketFd_(std::exchange(other.socketFd_, std::nullopt)) {}
+      socketFd_(std::exchange(other.socketFd_, std::nullopt)),
+      deadline_(other.deadline_) {}
 
 IPCClient& IPCClient::operator=(IPCClient&& other) noexcept {
   std::swap(socketPath_, other.socketPath_);
   std::swap(socketFd_, other.socketFd_);
+  std::swap(deadline_, other.deadline_);
   return *this;
 }
 
@@ -54,7 +45,20 @@ IPCClient::~IPCClient() {
   static_cast<void>(close());
 }
 
-std::expected<void, IPCError> IPCClient::connect(std::chrono::milliseconds limit) {
+void IPCClient::limitWait(int option) const {
+  using namespace std::chrono_literals;
+  // A wait that runs out makes the call fail with EAGAIN, which is reported like any other error;
+  // none at all would be one without an end.
+  const auto left = std::max(deadline_ - Clock::now(), Clock::duration(1ms));
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+  timeval wait{};
+  wait.tv_sec = static_cast<decltype(wait.tv_sec)>(seconds.count());
+  wait.tv_usec = static_cast<decltype(wait.tv_usec)>(
+      std::chrono::duration_cast<std::chrono::microseconds>(left - seconds).count());
+  ::setsockopt(*socketFd_, SOL_SOCKET, option, &wait, sizeof wait);
+}
+
+std::expected<void, IPCError> IPCClient::connect() {
   const int descriptor = ::socket(AF_UNIX, SOCK_STREAM, 0);
   if (descriptor < 0) return systemFailure("create socket failed");
   socketFd_ = descriptor;
@@ -66,7 +70,7 @@ std::expected<void, IPCError> IPCClient::connect(std::chrono::milliseconds limit
     return std::unexpected(IPCError::invalidSocketPath("path too long"));
   }
   std::ranges::copy(socketPath_, address.sun_path);
-  limitWaits(descriptor, limit);
+  limitWait(SO_SNDTIMEO);
   // The two bytes of the family stand before the path; its terminator is not counted.
   const auto length = static_cast<socklen_t>(socketPath_.size() + 2);
   if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
@@ -98,6 +102,7 @@ std::expected<void, IPCError> IPCClient::sendMessage(std::string_view name,
 std::expected<Data, IPCError> IPCClient::receive(std::size_t count) {
   if (!socketFd_) return std::unexpected(IPCError::connAlreadyClosed());
   std::vector<std::uint8_t> buffer(count);
+  limitWait(SO_RCVTIMEO);
   const ssize_t received = ::read(*socketFd_, buffer.data(), buffer.size());
   if (received < 0) return systemFailure("receive failed");
   buffer.resize(static_cast<std::size_t>(received));
@@ -109,6 +114,7 @@ std::expected<void, IPCError> IPCClient::send(std::span<const std::uint8_t> byte
   if (std::cmp_greater(bytes.size(), maximumPacketLength))
     return std::unexpected(IPCError::notSupport());
   while (!bytes.empty()) {
+    limitWait(SO_SNDTIMEO);
     const ssize_t written = ::write(*socketFd_, bytes.data(), bytes.size());
     if (written < 0) return systemFailure("write failed");
     if (written == 0) return std::unexpected(IPCError::peerClose());

@@ -15,15 +15,15 @@
 namespace tandor {
 
 /// A client of the host application's Unix-domain stream socket, for one message: made (which
-/// connects and shakes hands), one sendMessage, close. Used by one thread; every call blocks, at
-/// most `waitLimit` for the connect, each read and each write. A client that is dropped closes its
-/// descriptor. Relies on the process ignoring SIGPIPE.
+/// connects and shakes hands), one sendMessage, close. Used by one thread; its calls block, all of
+/// them together at most for `waitLimit`: a start and a stop wait for them. A client that is
+/// dropped closes its descriptor. Relies on the process ignoring SIGPIPE.
 class IPCClient {
  public:
   static constexpr std::int64_t maximumPacketLength = 1'048'576;
   /// Bytes of a path with its terminator, on every platform.
   static constexpr std::size_t maximumPathLength = 104;
-  static constexpr std::chrono::seconds waitLimit{5};
+  static constexpr std::chrono::seconds waitLimit{3};
 
   /// Connects to the socket at `socketPath` and performs the handshake: read 2 bytes, write a zero
   /// byte, read 4, write a zero byte. What the host application sends is not examined. A failure
@@ -50,13 +50,20 @@ class IPCClient {
   [[nodiscard]] std::expected<void, IPCError> close();
 
  private:
-  explicit IPCClient(std::string_view socketPath) : socketPath_(socketPath) {}
+  using Clock = std::chrono::steady_clock;
 
-  [[nodiscard]] std::expected<void, IPCError> connect(std::chrono::milliseconds limit);
+  IPCClient(std::string_view socketPath, Clock::time_point deadline)
+      : socketPath_(socketPath), deadline_(deadline) {}
+
+  [[nodiscard]] std::expected<void, IPCError> connect();
   [[nodiscard]] std::expected<void, IPCError> handshake();
+
+  /// Lets the next call on the socket wait until the deadline.
+  void limitWait(int option) const;
 
   std::string socketPath_;
   std::optional<std::int32_t> socketFd_;
+  Clock::time_point deadline_;
 };
 
 }  // namespace tandor

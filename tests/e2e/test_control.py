@@ -141,7 +141,8 @@ class ControlSocket(EndToEnd):
         self.assertEqual(daemon.terminate(), 0)
 
     def test_a_host_application_that_does_not_answer(self):
-        """It holds the start and the stop, but nobody else; a second signal waits no longer."""
+        """It holds the start and the stop for a while, but nobody else, and no rule; a second signal
+        waits no longer."""
         host = self.closing(socket.socket(socket.AF_UNIX))
         host.bind(self.lab.folder + "/host")
         host.listen()
@@ -175,13 +176,16 @@ class ControlSocket(EndToEnd):
         self.assertIsNone(stopping.line()["error"])
         self.assertEqual(daemon.status()["state"], "stopped")
 
-        start()
-        daemon.process.send_signal(signal.SIGTERM)
-        silent, _ = host.accept()
-        daemon.process.send_signal(signal.SIGTERM)
-        self.assertEqual(daemon.process.wait(4 * SLOWNESS), 0)
-        silent.close()
-        self.lab.app.run(PROVIDER, "--cleanup")
+        for signals, patience in ((2, 2), (1, 6)):
+            start()
+            daemon.process.send_signal(signal.SIGTERM)
+            silent = self.closing(host.accept()[0])
+            eventually(lambda: not self.lab.traces(), "the rules are gone", patience=2 * SLOWNESS)
+            self.assertIsNone(daemon.process.poll())
+            for _ in range(1, signals):
+                daemon.process.send_signal(signal.SIGTERM)
+            self.assertEqual(daemon.process.wait(patience * SLOWNESS), 0)
+            daemon = self.lab.daemon()
 
     def test_owns_its_socket(self):
         daemon = self.lab.daemon()

@@ -5,12 +5,13 @@ import os
 import random
 import re
 import signal
+import subprocess
 import threading
 import time
 
 from daemon import PROVIDER, PROXY, ControlError
 from lab import ETH0, OTHER, SERVER, EndToEnd
-from namespaces import SLOWNESS, eventually
+from namespaces import SLOWNESS, end, eventually
 from peers import Echo, Listener, client_hello
 
 WEB = (SERVER, 80)
@@ -138,6 +139,49 @@ class UnderLoad(EndToEnd):
                 self.finish_load()
                 self.assertIn(reason, self.daemon.log().partition("stop proxy with reason:")[2])
                 type(self).daemon = self.lab.daemon()
+
+    def test_signals_that_come_again(self):
+        """While the last bytes are on their way to an application that does not read them."""
+        term, interrupt, hangup, leave = signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT
+        for numbers, reason in (((term, term), "(5)"), ((interrupt,) * 3, "(1)"),
+                                ((hangup, term), "(5)"), ((leave, interrupt, leave), "(1)")):
+            with self.subTest(numbers):
+                daemon = self.lab.daemon(wrapper=("setsid",))
+                daemon.start("directlyWhiteList", [self.listed.program])
+                flow = self.listed.connect((SERVER, 81))
+                flow.sendall(b"x")
+                self.closing(self.server.accept()).send(bytes(1 << 20))
+                for number in numbers:
+                    os.killpg(daemon.process.pid, number)  # as a terminal does
+                    time.sleep(0.2)
+                # What it runs to remove things is told, too.
+                while daemon.process.poll() is None:
+                    os.killpg(daemon.process.pid, numbers[-1])
+                    time.sleep(0.001)
+                self.assertEqual(daemon.process.wait(), 0)
+                self.assertEqual(self.lab.traces(), [])
+                self.assertFalse(os.path.exists(daemon.path))
+                self.assertIn(reason, daemon.log().partition("stop proxy with reason:")[2])
+                self.assertNative()
+                flow.close()
+
+    def test_signals_before_and_beside(self):
+        """One that comes early is not lost, and leaves no socket; some are not for us."""
+        path = self.lab.folder + "/early"
+        for attempt in range(60 // SLOWNESS):
+            early = self.lab.app.popen(PROVIDER, "--control", path, stderr=subprocess.DEVNULL)
+            self.addCleanup(end, early)
+            deadline = time.monotonic() + 0.001 * attempt
+            while not os.path.exists(path) and time.monotonic() < deadline:
+                pass
+            early.terminate()
+            self.assertIn(early.wait(20), (0, -signal.SIGTERM))
+            self.assertFalse(os.path.exists(path))
+        daemon = self.lab.daemon(wrapper=("nohup",))
+        for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGPIPE):
+            daemon.process.send_signal(number)
+        self.assertEqual(daemon.status()["state"], "idle")
+        self.assertEqual(daemon.terminate(), 0)
 
     def kill(self):
         """Kills the daemon under load: everything is native at once, whatever remains of it."""
@@ -268,6 +312,9 @@ class Surroundings(EndToEnd):
             with self.assertRaisesRegex(ControlError, "queue 77 has an owner already"):
                 second.start("directlyWhiteList", [self.listed.program])
         second.terminate()
+        cleaner = self.lab.app.run(PROVIDER, "--cleanup", check=False)
+        self.assertEqual(cleaner.returncode, 1)
+        self.assertIn("nothing is removed", cleaner.stderr)
         self.assertEqual([re.sub(r"\d+", "", trace) for trace in self.lab.traces()],
                          [re.sub(r"\d+", "", trace) for trace in traces])
         flow.exchange([b"second"])

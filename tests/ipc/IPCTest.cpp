@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -105,6 +106,21 @@ TEST_F(IPCClientTest, FailuresOfTheMakingLeaveNoDescriptor) {
     // The host's own end of the connection may stay open for a moment.
     EXPECT_TRUE(eventually([before] { return openDescriptors() <= before; })) << path;
   }
+}
+
+TEST_F(IPCClientTest, WaitsNoLongerForAHostThatAnswersBitByBit) {
+  constexpr auto limit = 200ms;
+  const Host slow([limit](int client) {
+    for (const std::size_t count : {2U, 4U}) {
+      std::this_thread::sleep_for(limit * 3 / 4);
+      static_cast<void>(!::write(client, "hhhh", count));
+    }
+    readToTheEnd(client);
+  });
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(errorOf(IPCClient::make(slow.path(), limit)),
+            IPCError::bsdError("receive failed", EAGAIN).description());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, limit * 5 / 4);
 }
 
 TEST_F(IPCClientTest, SendsAMebibyteWholeAndNotAByteMore) {

@@ -1,5 +1,6 @@
 #include "platform/linux/Interception.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "platform/foundation/NSLog.h"
+#include "platform/linux/PacketQueue.h"
 #include "platform/linux/PacketRules.h"
 #include "platform/linux/Privileges.h"
 #include "platform/linux/RoutingPolicy.h"
@@ -54,9 +56,8 @@ std::string describe(std::string_view what, int error) {
   return fmt::format("{}: {}", what, std::generic_category().message(error));
 }
 
-}  // namespace
-
-std::expected<void, std::string> Interception::cleanUp() {
+/// Takes everything of ours away, whoever has put it there. By the owner of the packet queue.
+std::expected<void, std::string> removeEverything() {
   auto removed = removePacketRules();
   removeRoutingPolicy();
   KernelPrograms::retract();
@@ -64,6 +65,20 @@ std::expected<void, std::string> Interception::cleanUp() {
       !forgotten && removed && forgotten.error() != EINVAL)
     return std::unexpected(describe("cannot clear connection tracking", forgotten.error()));
   return removed;
+}
+
+}  // namespace
+
+std::expected<void, std::string> Interception::cleanUp() {
+  // The queue says the same of an owner before us as of a missing privilege.
+  if (!mayAdministerNetwork()) return std::unexpected(describe("cannot clean up", EPERM));
+  const auto hold = PacketQueue::Hold::make(packetQueueNumber);
+  // A kernel without queues has nobody either.
+  if (hold || (hold.error() != EPERM && hold.error() != EBUSY)) return removeEverything();
+  return std::unexpected(
+      fmt::format("packet queue {} has an owner that lives, so nothing is removed: a running "
+                  "tandor-provider takes its rules away itself, when it is stopped",
+                  packetQueueNumber));
 }
 
 std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
@@ -81,7 +96,7 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
       new Interception(registry));  // NOLINT(*-owning-memory): the constructor is private
   if (auto admitting = interception->admit(std::move(provider)); !admitting)
     return std::unexpected(admitting.error());
-  if (auto clean = cleanUp(); !clean) return std::unexpected(clean.error());
+  if (auto clean = removeEverything(); !clean) return std::unexpected(clean.error());
   KernelPrograms* const programs = backend.kernelPrograms();
   const std::string programsFolder = interception->chooseMemory(programs);
   if (auto listening = interception->listen(backend); !listening)
@@ -146,7 +161,7 @@ Interception::~Interception() {
   // The provider takes no flow any more; those that it closed still find their way back until their
   // last bytes are delivered.
   endFlows();
-  if (auto clean = cleanUp(); !clean) NSLog("interception: " + clean.error());
+  if (auto clean = removeEverything(); !clean) NSLog("interception: " + clean.error());
   runOn(*loop_, [this] { admission_->end(); });
   for (const auto& listener : listeners_) runOn(*listener->residence(), [&] { listener->close(); });
   admission_ = nullptr;

@@ -28,7 +28,8 @@ class Interception {
   Interception& operator=(const Interception&) = delete;
   ~Interception();
 
-  /// Takes away whatever a process without its end has left. Fails with the words for the user.
+  /// Takes away whatever a process without its end has left; of one that lives, nothing. Fails with
+  /// the words for the user.
   [[nodiscard]] static std::expected<void, std::string> cleanUp();
 
  private:

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "platform/linux/Admission.h"
+#include "platform/linux/EndSignals.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/Interception.h"
 #include "platform/linux/LinuxBackend.h"
@@ -29,6 +30,7 @@ namespace {
 
 void NETransparentProxyProvider::startSystemExtensionMode(std::span<char*> arguments,
                                                           Factory factory) {
+  holdEndSignals();
   if (!openStandardDescriptors()) giveUp("cannot open /dev/null");
   CLI::App options(
       "The daemon that relays taken flows. It waits for a start on its control socket; "

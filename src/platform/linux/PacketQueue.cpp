@@ -56,14 +56,42 @@ std::expected<void, int> configure(mnl_socket* socket, nlmsghdr& message) {
   return {};
 }
 
+std::expected<std::unique_ptr<mnl_socket, int (*)(mnl_socket*)>, int> openSocket() {
+  std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket(
+      ::mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC), &::mnl_socket_close);
+  if (socket == nullptr || ::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0)
+    return std::unexpected(errno);
+  return socket;
+}
+
+/// Packets that are too many pass unasked rather than get lost; segmentation stays with the device.
+void putLengthAndFlags(nlmsghdr& message, std::uint32_t length) {
+  constexpr std::uint32_t flags = NFQA_CFG_F_GSO | NFQA_CFG_F_FAIL_OPEN;
+  ::nfq_nlmsg_cfg_put_qmaxlen(&message, length);
+  ::mnl_attr_put_u32(&message, NFQA_CFG_FLAGS, htonl(flags));
+  ::mnl_attr_put_u32(&message, NFQA_CFG_MASK, htonl(flags));
+}
+
 }  // namespace
+
+std::expected<PacketQueue::Hold, int> PacketQueue::Hold::make(std::uint16_t number) {
+  auto socket = openSocket();
+  if (!socket) return std::unexpected(socket.error());
+  // All in one message, so that no packet is held: there is nobody to let it go.
+  alignas(nlmsghdr) std::array<char, 512> buffer{};
+  nlmsghdr* bind = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
+  ::nfq_nlmsg_cfg_put_cmd(bind, AF_INET, NFQNL_CFG_CMD_BIND);
+  putLengthAndFlags(*bind, 0);
+  if (auto bound = configure(socket->get(), *bind); !bound) return std::unexpected(bound.error());
+  return Hold(std::move(*socket));
+}
 
 std::expected<std::unique_ptr<PacketQueue>, int> PacketQueue::make(EpollLoop& loop,
                                                                    std::uint16_t number,
                                                                    Owner& owner) {
-  Socket socket(::mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC), &::mnl_socket_close);
-  if (socket == nullptr || ::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0)
-    return std::unexpected(errno);
+  auto opened = openSocket();
+  if (!opened) return std::unexpected(opened.error());
+  Socket socket = std::move(*opened);
 
   alignas(nlmsghdr) std::array<char, 512> buffer{};
   nlmsghdr* bind = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
@@ -72,11 +100,7 @@ std::expected<std::unique_ptr<PacketQueue>, int> PacketQueue::make(EpollLoop& lo
 
   nlmsghdr* settings = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
   ::nfq_nlmsg_cfg_put_params(settings, NFQNL_COPY_PACKET, copiedBytes);
-  ::nfq_nlmsg_cfg_put_qmaxlen(settings, queueLength);
-  // Overflow lets packets pass unasked rather than get lost; segmentation stays with the device.
-  constexpr std::uint32_t flags = NFQA_CFG_F_GSO | NFQA_CFG_F_FAIL_OPEN;
-  ::mnl_attr_put_u32(settings, NFQA_CFG_FLAGS, htonl(flags));
-  ::mnl_attr_put_u32(settings, NFQA_CFG_MASK, htonl(flags));
+  putLengthAndFlags(*settings, queueLength);
   if (auto set = configure(socket.get(), *settings); !set) return std::unexpected(set.error());
 
   const int descriptor = ::mnl_socket_get_fd(socket.get());

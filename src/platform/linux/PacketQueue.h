@@ -8,6 +8,7 @@
 #include <span>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <utility>
 #include <vector>
 
 #include <libmnl/libmnl.h>
@@ -20,6 +21,8 @@ namespace tandor {
 /// The kernel's queue of held packets. Messages come and verdicts go in batches, one system call
 /// each. Lives on a loop.
 class PacketQueue final : private EpollLoop::Source {
+  using Socket = std::unique_ptr<mnl_socket, int (*)(mnl_socket*)>;
+
  public:
   /// A packet that waits for its verdict.
   struct Packet {
@@ -27,6 +30,18 @@ class PacketQueue final : private EpollLoop::Source {
     std::uint32_t mark;
     std::uint32_t interface;  // by which it leaves
     FlowKey flow;             // protocol 0 when the packet is not understood
+  };
+
+  /// Owns a queue for as long as it lives, and lets all packets pass: nobody else can come to own
+  /// it meanwhile.
+  class Hold {
+   public:
+    /// Fails with an error number: EPERM when somebody owns the queue.
+    [[nodiscard]] static std::expected<Hold, int> make(std::uint16_t number);
+
+   private:
+    explicit Hold(Socket socket) : socket_(std::move(socket)) {}
+    Socket socket_;
   };
 
   class Owner {
@@ -57,7 +72,6 @@ class PacketQueue final : private EpollLoop::Source {
   void accept(const Packet& packet, std::uint32_t decision);
 
  private:
-  using Socket = std::unique_ptr<mnl_socket, int (*)(mnl_socket*)>;
   static constexpr std::size_t batchSize = 64;
   static constexpr std::size_t messageSize = 1024;  // headers and the copied bytes of one packet
 

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <string_view>
 #include <unistd.h>
 #include <utility>
@@ -14,6 +15,7 @@
 
 #include "platform/foundation/Base64.h"
 #include "platform/foundation/NSLog.h"
+#include "platform/linux/EndSignals.h"
 #include "platform/linux/JSONValue.h"
 
 namespace tandor {
@@ -42,6 +44,22 @@ std::expected<std::shared_ptr<const NEVPNProtocol>, std::string> protocolConfigu
 }
 
 constexpr std::int64_t interceptionFailed = 1;
+/// How long a provider usually takes to stop; it may wait longer for its host application.
+constexpr auto usualStop = std::chrono::milliseconds(100);
+
+/// A reason without a name is the provider's to judge, one that is no number of its kind is not.
+std::optional<NEProviderStopReason> stopReason(const json& number) {
+  constexpr std::int64_t outOfRange = std::int64_t{1} << 32;
+  if (!number.is_number_integer()) return std::nullopt;
+  const bool isHuge = number.is_number_unsigned() && number.get<std::uint64_t>() > outOfRange;
+  const std::int64_t value = isHuge ? outOfRange : number.get<std::int64_t>();
+  if (!std::in_range<std::int32_t>(value)) return std::nullopt;
+  return static_cast<NEProviderStopReason>(value);
+}
+
+void failNotRunning(const ControlServer::Reply& reply) {
+  reply.fail(ControlError::notRunning, "no provider is running; start one first");
+}
 
 /// The socket's path, for the process's end from whatever place: a failed start ends it, too.
 std::string& ownedControlPath() {
@@ -68,11 +86,13 @@ Session::Session(LinuxBackend& backend, ControlSocket socket,
       factory_(factory),
       since_(std::chrono::system_clock::now()),
       watch_(backend.service(), registry_),
-      signals_(backend.service().context(), SIGTERM, SIGINT),
+      signals_(backend.service().context()),
       server_(backend.service(), releasedAtExit(std::move(socket)),
               [this](const std::string& call, const json& request,
                      const ControlServer::Reply& reply) { handle(call, request, reply); }) {
+  for (const int signal : endSignals()) signals_.add(signal);
   awaitSignal();
+  asio::post(backend.service().context(), [] { admitEndSignals(); });
   ::sd_notify(0, "READY=1");
 }
 
@@ -114,16 +134,18 @@ void Session::handle(const std::string& call, const json& request,
     queue_->async(
         [this, configuration = std::move(*configuration), reply] { start(configuration, reply); });
   } else if (call == "stopProxy") {
-    const json reason = request.value("reason", json(1));
-    if (!reason.is_number_integer()) {
-      reply.fail(ControlError::badArgument, "\"reason\" is not a number");
+    const auto reason = stopReason(request.value("reason", json(1)));
+    if (!reason) {
+      reply.fail(ControlError::badArgument, "\"reason\" is no number of 32 bits");
       return;
     }
-    withProvider(reply,
-                 [this, reply, number = reason.get<std::int32_t>()](NETransparentProxyProvider&) {
-                   stop(static_cast<NEProviderStopReason>(number));
-                   reply.succeed();
-                 });
+    queue_->async([this, reply, reason = *reason] {
+      if (stop(reason, State::stopped)) {
+        reply.succeed();
+      } else {
+        failNotRunning(reply);
+      }
+    });
   } else if (call == "sleep") {
     withProvider(reply, [this, reply](NETransparentProxyProvider& provider) {
       provider.sleep([this, reply] {
@@ -206,7 +228,7 @@ void Session::withProvider(const ControlServer::Reply& reply,
   queue_->async([this, reply, operation = std::move(operation)]() mutable {
     const auto provider = this->provider();
     if (provider == nullptr) {
-      reply.fail(ControlError::notRunning, "no provider is running; start one first");
+      failNotRunning(reply);
     } else {
       operation(*provider);
     }
@@ -237,35 +259,56 @@ void Session::start(std::shared_ptr<const NEVPNProtocol> configuration,
   });
 }
 
-void Session::stop(NEProviderStopReason reason) {
-  std::shared_ptr<NETransparentProxyProvider> provider;
-  {
-    const std::scoped_lock lock(mutex_);
-    provider = std::exchange(provider_, nullptr);
+bool Session::stop(NEProviderStopReason reason, State then) {
+  std::unique_lock lock(mutex_);
+  const auto provider = std::exchange(provider_, nullptr);
+  if (provider == nullptr && state_ != State::failed) return false;
+  const auto hasStopped = std::make_shared<bool>(provider == nullptr);  // guarded by mutex_
+  lock.unlock();
+  if (provider != nullptr) {
+    GlobalQueue::shared().async([this, provider, reason, hasStopped] {
+      provider->stopProxy(reason, [this, hasStopped] {
+        const std::scoped_lock progress(mutex_);
+        *hasStopped = true;
+        stopProgress_.notify_all();
+      });
+    });
   }
-  if (provider == nullptr) return;
-  provider->stopProxy(reason, [] {});
+  // It takes no flow any more when it tells its host application, which may not answer: no rule
+  // stays in place for that.
+  lock.lock();
+  stopProgress_.wait_for(lock, usualStop, [&] { return *hasStopped; });
+  lock.unlock();
   interception_ = nullptr;
-  enter(State::stopped);
+  lock.lock();
+  stopProgress_.wait(lock, [&] { return *hasStopped || isHurried_; });
+  lock.unlock();
+  enter(then);
+  return true;
 }
 
 void Session::awaitSignal() {
   signals_.async_wait([this](const asio::error_code& error, int signal) {
     if (error) return;
+    awaitSignal();
     if (std::exchange(isTerminating_, true)) {
       // The provider takes its time to tell its host; whoever asks twice does not want to wait.
-      std::quick_exit(EXIT_SUCCESS);
+      // What is to be removed is removed all the same.
+      const std::scoped_lock lock(mutex_);
+      isHurried_ = true;
+      stopProgress_.notify_all();
+      return;
     }
-    terminate(signal == SIGTERM ? NEProviderStopReason::providerDisabled
-                                : NEProviderStopReason::userInitiated);
-    awaitSignal();
+    const bool isByUser = signal == SIGINT || signal == SIGQUIT;
+    terminate(isByUser ? NEProviderStopReason::userInitiated
+                       : NEProviderStopReason::providerDisabled);
   });
 }
 
 void Session::terminate(NEProviderStopReason reason) {
   ::sd_notify(0, "STOPPING=1");
   queue_->async([this, reason] {
-    stop(reason);
+    static_cast<void>(stop(reason, State::stopped));
     // Threads still run, so static objects are left alone.
     std::quick_exit(EXIT_SUCCESS);
   });

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -41,7 +42,8 @@ class Session final : private NEProviderHost {
 
   // Provider operations, on queue_.
   void start(std::shared_ptr<const NEVPNProtocol> configuration, const ControlServer::Reply& reply);
-  void stop(NEProviderStopReason reason);
+  /// Stops the provider and takes its interception away; false when there is neither.
+  [[nodiscard]] bool stop(NEProviderStopReason reason, State then);
   /// Runs `operation` on queue_ with the provider, or fails the reply when none runs.
   void withProvider(const ControlServer::Reply& reply,
                     std::move_only_function<void(NETransparentProxyProvider&)> operation);
@@ -59,8 +61,10 @@ class Session final : private NEProviderHost {
   const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("tandor_session_queue");
 
   mutable std::mutex mutex_;
-  State state_ = State::idle;                             // guarded by mutex_
-  std::chrono::system_clock::time_point since_;           // guarded by mutex_
+  std::condition_variable stopProgress_;         // of what a stop waits for
+  bool isHurried_ = false;                       // guarded by mutex_: the end was asked for twice
+  State state_ = State::idle;                    // guarded by mutex_
+  std::chrono::system_clock::time_point since_;  // guarded by mutex_
   std::shared_ptr<NETransparentProxyProvider> provider_;  // guarded by mutex_
   bool isTerminating_ = false;                            // service thread
   FlowRegistry registry_;

@@ -26,17 +26,20 @@ std::expected<Pipe, int> makePipe() {
   return Pipe{FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
-/// Spawn attributes that give the child the default signals, whatever this process ignores.
+/// Spawn attributes that give the child the default signals, whatever this process ignores. Those
+/// that ask for the end of all who share a terminal or a unit are not for the child: it is about to
+/// do what its parent's end needs, or to change what must not be changed in half.
 class SpawnSettings {
  public:
   SpawnSettings() {
     ::posix_spawn_file_actions_init(&actions_);
     ::posix_spawnattr_init(&attributes_);
-    sigset_t none;
+    sigset_t ends;
     sigset_t all;
-    ::sigemptyset(&none);
+    ::sigemptyset(&ends);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) ::sigaddset(&ends, signal);
     ::sigfillset(&all);
-    ::posix_spawnattr_setsigmask(&attributes_, &none);
+    ::posix_spawnattr_setsigmask(&attributes_, &ends);
     ::posix_spawnattr_setsigdefault(&attributes_, &all);
     ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   }
