@@ -7,9 +7,10 @@ import socket
 import stat
 import threading
 
-from daemon import PROVIDER, Control
-from lab import EndToEnd
+from daemon import PROVIDER, Control, ControlError
+from lab import SERVER, EndToEnd
 from namespaces import SLOWNESS, eventually
+from peers import Echo, Listener
 
 
 class ControlSocket(EndToEnd):
@@ -29,6 +30,9 @@ class ControlSocket(EndToEnd):
                       start_with(nested)],
                  -2: ['{"call":"Status"}'],
                  -3: ['{"call":"watch"}', '{"call":"stopProxy","reason":"now"}', start_with("5"),
+                      '{"call":"stopProxy","reason":4294967297}',
+                      '{"call":"stopProxy","reason":-2147483649}',
+                      '{"call":"stopProxy","reason":18446744073709551615}',
                       '{"call":"appMessage","data":"A"}', '{"call":"appMessage"}',
                       start_with('{"type":"NETunnelProviderProtocol","providerConfiguration":5}')],
                  -4: ['{"call":"stopProxy"}', '{"call":"sleep"}', '{"call":"wake"}',
@@ -45,7 +49,8 @@ class ControlSocket(EndToEnd):
             control.send(json.dumps({"call": "status", "id": number}).encode())
             self.assertEqual(control.line()["id"], number)
         status = self.daemon.status()
-        self.assertEqual((status["state"], status["pid"]), ("idle", self.daemon.process.pid))
+        self.assertIn(status["state"], ("idle", "stopped"))
+        self.assertEqual(status["pid"], self.daemon.process.pid)
         self.assertEqual(status["flows"]["open"], 0)
 
     def test_many_clients_and_bad_ones(self):
@@ -67,6 +72,63 @@ class ControlSocket(EndToEnd):
             self.assertEqual([client.line()["id"] for _ in range(10)],
                              [[number, request] for request in range(10)])
         self.daemon.call("status", x="x" * 1_000_000)  # just within what a line may have
+
+    def long_application(self):
+        """One whose flows are thousands of bytes each to tell of."""
+        name = "/".join(["d" * 250] * 14) + "/long"
+        os.makedirs(os.path.dirname(f"{self.lab.folder}/{name}"))
+        return self.closing(self.lab.application(name))
+
+    def test_long_answers_and_slow_readers(self):
+        application, count = self.long_application(), 1500
+        self.closing(Echo(self.lab.net, (SERVER, 80)))
+        self.daemon.start("directlyWhiteList", [application.program])
+        watcher = self.connect()
+        watcher.call("watch", flows=True)
+        with self.assertRaisesRegex(ControlError, "watches the flows already"):
+            watcher.call("watch", flows=True)
+        application.call("connect_many", (SERVER, 80), count)
+        eventually(lambda: self.daemon.status()["flows"]["open"] == count)
+        # Requests behind a long answer wait for it, whenever it is read.
+        slow = self.connect()
+        for call in ("flows", "status", "flows", "status"):
+            slow.send(json.dumps({"id": call, "call": call}).encode())
+        self.assertEqual(len(self.daemon.flows()), count)
+        for call in ("flows", "status", "flows", "status"):
+            reply = slow.line()
+            self.assertEqual((reply["id"], reply["error"]), (call, None))
+            if call == "flows":
+                self.assertGreater(len(json.dumps(reply)), 5 << 20)
+                self.assertEqual({flow["app"] for flow in reply["flows"]}, {application.program})
+                self.assertEqual(len({flow["id"] for flow in reply["flows"]}), count)
+        # Flows end while they are listed.
+        slow.send(b'{"id":"late","call":"flows"}')
+        application.call("release_all")
+        self.daemon.await_no_flows()
+        self.assertLessEqual(len(slow.line()["flows"]), count)
+        # What a slow watcher has lost it is told when it reads, not when something happens again.
+        events = [watcher.line()]
+        while events[-1]["event"] != "gap":
+            events.append(watcher.line())
+        self.assertEqual(len(events) - 1 + events[-1]["lost"], 2 * count)
+        application.connect((SERVER, 80)).close()
+        self.assertEqual([watcher.line()["event"] for _ in range(2)], ["open", "close"])
+
+    def test_closed_flows_are_not_open(self):
+        """One that has been closed may still have bytes to deliver, for as long as it takes."""
+        self.start("directlyWhiteList")
+        server = self.closing(Listener(self.lab.net, (SERVER, 80)))
+        flow = self.listed.connect((SERVER, 80))
+        flow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        flow.sendall(b"x")
+        peer = server.accept()
+        peer.read(1)
+        peer.send(bytes(200_000))
+        peer.close()
+        eventually(lambda: self.daemon.status()["flows"]["open"] == 0, "it is closed")
+        self.assertEqual(self.daemon.flows(), [])
+        self.assertEqual(flow.read(), bytes(200_000))
+        flow.close()
 
     def test_watchers_that_hang_up_are_forgotten_without_any_flow(self):
         for ending in ("close", "finish_sending"):

@@ -1,6 +1,7 @@
 #include "platform/linux/ControlServer.h"
 
 #include <chrono>
+#include <deque>
 #include <future>
 #include <utility>
 
@@ -10,6 +11,7 @@
 #include <asio/steady_timer.hpp>
 #include <asio/streambuf.hpp>
 #include <asio/write.hpp>
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "platform/foundation/NSLog.h"
@@ -26,8 +28,10 @@ namespace {
 constexpr std::size_t longestLine = std::size_t{1} << 20;
 /// Whatever handles JSON values descends by recursion, so its depth has a limit.
 constexpr int deepestNesting = 64;
-/// Unread replies that a client may leave behind before it counts as gone.
+/// Unread replies that a client may leave behind, before a further one, until it counts as gone.
 constexpr std::size_t mostUnsent = std::size_t{4} << 20;
+/// What a reply counts for that is made when its turn comes.
+constexpr std::size_t unmadeReply = 4096;
 /// How long the process may wait for a reply to be handed to the kernel.
 constexpr auto replyPatience = std::chrono::seconds(1);
 
@@ -67,20 +71,34 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
 
   /// Hands as much as possible to the kernel at once; the rest follows when there is room.
   void write(const std::string& line) {
-    if (!socket_.is_open()) return;
-    unsent_ += line;
-    if (unsent_.size() > mostUnsent) {
-      asio::error_code ignored;
-      socket_.close(ignored);
-      return;
+    if (!mayWrite()) return;
+    if (pieces_ == nullptr && waiting_.empty()) {
+      unsent_ += line;
+    } else {
+      if (waiting_.empty() || waiting_.back().pieces != nullptr) waiting_.emplace_back();
+      waiting_.back().text += line;
+      waitingBytes_ += line.size();
     }
     if (!isWriting_) writeSome();
   }
 
+  /// The same for a line whose pieces are made as the client reads them.
+  void write(std::move_only_function<std::string()> pieces) {
+    if (!mayWrite()) return;
+    waiting_.push_back({.text = {}, .pieces = std::move(pieces)});
+    waitingBytes_ += unmadeReply;
+    if (!isWriting_) writeSome();
+  }
+
+  void whenUnsentFallsTo(std::size_t bytes, std::function<void()> handler) {
+    lowMark_ = bytes;
+    lowHandler_ = std::move(handler);
+    checkLowMark();
+  }
   void whenHungUp(std::function<void()> handler) { hungUpHandler_ = std::move(handler); }
   /// Whether the client has not hung up yet.
   [[nodiscard]] bool isConnected() const noexcept { return !hasHungUp_ && socket_.is_open(); }
-  [[nodiscard]] std::size_t unsentBytes() const noexcept { return unsent_.size(); }
+  [[nodiscard]] std::size_t unsentBytes() const noexcept { return unsent_.size() + waitingBytes_; }
   [[nodiscard]] ServiceThread& service() noexcept { return service_; }
 
  private:
@@ -98,7 +116,44 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
     }
   }
 
+  /// Whoever reads gets every reply, however long; whoever does not is let go.
+  [[nodiscard]] bool mayWrite() {
+    if (!socket_.is_open()) return false;
+    if (unsentBytes() <= mostUnsent) return true;
+    asio::error_code ignored;
+    socket_.close(ignored);
+    return false;
+  }
+
+  /// Brings what is to be sent next into unsent_; false when there is nothing.
+  [[nodiscard]] bool hasUnsent() {
+    while (unsent_.empty()) {
+      if (pieces_ != nullptr) {
+        unsent_ = pieces_();
+        if (unsent_.empty()) pieces_ = nullptr;
+      } else if (!waiting_.empty()) {
+        Waiting next = std::move(waiting_.front());
+        waiting_.pop_front();
+        waitingBytes_ -= next.pieces != nullptr ? unmadeReply : next.text.size();
+        unsent_ = std::move(next.text);
+        pieces_ = std::move(next.pieces);
+      } else {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  void checkLowMark() {
+    if (lowHandler_ == nullptr || unsentBytes() > lowMark_) return;
+    asio::post(socket_.get_executor(),
+               [self = shared_from_this(), handler = std::exchange(lowHandler_, nullptr)] {
+                 if (self->isConnected()) handler();
+               });
+  }
+
   void writeSome() {
+    if (!hasUnsent()) return;
     asio::error_code error;
     const std::size_t count = socket_.write_some(asio::buffer(unsent_), error);
     unsent_.erase(0, count);
@@ -106,7 +161,9 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
       socket_.close(error);
       return;
     }
-    if (unsent_.empty()) return;
+    checkLowMark();
+    // One piece a turn: others have their turn between those of a long line.
+    if (!hasUnsent()) return;
     isWriting_ = true;
     socket_.async_wait(stream_protocol::socket::wait_write,
                        [self = shared_from_this()](const asio::error_code& waitError) {
@@ -118,7 +175,17 @@ class ControlClient : public std::enable_shared_from_this<ControlClient> {
   ServiceThread& service_;
   stream_protocol::socket socket_;
   asio::streambuf input_;
-  std::string unsent_;
+  /// Lines, or a line that is yet to be made.
+  struct Waiting {
+    std::string text;
+    std::move_only_function<std::string()> pieces;
+  };
+  std::string unsent_;                             // goes first,
+  std::move_only_function<std::string()> pieces_;  // then the rest of a line that is being made,
+  std::deque<Waiting> waiting_;                    // then these
+  std::size_t waitingBytes_ = 0;
+  std::size_t lowMark_ = 0;
+  std::function<void()> lowHandler_;
   bool isWriting_ = false;
   bool hasHungUp_ = false;
   std::function<void()> hungUpHandler_;
@@ -215,6 +282,21 @@ void ControlServer::Reply::succeed(const json& members) const {
   send(std::move(reply));
 }
 
+void ControlServer::Reply::succeed(std::string_view member,
+                                   std::move_only_function<std::string()> pieces) const {
+  enum class Stage : std::uint8_t { beginning, middle, end };
+  client_->write(
+      [beginning = fmt::format(R"({{"id":{},"error":null,{}:)", id_, json(member).dump()),
+       pieces = std::move(pieces), stage = Stage::beginning]() mutable -> std::string {
+        if (stage == Stage::end) return {};
+        if (std::exchange(stage, Stage::middle) == Stage::beginning) return std::move(beginning);
+        std::string piece = pieces();
+        if (!piece.empty()) return piece;
+        stage = Stage::end;
+        return "}\n";
+      });
+}
+
 void ControlServer::Reply::fail(std::int64_t code, std::string_view description) const {
   send({{"error", {{"code", code}, {"description", description}}}});
 }
@@ -225,6 +307,11 @@ void ControlServer::Reply::push(const json& line) const {
 
 void ControlServer::Reply::whenHungUp(std::function<void()> handler) const {
   client_->whenHungUp(std::move(handler));
+}
+
+void ControlServer::Reply::whenUnsentFallsTo(std::size_t bytes,
+                                             std::function<void()> handler) const {
+  client_->whenUnsentFallsTo(bytes, std::move(handler));
 }
 
 bool ControlServer::Reply::isConnected() const {

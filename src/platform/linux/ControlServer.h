@@ -31,6 +31,10 @@ class ControlServer {
    public:
     void succeed() const;
     void succeed(const nlohmann::json& members) const;
+    /// The same with one further member that is too long to be held: `pieces` gives its JSON text
+    /// bit by bit, as the client reads it, and an empty one at its end. Called on the service
+    /// thread, where this is called, too.
+    void succeed(std::string_view member, std::move_only_function<std::string()> pieces) const;
     void fail(std::int64_t code, std::string_view description) const;
     void fail(ControlError error, std::string_view description) const {
       fail(static_cast<std::int64_t>(error), description);
@@ -41,8 +45,14 @@ class ControlServer {
     /// Calls `handler` when the client has hung up, once and never from within another call. A
     /// client has one such handler; whatever holds its replies lets go of them then.
     void whenHungUp(std::function<void()> handler) const;
+    /// Calls `handler` once, when the client has read so much that no more than `bytes` are unsent,
+    /// and never from within another call. One at a time for a client.
+    void whenUnsentFallsTo(std::size_t bytes, std::function<void()> handler) const;
     [[nodiscard]] bool isConnected() const;
     [[nodiscard]] std::size_t unsentBytes() const;
+    [[nodiscard]] bool isOfSameClient(const Reply& other) const noexcept {
+      return client_ == other.client_;
+    }
 
    private:
     friend class ControlServer;

@@ -12,13 +12,23 @@ void FlowRegistry::add(InterceptedFlow& flow) {
   if (first_ != nullptr) first_->previous_ = &flow;
   first_ = &flow;
   flow.isListed_ = true;
+  flow.isOpen_ = true;
   ++liveCount_;
+  ++openCount_;
   if (observer_) observer_(Event::open, flow.info());
+}
+
+void FlowRegistry::markClosed(InterceptedFlow& flow) noexcept {
+  const std::scoped_lock lock(mutex_);
+  if (std::exchange(flow.isOpen_, false)) --openCount_;
 }
 
 void FlowRegistry::remove(InterceptedFlow& flow) noexcept {
   const std::scoped_lock lock(mutex_);
   if (!std::exchange(flow.isListed_, false)) return;
+  if (std::exchange(flow.isOpen_, false)) --openCount_;
+  for (Listing* listing : listings_)
+    if (listing->next_ == &flow) listing->next_ = flow.next_;
   (flow.previous_ != nullptr ? flow.previous_->next_ : first_) = flow.next_;
   if (flow.next_ != nullptr) flow.next_->previous_ = flow.previous_;
   --liveCount_;
@@ -31,11 +41,9 @@ void FlowRegistry::countUntaken(Event event, const InterceptedFlow::Origin& orig
   (event == Event::left ? left_ : refused_).fetch_add(1, std::memory_order_relaxed);
   if (!isObserved_.load(std::memory_order_acquire)) return;
   FlowInfo info;
-  if (origin.metaData != nullptr) info.app = origin.metaData->sourceAppSigningIdentifier;
+  info.key = origin.key;
   info.pid = origin.pid;
-  info.protocol = origin.key.protocol;
-  info.source = origin.key.source.description();
-  info.destination = origin.key.destination.description();
+  info.metaData = origin.metaData;
   info.since = std::chrono::system_clock::now();
   const std::scoped_lock lock(mutex_);
   if (observer_) observer_(event, info);
@@ -47,7 +55,7 @@ FlowRegistry::Counts FlowRegistry::counts() const {
   counts.left = left_.load(std::memory_order_relaxed);
   counts.refused = refused_.load(std::memory_order_relaxed);
   const std::scoped_lock lock(mutex_);
-  counts.open = liveCount_;
+  counts.open = openCount_;
   counts.bytesIn = closedBytesIn_;
   counts.bytesOut = closedBytesOut_;
   for (const InterceptedFlow* flow = first_; flow != nullptr; flow = flow->next_) {
@@ -57,12 +65,23 @@ FlowRegistry::Counts FlowRegistry::counts() const {
   return counts;
 }
 
-std::vector<FlowInfo> FlowRegistry::liveFlows() const {
-  const std::scoped_lock lock(mutex_);
+FlowRegistry::Listing::Listing(FlowRegistry& registry) : registry_(registry) {
+  const std::scoped_lock lock(registry_.mutex_);
+  registry_.listings_.push_back(this);
+  next_ = registry_.first_;
+}
+
+FlowRegistry::Listing::~Listing() {
+  const std::scoped_lock lock(registry_.mutex_);
+  std::erase(registry_.listings_, this);
+}
+
+std::vector<FlowInfo> FlowRegistry::Listing::next(std::size_t count) {
   std::vector<FlowInfo> flows;
-  flows.reserve(liveCount_);
-  for (const InterceptedFlow* flow = first_; flow != nullptr; flow = flow->next_)
-    flows.push_back(flow->info());
+  flows.reserve(count);
+  const std::scoped_lock lock(registry_.mutex_);
+  for (; next_ != nullptr && flows.size() < count; next_ = next_->next_)
+    if (next_->isOpen_) flows.push_back(next_->info());
   return flows;
 }
 

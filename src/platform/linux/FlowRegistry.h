@@ -20,7 +20,7 @@ class FlowRegistry {
   using Observer = std::function<void(Event, const FlowInfo&)>;
 
   struct Counts {
-    std::uint64_t open = 0;
+    std::uint64_t open = 0;  // of the live ones, those that nobody has closed
     std::uint64_t taken = 0;
     std::uint64_t left = 0;
     std::uint64_t refused = 0;
@@ -33,7 +33,6 @@ class FlowRegistry {
   void countRefused(const InterceptedFlow::Origin& origin) { countUntaken(Event::refused, origin); }
 
   [[nodiscard]] Counts counts() const;
-  [[nodiscard]] std::vector<FlowInfo> liveFlows() const;
   [[nodiscard]] std::size_t liveCount() const;
   /// How many flows there are, those included whose sockets have yet to come.
   [[nodiscard]] std::size_t existingCount() const noexcept {
@@ -42,6 +41,24 @@ class FlowRegistry {
   /// The live flows that are at home on `loop`.
   [[nodiscard]] std::vector<std::shared_ptr<InterceptedFlow>> flowsOf(const EpollLoop& loop) const;
 
+  /// Goes through the open flows, newest first, in pieces that hold nobody up for long; those that
+  /// begin meanwhile are not among them. Any thread, one at a time.
+  class Listing {
+   public:
+    /// `registry` outlives the listing.
+    explicit Listing(FlowRegistry& registry);
+    Listing(const Listing&) = delete;
+    Listing& operator=(const Listing&) = delete;
+    ~Listing();
+    /// Up to `count` further flows; none at the end.
+    [[nodiscard]] std::vector<FlowInfo> next(std::size_t count);
+
+   private:
+    friend class FlowRegistry;
+    FlowRegistry& registry_;
+    const InterceptedFlow* next_;  // guarded by the registry
+  };
+
   /// Null ends the observation; when it has returned, the old observer is not called any more.
   void setObserver(Observer observer);
 
@@ -49,6 +66,7 @@ class FlowRegistry {
   friend class InterceptedFlow;
 
   void add(InterceptedFlow& flow);
+  void markClosed(InterceptedFlow& flow) noexcept;
   void remove(InterceptedFlow& flow) noexcept;
   void countUntaken(Event event, const InterceptedFlow::Origin& origin);
   [[nodiscard]] std::mutex& mutex() const noexcept { return mutex_; }
@@ -56,6 +74,8 @@ class FlowRegistry {
   mutable std::mutex mutex_;
   InterceptedFlow* first_ = nullptr;  // guarded by mutex_, as all that follows
   std::size_t liveCount_ = 0;
+  std::size_t openCount_ = 0;
+  std::vector<Listing*> listings_;
   std::uint64_t lastId_ = 0;
   std::uint64_t closedBytesIn_ = 0;
   std::uint64_t closedBytesOut_ = 0;

@@ -1,5 +1,6 @@
 #include "platform/linux/FlowWatch.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <netinet/in.h>
@@ -19,10 +20,11 @@ namespace {
 
 /// Events that may wait for the service thread.
 constexpr std::size_t mostHappenings = 4096;
-/// Bytes that a client may leave unread before it loses events.
+/// Bytes that a client may leave unread before it loses events, and until it gets some again.
 constexpr std::size_t mostUnread = std::size_t{1} << 20;
+constexpr std::size_t fewUnread = mostUnread / 2;
 
-json textOrNull(const std::string& text) {
+json textOrNull(std::string_view text) {
   return text.empty() ? json() : json(text);
 }
 
@@ -30,13 +32,13 @@ json textOrNull(const std::string& text) {
 
 json flowJSON(const FlowInfo& flow) {
   return {{"id", flow.id},
-          {"app", flow.app},
+          {"app", flow.metaData != nullptr ? flow.metaData->sourceAppSigningIdentifier : ""},
           {"pid", flow.pid},
-          {"protocol", flow.protocol == IPPROTO_UDP ? "udp" : "tcp"},
-          {"source", flow.source},
-          {"destination", flow.destination},
-          {"outbound", textOrNull(flow.outbound)},
-          {"interface", textOrNull(flow.interface)},
+          {"protocol", flow.key.protocol == IPPROTO_UDP ? "udp" : "tcp"},
+          {"source", flow.key.source.description()},
+          {"destination", flow.key.destination.description()},
+          {"outbound", flow.outbound.length() > 0 ? json(flow.outbound.description()) : json()},
+          {"interface", textOrNull(flow.interface.data())},
           {"bytesIn", flow.bytesIn},
           {"bytesOut", flow.bytesOut},
           {"since", fmt::format("{:%Y-%m-%dT%H:%M:%SZ}",
@@ -78,7 +80,8 @@ void FlowWatch::deliver() {
     for (Watcher& watcher : watchers_) send(watcher, line);
   }
   // Those that were dropped came after those that were kept.
-  for (Watcher& watcher : watchers_) watcher.lost += lost;
+  if (lost > 0)
+    for (Watcher& watcher : watchers_) lose(watcher, lost);
 }
 
 void FlowWatch::forgetThoseThatHungUp() {
@@ -86,16 +89,29 @@ void FlowWatch::forgetThoseThatHungUp() {
   if (watchers_.empty()) registry_.setObserver(nullptr);
 }
 
+bool FlowWatch::isWatching(const ControlServer::Reply& client) const {
+  return std::ranges::any_of(
+      watchers_, [&](const Watcher& watcher) { return watcher.client.isOfSameClient(client); });
+}
+
 void FlowWatch::send(Watcher& watcher, const json& line) {
-  if (watcher.client.unsentBytes() > mostUnread) {
-    ++watcher.lost;
-    return;
+  if (watcher.lost > 0 || watcher.client.unsentBytes() > mostUnread) {
+    lose(watcher, 1);
+  } else {
+    watcher.client.push(line);
   }
-  if (watcher.lost > 0) {
-    const std::uint64_t lost = std::exchange(watcher.lost, 0);
-    watcher.client.push({{"event", "gap"}, {"lost", lost}});
+}
+
+void FlowWatch::lose(Watcher& watcher, std::uint64_t events) {
+  if (std::exchange(watcher.lost, watcher.lost + events) == 0)
+    watcher.client.whenUnsentFallsTo(fewUnread, [this] { tellGaps(); });
+}
+
+void FlowWatch::tellGaps() {
+  for (Watcher& watcher : watchers_) {
+    if (watcher.lost == 0 || watcher.client.unsentBytes() > fewUnread) continue;
+    watcher.client.push({{"event", "gap"}, {"lost", std::exchange(watcher.lost, 0)}});
   }
-  watcher.client.push(line);
 }
 
 }  // namespace tandor

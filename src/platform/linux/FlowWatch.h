@@ -31,6 +31,8 @@ class FlowWatch {
 
   /// Sends events to the client from now on, until it hangs up. On the service thread.
   void add(ControlServer::Reply client);
+  /// Whether it gets them already. On the service thread.
+  [[nodiscard]] bool isWatching(const ControlServer::Reply& client) const;
 
  private:
   struct Happening {
@@ -45,8 +47,10 @@ class FlowWatch {
   void happened(FlowRegistry::Event event, const FlowInfo& flow);
   void deliver();
   void forgetThoseThatHungUp();
-  /// Sends what a client has missed, then the line.
-  static void send(Watcher& watcher, const nlohmann::json& line);
+  void send(Watcher& watcher, const nlohmann::json& line);
+  /// It misses so many events; it is told as soon as it has read most of what it has.
+  void lose(Watcher& watcher, std::uint64_t events);
+  void tellGaps();
 
   ServiceThread& service_;
   FlowRegistry& registry_;

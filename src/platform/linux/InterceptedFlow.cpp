@@ -24,6 +24,10 @@ void InterceptedFlow::enlist() {
   if (registry_ != nullptr) registry_->add(*this);
 }
 
+void InterceptedFlow::markClosed() noexcept {
+  if (registry_ != nullptr) registry_->markClosed(*this);
+}
+
 void InterceptedFlow::delist() noexcept {
   if (registry_ != nullptr) registry_->remove(*this);
 }
@@ -38,13 +42,11 @@ void InterceptedFlow::setOutbound(const SocketAddress& address, const std::strin
 
 FlowInfo InterceptedFlow::info() const {
   return {.id = id_,
-          .app = origin_.metaData->sourceAppSigningIdentifier,
+          .key = origin_.key,
           .pid = origin_.pid,
-          .protocol = origin_.key.protocol,
-          .source = origin_.key.source.description(),
-          .destination = origin_.key.destination.description(),
-          .outbound = outbound_.length() > 0 ? outbound_.description() : std::string(),
-          .interface = interface_.data(),
+          .metaData = origin_.metaData,
+          .outbound = outbound_,
+          .interface = interface_,
           .bytesIn = bytesIn(),
           .bytesOut = bytesOut(),
           .since = since_};

@@ -18,16 +18,14 @@ namespace tandor {
 
 class FlowRegistry;
 
-/// What is known of a live flow, for people.
+/// What is known of a flow. Nothing of it is put into words before somebody wants to see them.
 struct FlowInfo {
   std::uint64_t id = 0;
-  std::string app;
+  FlowKey key;  // its destination is what the application asked for
   pid_t pid = 0;
-  std::uint8_t protocol = 0;
-  std::string source;
-  std::string destination;  // what the application asked for
-  std::string outbound;     // where the bytes go, or are to go; empty until that is tried
-  std::string interface;    // the one that the outbound connection is bound to; empty for none
+  std::shared_ptr<const NEFlowMetaData> metaData;  // null when the application is not known
+  SocketAddress outbound;  // where the bytes go, or are to go; empty until that is tried
+  std::array<char, IFNAMSIZ> interface{};  // the outbound connection's; empty when bound to none
   std::uint64_t bytesIn = 0;
   std::uint64_t bytesOut = 0;
   std::chrono::system_clock::time_point since;
@@ -88,6 +86,8 @@ class InterceptedFlow : public EpollLoop::Resident {
   /// Bytes that the application sent and received so far. Any thread.
   [[nodiscard]] virtual std::uint64_t bytesOut() const noexcept = 0;
   [[nodiscard]] virtual std::uint64_t bytesIn() const noexcept = 0;
+  /// Ends the flow for who counts and lists open ones; its last bytes may still be on their way.
+  void markClosed() noexcept;
   /// Ends the listing; by the destructor of the derived class, whose counts still stand.
   void delist() noexcept;
 
@@ -105,6 +105,7 @@ class InterceptedFlow : public EpollLoop::Resident {
   InterceptedFlow* next_ = nullptr;
   InterceptedFlow* previous_ = nullptr;
   bool isListed_ = false;
+  bool isOpen_ = false;
 };
 
 }  // namespace tandor

@@ -186,6 +186,10 @@ void Session::handle(const std::string& call, const json& request,
                  "\"flows\" is not true; there is nothing else to watch");
       return;
     }
+    if (watch_.isWatching(reply)) {
+      reply.fail(ControlError::badArgument, "this connection watches the flows already");
+      return;
+    }
     reply.succeed();
     watch_.add(reply);
   } else {
@@ -217,10 +221,26 @@ void Session::replyStatus(const ControlServer::Reply& reply) const {
   reply.succeed({{"status", status}});
 }
 
-void Session::replyFlows(const ControlServer::Reply& reply) const {
-  json list = json::array();
-  for (const FlowInfo& flow : registry_.liveFlows()) list.push_back(flowJSON(flow));
-  reply.succeed({{"flows", list}});
+void Session::replyFlows(const ControlServer::Reply& reply) {
+  reply.succeed("flows",
+                [this, listing = std::unique_ptr<FlowRegistry::Listing>(),
+                 isComplete = false]() mutable -> std::string {
+                  constexpr std::size_t flowsOfPiece = 64;
+                  if (isComplete) return {};
+                  // Begun when the reply's turn has come: a client that does not read keeps
+                  // nothing.
+                  std::string piece = listing == nullptr ? "[" : ",";
+                  if (listing == nullptr)
+                    listing = std::make_unique<FlowRegistry::Listing>(registry_);
+                  const std::vector<FlowInfo> flows = listing->next(flowsOfPiece);
+                  isComplete = flows.empty();
+                  if (isComplete) return piece == "[" ? "[]" : "]";
+                  for (const FlowInfo& flow : flows)
+                    piece +=
+                        flowJSON(flow).dump(-1, ' ', false, json::error_handler_t::replace) + ",";
+                  piece.pop_back();
+                  return piece;
+                });
 }
 
 void Session::withProvider(const ControlServer::Reply& reply,

@@ -38,7 +38,7 @@ class Session final : private NEProviderHost {
   void handle(const std::string& call, const nlohmann::json& request,
               const ControlServer::Reply& reply);
   void replyStatus(const ControlServer::Reply& reply) const;
-  void replyFlows(const ControlServer::Reply& reply) const;
+  void replyFlows(const ControlServer::Reply& reply);
 
   // Provider operations, on queue_.
   void start(std::shared_ptr<const NEVPNProtocol> configuration, const ControlServer::Reply& reply);

@@ -168,6 +168,7 @@ void SocketTCPFlow::adoptSocket() {
 }
 
 void SocketTCPFlow::refuse() {
+  markClosed();
   unopened_.reset();  // the application sees its connection reset
 }
 
@@ -214,6 +215,7 @@ void SocketTCPFlow::close(bool& isDirectionClosed, const std::optional<NSError>&
   residence()->schedule(answer_);
   departure_ = nullptr;
   if (!closeError_) closeError_ = error;
+  if (isClosed() || closeError_) markClosed();
   if (unopened_.isOpen()) {
     refuse();
   } else if (closeError_) {

@@ -45,6 +45,7 @@ void SocketUDPFlow::attach(EpollLoop& loop) {
   settle(loop);
   socket_.emplace(loop, static_cast<DatagramSocket::Owner&>(*this));
   enlist();
+  if (isRefused()) markClosed();
   silence_ = std::make_unique<EpollLoop::Timer>(
       loop, EpollLoop::Call::to<&SocketUDPFlow::checkSilence>(this));
   silence_->start(patience(remoteEndpoint_));
@@ -148,6 +149,7 @@ void SocketUDPFlow::close(bool& isDirectionClosed, const std::optional<NSError>&
   if (!closeError_) closeError_ = error;
   unopened_.reset();
   if (isReadClosed_ && isWriteClosed_) {
+    markClosed();
     silence_.reset();
     socket_->finish();
     if (auto handler = std::exchange(closeHandler_, nullptr)) handler();
