@@ -9,7 +9,7 @@ import subprocess
 import threading
 import time
 
-from daemon import PROVIDER, PROXY, ControlError
+from daemon import PROVIDER, PROXY, Control, ControlError
 from lab import ETH0, OTHER, SERVER, EndToEnd
 from namespaces import SLOWNESS, end, eventually
 from peers import Echo, Listener, client_hello
@@ -276,6 +276,24 @@ class Surroundings(EndToEnd):
         self.listed.call("release_all")
         self.stop()
         self.daemon.end()
+
+    def test_a_moment_without_descriptors(self):
+        """What cannot be looked at has not gone."""
+        daemon = self.lab.daemon(wrapper=("prlimit", "--nofile=300:300"))
+        daemon.start("directlyWhiteList", [self.listed.program])
+        clients = []
+        while daemon.descriptors() < 300:
+            clients.append(self.closing(Control(daemon.path)))
+        self.lab.app.ip("route add default via 192.0.2.65 dev eth1 metric 90")
+        try:
+            time.sleep(0.5)
+            self.assertEqual(daemon.status()["directInterface"], "eth0")
+            for client in clients:
+                client.close()
+            eventually(lambda: daemon.status()["directInterface"] == "eth1", patience=5)
+        finally:
+            self.lab.app.ip("route del default via 192.0.2.65 dev eth1 metric 90")
+        daemon.terminate()
 
     def test_starts_that_fail(self):
         without = ("unshare", "--mount", "sh", "-c", 'mount -t tmpfs none /usr/sbin; exec "$0" "$@"')

@@ -40,14 +40,15 @@ std::string linkKind(const nlattr& linkInfo) {
 }
 
 /// What `dump` adds to an empty Found. Asks again when something changed meanwhile, since such an
-/// answer has gaps; where changes never end, the last answer has to do.
+/// answer has gaps; where changes never end, the last answer has to do. Fails with an error number.
 template <typename Found>
-Found wholeDump(std::expected<void, int> (*dump)(Found&)) {
+std::expected<Found, int> wholeDump(std::expected<void, int> (*dump)(Found&)) {
   constexpr int mostAttempts = 20;
   for (int attempt = 1;; ++attempt) {
     Found found;
     const auto complete = dump(found);
-    if (complete || complete.error() != EINTR || attempt == mostAttempts) return found;
+    if (!complete && complete.error() != EINTR) return std::unexpected(complete.error());
+    if (complete || attempt == mostAttempts) return found;
   }
 }
 
@@ -153,7 +154,7 @@ std::expected<void, int> dumpDefaultRoutes(Ranks& ranks) {
 
 }  // namespace
 
-NWPath currentPath() {
+std::expected<NWPath, int> currentPath() {
   constexpr std::uint32_t upAndConnected = IFF_UP | IFF_RUNNING;
   struct Candidate {
     Rank rank;
@@ -161,9 +162,12 @@ NWPath currentPath() {
   };
   std::vector<Candidate> candidates;
   const auto ranks = wholeDump(dumpDefaultRoutes);
-  for (const auto& [index, link] : wholeDump(dumpLinks)) {
-    const auto rank = ranks.find(index);
-    if (rank == ranks.end() || (link.flags & upAndConnected) != upAndConnected) continue;
+  if (!ranks) return std::unexpected(ranks.error());
+  const auto links = wholeDump(dumpLinks);
+  if (!links) return std::unexpected(links.error());
+  for (const auto& [index, link] : *links) {
+    const auto rank = ranks->find(index);
+    if (rank == ranks->end() || (link.flags & upAndConnected) != upAndConnected) continue;
     candidates.push_back({rank->second, {link.name, classify(link), index}});
   }
   std::ranges::sort(candidates, {}, [](const Candidate& candidate) {

@@ -23,6 +23,8 @@ namespace {
 
 /// How long a burst of changes may go on before the path is looked at again.
 constexpr auto settlingTime = std::chrono::milliseconds(100);
+/// How long until it is looked at again when that was not possible.
+constexpr auto retryTime = std::chrono::seconds(1);
 
 }  // namespace
 
@@ -62,15 +64,18 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
         [self = shared_from_this()](const asio::error_code& error) {
           if (error || self->isEnded_) return;
           self->drain();
-          if (!std::exchange(self->isSettling_, true)) {
-            self->settling_.expires_after(settlingTime);
-            self->settling_.async_wait([self](const asio::error_code& cancelled) {
-              self->isSettling_ = false;
-              if (!cancelled) self->look();
-            });
-          }
+          self->lookAfter(settlingTime);
           self->awaitChange();
         });
+  }
+
+  void lookAfter(std::chrono::milliseconds delay) {
+    if (std::exchange(isSettling_, true)) return;
+    settling_.expires_after(delay);
+    settling_.async_wait([self = shared_from_this()](const asio::error_code& cancelled) {
+      self->isSettling_ = false;
+      if (!cancelled && !self->isEnded_) self->look();
+    });
   }
 
   /// What the messages say does not matter: the path is read anew. Lost ones (ENOBUFS) are changes.
@@ -84,10 +89,15 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
   }
 
   void look() {
-    NWPath path = currentPath();
-    if (last_ == path) return;
-    last_ = path;
-    queue_->async([self = shared_from_this(), path = std::move(path)] {
+    const auto path = currentPath();
+    if (!path) {
+      // Not knowing is no news: for want of a descriptor, most likely, which passes.
+      lookAfter(retryTime);
+      return;
+    }
+    if (last_ == *path) return;
+    last_ = *path;
+    queue_->async([self = shared_from_this(), path = *path] {
       if (!self->isEnded_) (*self->handler_)(path);
     });
   }
