@@ -41,7 +41,7 @@ buildPackages=(
   g++ cmake ninja-build pkg-config libasio-dev nlohmann-json3-dev libcli11-dev libfmt-dev
   libnetfilter-queue-dev libmnl-dev libsystemd-dev libbpf-dev clang-19
 )
-testPackages=(libgtest-dev libssl-dev iproute2 iptables procps python3)
+testPackages=(libgtest-dev libssl-dev iproute2 iptables nftables procps python3)
 clangPackages=(clang-tidy-19 clang-format-19 libclang-rt-19-dev git)
 benchPackages=(libbenchmark-dev iproute2 iptables procps python3 util-linux)
 # What is measured beside us.

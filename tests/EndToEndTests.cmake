@@ -23,6 +23,8 @@ set(classes
   control.ControlSocket
   lifecycle.UnderLoad
   lifecycle.Surroundings
+  foreign.ForeignChanges
+  foreign.ForeignChangesOfOlderTables
   identity.Identity
   identity.IdentityWithoutProbe)
 if(TANDOR_HOST)

@@ -83,7 +83,7 @@ std::expected<void, std::string> Interception::cleanUp() {
 
 std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
     LinuxBackend& backend, FlowRegistry& registry,
-    std::shared_ptr<NETransparentProxyProvider> provider) {
+    std::shared_ptr<NETransparentProxyProvider> provider, RuleGuard::Owner& guarded) {
   if (isProtectedNamespace()) {
     return std::unexpected(
         "TANDOR_PROTECTED_NETNS names this network namespace: no interception here");
@@ -109,6 +109,8 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
     return std::unexpected(describe("cannot add the routing rule", routed.error()));
   if (auto ruled = installPacketRules(programsFolder); !ruled)
     return std::unexpected(ruled.error());
+  interception->guard_ = std::make_unique<RuleGuard>(
+      backend.service(), [programsFolder] { return restorePacketRules(programsFolder); }, guarded);
   return interception;
 }
 
@@ -161,6 +163,7 @@ Interception::~Interception() {
   // The provider takes no flow any more; those that it closed still find their way back until their
   // last bytes are delivered.
   endFlows();
+  guard_ = nullptr;
   if (auto clean = removeEverything(); !clean) NSLog("interception: " + clean.error());
   runOn(*loop_, [this] { admission_->end(); });
   for (const auto& listener : listeners_) runOn(*listener->residence(), [&] { listener->close(); });

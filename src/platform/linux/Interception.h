@@ -11,6 +11,7 @@
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/FlowRegistry.h"
 #include "platform/linux/LinuxBackend.h"
+#include "platform/linux/RuleGuard.h"
 #include "platform/linux/TransparentListener.h"
 
 namespace tandor {
@@ -20,10 +21,11 @@ namespace tandor {
 class Interception {
  public:
   /// Puts it in force, after clearing what a crashed process left. Blocks for some milliseconds.
-  /// Fails with the words for the user. `backend` and `registry` outlive it.
+  /// Fails with the words for the user. `backend`, `registry` and `guarded`, which hears of foreign
+  /// changes of what is in force, outlive it.
   [[nodiscard]] static std::expected<std::unique_ptr<Interception>, std::string> install(
       LinuxBackend& backend, FlowRegistry& registry,
-      std::shared_ptr<NETransparentProxyProvider> provider);
+      std::shared_ptr<NETransparentProxyProvider> provider, RuleGuard::Owner& guarded);
   Interception(const Interception&) = delete;
   Interception& operator=(const Interception&) = delete;
   ~Interception();
@@ -51,6 +53,7 @@ class Interception {
   std::vector<std::shared_ptr<TransparentListener>> listeners_;
   std::unique_ptr<EpollLoop> loop_;  // of the admission
   std::shared_ptr<Admission> admission_;
+  std::unique_ptr<RuleGuard> guard_;
 };
 
 }  // namespace tandor

@@ -59,14 +59,13 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
 
  private:
   void awaitChange() {
-    descriptor_.async_wait(
-        asio::posix::descriptor_base::wait_read,
-        [self = shared_from_this()](const asio::error_code& error) {
-          if (error || self->isEnded_) return;
-          self->drain();
-          self->lookAfter(settlingTime);
-          self->awaitChange();
-        });
+    descriptor_.async_wait(asio::posix::descriptor_base::wait_read,
+                           [self = shared_from_this()](const asio::error_code& error) {
+                             if (error || self->isEnded_) return;
+                             self->drain();
+                             self->lookAfter(settlingTime);
+                             self->awaitChange();
+                           });
   }
 
   void lookAfter(std::chrono::milliseconds delay) {

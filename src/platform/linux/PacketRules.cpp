@@ -84,13 +84,22 @@ constexpr std::string_view filter = R"(*filter
 COMMIT
 )";
 
-std::string rules(const std::string& programs) {
-  const std::string_view mangle = programs.empty() ? mangleWithTracking : mangleWithPrograms;
-  return fmt::format(fmt::runtime(fmt::format("{}{}", mangle, filter)),
-                     fmt::arg("programs", programs), fmt::arg("bypass", bypassMark),
-                     fmt::arg("leave", leaveMark), fmt::arg("take", takeMark),
-                     fmt::arg("refuse", refuseMark), fmt::arg("mask", markMask),
-                     fmt::arg("queue", packetQueueNumber), fmt::arg("port", transparentPort));
+/// One table's part of the rules, for iptables-restore.
+struct TableRules {
+  std::string table;
+  std::string script;
+};
+
+std::array<TableRules, 2> rules(const std::string& programs) {
+  const auto fill = [&](std::string_view script) {
+    return fmt::format(fmt::runtime(script), fmt::arg("programs", programs),
+                       fmt::arg("bypass", bypassMark), fmt::arg("leave", leaveMark),
+                       fmt::arg("take", takeMark), fmt::arg("refuse", refuseMark),
+                       fmt::arg("mask", markMask), fmt::arg("queue", packetQueueNumber),
+                       fmt::arg("port", transparentPort));
+  };
+  return {{{"mangle", fill(programs.empty() ? mangleWithTracking : mangleWithPrograms)},
+           {"filter", fill(filter)}}};
 }
 
 std::expected<SubprocessResult, std::string> run(const std::vector<std::string>& arguments,
@@ -108,7 +117,8 @@ std::expected<SubprocessResult, std::string> run(const std::vector<std::string>&
 }
 
 std::expected<void, std::string> restore(const std::string& script) {
-  const auto result = run({"iptables-restore", "--noflush", "-w"}, script);
+  // Somebody else may hold the older tables' lock, but not for ever.
+  const auto result = run({"iptables-restore", "--noflush", "-w", "10"}, script);
   if (!result) return std::unexpected(result.error());
   if (result->status != 0) {
     return std::unexpected(
@@ -120,29 +130,55 @@ std::expected<void, std::string> restore(const std::string& script) {
   return {};
 }
 
-/// What takes our part of one table away, from what the table holds now; empty when it has none.
-std::expected<std::string, std::string> removal(const std::string& table) {
-  const auto saved = run({"iptables-save", "-t", table});
-  if (!saved) return std::unexpected(saved.error());
-  std::string jumps;
+/// What one table has of ours.
+struct Ours {
+  std::string jumps;  // as commands that delete them; the chains, too
   std::string flushes;
   std::string deletions;
-  std::string_view text(saved->output);
+  std::size_t rules = 0;
+};
+
+/// Calls `visit` with each line.
+template <typename Visit>
+void forEachLine(std::string_view text, Visit visit) {
   while (!text.empty()) {
     const std::string_view line = text.substr(0, text.find('\n'));
     text.remove_prefix(std::min(line.size() + 1, text.size()));
+    visit(line);
+  }
+}
+
+std::expected<Ours, std::string> findOurs(const std::string& table) {
+  const auto saved = run({"iptables-save", "-t", table});
+  if (!saved) return std::unexpected(saved.error());
+  if (saved->status != 0) {
+    return std::unexpected(
+        fmt::format("the packet filter does not show its rules (iptables-save: {})",
+                    saved->errors.substr(0, saved->errors.find_last_not_of('\n') + 1)));
+  }
+  Ours ours;
+  forEachLine(saved->output, [&](std::string_view line) {
     if (line.starts_with(":TANDOR_")) {
       const std::string_view chain = line.substr(1, line.find(' ') - 1);
-      flushes += fmt::format("-F {}\n", chain);
-      deletions += fmt::format("-X {}\n", chain);
-    } else if (line.starts_with("-A ") && !line.starts_with("-A TANDOR_") &&
-               line.contains("-j TANDOR_")) {
-      jumps += fmt::format("-D {}\n", line.substr(3));
+      ours.flushes += fmt::format("-F {}\n", chain);
+      ours.deletions += fmt::format("-X {}\n", chain);
+    } else if (line.starts_with("-A TANDOR_")) {
+      ++ours.rules;
+    } else if (line.starts_with("-A ") && line.contains("-j TANDOR_")) {
+      ++ours.rules;
+      ours.jumps += fmt::format("-D {}\n", line.substr(3));
     }
-  }
-  if (jumps.empty() && flushes.empty()) return std::string();
+  });
+  return ours;
+}
+
+std::expected<void, std::string> removeFrom(const std::string& table) {
+  const auto ours = findOurs(table);
+  if (!ours) return std::unexpected(ours.error());
+  if (ours->jumps.empty() && ours->flushes.empty()) return {};
   // The jumps go first: from that moment on no packet meets a chain of ours.
-  return fmt::format("*{}\n{}{}{}COMMIT\n", table, jumps, flushes, deletions);
+  return restore(
+      fmt::format("*{}\n{}{}{}COMMIT\n", table, ours->jumps, ours->flushes, ours->deletions));
 }
 
 }  // namespace
@@ -159,18 +195,45 @@ COMMIT
 
 std::expected<void, std::string> installPacketRules(const std::string& programs) {
   if (auto removed = removePacketRules(); !removed) return removed;
-  auto installed = restore(rules(programs));
+  std::string all;
+  for (const TableRules& part : rules(programs)) all += part.script;
+  auto installed = restore(all);
   // One table may have been committed before the other failed.
   if (!installed) static_cast<void>(removePacketRules());
   return installed;
 }
 
+std::expected<bool, std::string> restorePacketRules(const std::string& programs) {
+  bool wasIncomplete = false;
+  for (const TableRules& part : rules(programs)) {
+    const auto ours = findOurs(part.table);
+    if (!ours) return std::unexpected(ours.error());
+    std::size_t expected = 0;
+    forEachLine(part.script, [&](std::string_view line) { expected += line.starts_with("-A "); });
+    if (ours->rules == expected) continue;
+    wasIncomplete = true;
+    // In one step, without a moment in which what is still there is not: the head of a chain that
+    // exists empties it.
+    const std::size_t head = part.script.find('\n') + 1;
+    const std::string script = part.script.substr(0, head) + ours->jumps + part.script.substr(head);
+    if (auto restored = restore(script); !restored) return std::unexpected(restored.error());
+  }
+  return wasIncomplete;
+}
+
+bool arePacketRulesInOlderTables() {
+  const auto version = run({"iptables-restore", "--version"});
+  return version && !version->output.contains("nf_tables");
+}
+
 std::expected<void, std::string> removePacketRules() {
+  // Between a look and a removal others may take something away that is then not there to remove.
+  constexpr int mostAttempts = 5;
   for (const std::string table : {"mangle", "filter"}) {
-    const auto script = removal(table);
-    if (!script) return std::unexpected(script.error());
-    if (script->empty()) continue;
-    if (auto restored = restore(*script); !restored) return restored;
+    auto removed = removeFrom(table);
+    for (int attempt = 1; !removed && attempt < mostAttempts; ++attempt)
+      removed = removeFrom(table);
+    if (!removed) return removed;
   }
   return {};
 }

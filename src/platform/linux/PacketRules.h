@@ -20,6 +20,15 @@ inline constexpr std::uint16_t transparentPort = 15001;
 /// naming the tool or the feature that is missing.
 [[nodiscard]] std::expected<void, std::string> installPacketRules(const std::string& programs);
 
+/// Puts back, a table at a time, what others have taken away of the rules that were installed with
+/// the same `programs`; the result is whether anything was missing. Fails with the words for the
+/// user.
+[[nodiscard]] std::expected<bool, std::string> restorePacketRules(const std::string& programs);
+
+/// Whether the packet filter's tools keep the rules in the kernel's older tables, which tell nobody
+/// of changes.
+[[nodiscard]] bool arePacketRulesInOlderTables();
+
 /// Takes every rule and chain of ours away; nothing there is no failure.
 [[nodiscard]] std::expected<void, std::string> removePacketRules();
 

@@ -11,7 +11,6 @@
 namespace tandor {
 namespace {
 
-constexpr std::uint32_t table = 7700;
 /// Right behind the machine's own addresses: a VPN's rule must not see a taken packet first.
 constexpr std::uint32_t preference = 1;
 constexpr std::uint32_t loopbackIndex = 1;  // in every network namespace
@@ -23,7 +22,7 @@ void describeRoute(NetlinkRequest& request) {
   route.rtm_protocol = RTPROT_STATIC;
   route.rtm_scope = RT_SCOPE_HOST;
   route.rtm_type = RTN_LOCAL;
-  ::mnl_attr_put_u32(&request.header(), RTA_TABLE, table);
+  ::mnl_attr_put_u32(&request.header(), RTA_TABLE, routingTable);
   ::mnl_attr_put_u32(&request.header(), RTA_OIF, loopbackIndex);
 }
 
@@ -31,23 +30,31 @@ void describeRule(NetlinkRequest& request) {
   auto& rule = request.body<fib_rule_hdr>();
   rule.family = AF_INET;
   rule.action = FR_ACT_TO_TBL;
-  ::mnl_attr_put_u32(&request.header(), FRA_TABLE, table);
+  ::mnl_attr_put_u32(&request.header(), FRA_TABLE, routingTable);
   ::mnl_attr_put_u32(&request.header(), FRA_PRIORITY, preference);
   ::mnl_attr_put_u32(&request.header(), FRA_FWMARK, takeMark);
   ::mnl_attr_put_u32(&request.header(), FRA_FWMASK, markMask);
 }
 
+/// Whether it was not there already.
+std::expected<bool, int> add(const NetlinkRequest& request) {
+  const auto added = request.send(NETLINK_ROUTE);
+  if (!added && added.error() != EEXIST) return std::unexpected(added.error());
+  return added.has_value();
+}
+
 }  // namespace
 
-std::expected<void, int> installRoutingPolicy() {
-  NetlinkRequest route(RTM_NEWROUTE, NLM_F_CREATE | NLM_F_REPLACE);
+std::expected<bool, int> installRoutingPolicy() {
+  NetlinkRequest route(RTM_NEWROUTE, NLM_F_CREATE | NLM_F_EXCL);
   describeRoute(route);
-  if (auto added = route.send(NETLINK_ROUTE); !added) return added;
+  const auto isRouteNew = add(route);
+  if (!isRouteNew) return isRouteNew;
   NetlinkRequest rule(RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL);
   describeRule(rule);
-  auto added = rule.send(NETLINK_ROUTE);
-  if (!added && added.error() == EEXIST) return {};
-  return added;
+  const auto isRuleNew = add(rule);
+  if (!isRuleNew) return isRuleNew;
+  return *isRouteNew || *isRuleNew;
 }
 
 void removeRoutingPolicy() {

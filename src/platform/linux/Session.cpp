@@ -114,7 +114,7 @@ Session::State Session::state() const {
 
 void Session::setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& /*settings*/,
                                        Completion completion) {
-  auto installed = Interception::install(backend_, registry_, provider());
+  auto installed = Interception::install(backend_, registry_, provider(), *this);
   if (!installed) {
     completion(NSError("TandorPlatformError", interceptionFailed, installed.error()));
     return;
@@ -218,6 +218,7 @@ void Session::replyStatus(const ControlServer::Reply& reply) const {
                      {"left", counts.left},
                      {"refused", counts.refused}};
   status["bytes"] = {{"in", counts.bytesIn}, {"out", counts.bytesOut}};
+  status["rulesRestored"] = rulesRestored_.load(std::memory_order_relaxed);
   reply.succeed({{"status", status}});
 }
 
@@ -305,6 +306,14 @@ bool Session::stop(NEProviderStopReason reason, State then) {
   lock.unlock();
   enter(then);
   return true;
+}
+
+void Session::rulesLost() {
+  // As long as the guard waits for this to return, it is the interception of this provider.
+  queue_->async([this, provider = this->provider()] {
+    if (provider != nullptr && provider == this->provider())
+      static_cast<void>(stop(NEProviderStopReason::providerFailed, State::failed));
+  });
 }
 
 void Session::awaitSignal() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -23,7 +24,7 @@ namespace tandor {
 /// The platform's session: makes the provider when the control socket says so, calls it as an
 /// operating system would, and hands over every answer. Provider operations run one at a time on
 /// the session's own queue; the control socket stays responsive meanwhile.
-class Session final : private NEProviderHost {
+class Session final : private NEProviderHost, private RuleGuard::Owner {
  public:
   /// `backend` outlives the session.
   Session(LinuxBackend& backend, ControlSocket socket, NETransparentProxyProvider::Factory factory);
@@ -33,6 +34,10 @@ class Session final : private NEProviderHost {
 
   void setTunnelNetworkSettings(const NETransparentProxyNetworkSettings& settings,
                                 Completion completion) override;
+
+  // Foreign changes of the rules, on a thread of the guard's.
+  void rulesRestored() override { rulesRestored_.fetch_add(1, std::memory_order_relaxed); }
+  void rulesLost() override;
 
   // Requests, on the service thread.
   void handle(const std::string& call, const nlohmann::json& request,
@@ -67,6 +72,7 @@ class Session final : private NEProviderHost {
   std::chrono::system_clock::time_point since_;  // guarded by mutex_
   std::shared_ptr<NETransparentProxyProvider> provider_;  // guarded by mutex_
   bool isTerminating_ = false;                            // service thread
+  std::atomic<std::uint64_t> rulesRestored_{0};
   FlowRegistry registry_;
   FlowWatch watch_;
   std::unique_ptr<Interception> interception_;  // on queue_
