@@ -6,6 +6,7 @@
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -43,6 +44,8 @@ bool mayAdministerNetwork() {
 }
 
 void dropPrivileges() {
+  ::umask(S_IRWXG | S_IRWXO);
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   for (int capability = 0; ::prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0; ++capability)
     if ((needed & bit(capability)) == 0) ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
 
