@@ -118,7 +118,7 @@ std::expected<SubprocessResult, std::string> run(const std::vector<std::string>&
 
 std::expected<void, std::string> restore(const std::string& script) {
   // Somebody else may hold the older tables' lock, but not for ever.
-  const auto result = run({"iptables-restore", "--noflush", "-w", "10"}, script);
+  const auto result = run({"iptables-restore", "--noflush", "-w", "5"}, script);
   if (!result) return std::unexpected(result.error());
   if (result->status != 0) {
     return std::unexpected(
@@ -228,7 +228,7 @@ bool arePacketRulesInOlderTables() {
 
 std::expected<void, std::string> removePacketRules() {
   // Between a look and a removal others may take something away that is then not there to remove.
-  constexpr int mostAttempts = 5;
+  constexpr int mostAttempts = 3;
   for (const std::string table : {"mangle", "filter"}) {
     auto removed = removeFrom(table);
     for (int attempt = 1; !removed && attempt < mostAttempts; ++attempt)

@@ -49,13 +49,42 @@ constexpr auto usualStop = std::chrono::milliseconds(100);
 
 /// A reason without a name is the provider's to judge, one that is no number of its kind is not.
 std::optional<NEProviderStopReason> stopReason(const json& number) {
-  constexpr std::int64_t outOfRange = std::int64_t{1} << 32;
-  if (!number.is_number_integer()) return std::nullopt;
-  const bool isHuge = number.is_number_unsigned() && number.get<std::uint64_t>() > outOfRange;
-  const std::int64_t value = isHuge ? outOfRange : number.get<std::int64_t>();
-  if (!std::in_range<std::int32_t>(value)) return std::nullopt;
-  return static_cast<NEProviderStopReason>(value);
+  const auto fitting = [](auto value) -> std::optional<NEProviderStopReason> {
+    if (!std::in_range<std::int32_t>(value)) return std::nullopt;
+    return static_cast<NEProviderStopReason>(value);
+  };
+  if (number.is_number_unsigned()) return fitting(number.get<std::uint64_t>());
+  if (number.is_number_integer()) return fitting(number.get<std::int64_t>());
+  return std::nullopt;
 }
+
+/// The open flows as a JSON list, piece by piece. It begins when the first piece is asked for: a
+/// client that does not read keeps nothing.
+class FlowList {
+ public:
+  explicit FlowList(FlowRegistry& registry) : registry_(registry) {}
+
+  std::string operator()() {
+    constexpr std::size_t flowsOfPiece = 64;
+    if (isComplete_) return {};
+    const bool isFirst = listing_ == nullptr;
+    if (isFirst) listing_ = std::make_unique<FlowRegistry::Listing>(registry_);
+    const std::vector<FlowInfo> flows = listing_->next(flowsOfPiece);
+    isComplete_ = flows.empty();
+    if (isComplete_) return isFirst ? "[]" : "]";
+    std::string piece;
+    for (const FlowInfo& flow : flows) {
+      piece += isFirst && piece.empty() ? '[' : ',';
+      piece += flowJSON(flow).dump(-1, ' ', false, json::error_handler_t::replace);
+    }
+    return piece;
+  }
+
+ private:
+  FlowRegistry& registry_;
+  std::unique_ptr<FlowRegistry::Listing> listing_;
+  bool isComplete_ = false;
+};
 
 void failNotRunning(const ControlServer::Reply& reply) {
   reply.fail(ControlError::notRunning, "no provider is running; start one first");
@@ -223,25 +252,7 @@ void Session::replyStatus(const ControlServer::Reply& reply) const {
 }
 
 void Session::replyFlows(const ControlServer::Reply& reply) {
-  reply.succeed("flows",
-                [this, listing = std::unique_ptr<FlowRegistry::Listing>(),
-                 isComplete = false]() mutable -> std::string {
-                  constexpr std::size_t flowsOfPiece = 64;
-                  if (isComplete) return {};
-                  // Begun when the reply's turn has come: a client that does not read keeps
-                  // nothing.
-                  std::string piece = listing == nullptr ? "[" : ",";
-                  if (listing == nullptr)
-                    listing = std::make_unique<FlowRegistry::Listing>(registry_);
-                  const std::vector<FlowInfo> flows = listing->next(flowsOfPiece);
-                  isComplete = flows.empty();
-                  if (isComplete) return piece == "[" ? "[]" : "]";
-                  for (const FlowInfo& flow : flows)
-                    piece +=
-                        flowJSON(flow).dump(-1, ' ', false, json::error_handler_t::replace) + ",";
-                  piece.pop_back();
-                  return piece;
-                });
+  reply.succeed("flows", FlowList(registry_));
 }
 
 void Session::withProvider(const ControlServer::Reply& reply,
