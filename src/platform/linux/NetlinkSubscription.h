@@ -8,11 +8,11 @@
 
 namespace tandor {
 
-/// A non-blocking socket that hears of changes in the given groups (RTMGRP_*); none when the kernel
-/// does not let us.
-[[nodiscard]] inline FileDescriptor subscribeToNetlink(std::uint32_t groups) {
-  FileDescriptor socket(
-      ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
+/// A non-blocking socket that hears of changes in the given groups (RTMGRP_*, or those of another
+/// bus); none when the kernel does not let us.
+[[nodiscard]] inline FileDescriptor subscribeToNetlink(std::uint32_t groups,
+                                                       int bus = NETLINK_ROUTE) {
+  FileDescriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, bus));
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
   address.nl_groups = groups;

@@ -24,6 +24,7 @@
 #include "platform/foundation/NSLog.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/NetlinkDump.h"
+#include "platform/linux/NetlinkSubscription.h"
 #include "platform/linux/OlderTables.h"
 #include "platform/linux/PacketRules.h"
 #include "platform/linux/RoutingPolicy.h"
@@ -43,17 +44,6 @@ constexpr auto olderTablesInterval = 3s;
 /// More often than this within the time, and it is a fight.
 constexpr std::size_t mostRestorations = 5;
 constexpr auto restorationsTime = 1min;
-
-FileDescriptor subscribe(int bus, std::uint32_t groups) {
-  FileDescriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, bus));
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_groups = groups;
-  if (socket.isOpen() &&
-      ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    socket.reset();
-  return socket;
-}
 
 /// The number of the routing table that a route or a rule is about.
 template <typename Header>
@@ -139,15 +129,15 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
         owner_(owner) {}
 
   void start() {
-    follow(routing_,
-           subscribe(NETLINK_ROUTE,
-                     RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE),
-           &Watch::routingChanged);
+    follow(
+        routing_,
+        subscribeToNetlink(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE),
+        &Watch::routingChanged);
     if (hasOlderTables_) {
       olderTables_ = olderTablesNow();
       lookAtOlderTables();
     } else {
-      follow(filter_, subscribe(NETLINK_NETFILTER, 1U << (NFNLGRP_NFTABLES - 1)),
+      follow(filter_, subscribeToNetlink(1U << (NFNLGRP_NFTABLES - 1), NETLINK_NETFILTER),
              &Watch::filterChanged);
     }
     // Something may have been taken away between the installation and this.
