@@ -23,8 +23,7 @@ inline constexpr std::string_view resultNames[] = {"ok", "unknown", "warning", "
 [[nodiscard]] Finding checkPrivileges(const Machine& machine);
 [[nodiscard]] Finding checkPacketFilterTool(const Machine& machine);
 [[nodiscard]] std::vector<Finding> checkKernelFeatures(const Machine& machine);
-/// `isProviderRunning`: port and queue are taken as they should be.
-[[nodiscard]] Finding checkPort(const Machine& machine, bool isProviderRunning);
+/// `isProviderRunning`: the queue is taken as it should be.
 [[nodiscard]] Finding checkQueue(const Machine& machine, bool isProviderRunning);
 [[nodiscard]] Finding checkDefaultRoute(const Machine& machine);
 [[nodiscard]] Finding checkDirectInterface(const Machine& machine);

@@ -69,7 +69,6 @@ Outcome doctorCommand(const Options& options, Output& output) {
   std::vector<Finding> findings = {checkPrivileges(machine), checkProgram(),
                                    checkPacketFilterTool(machine)};
   for (Finding& finding : checkKernelFeatures(machine)) findings.push_back(std::move(finding));
-  findings.push_back(checkPort(machine, isRunning));
   findings.push_back(checkQueue(machine, isRunning));
   findings.push_back(control);
   for (const auto check :

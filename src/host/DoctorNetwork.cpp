@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -10,30 +9,14 @@
 #include <fmt/ranges.h>
 
 #include "host/Doctor.h"
-#include "host/InternetSockets.h"
 #include "platform/foundation/Text.h"
-#include "platform/linux/application/Identifier.h"
-#include "platform/linux/application/ProcessDirectory.h"
 
 namespace tandor::host {
 namespace {
 
 using Result = Finding::Result;
 
-constexpr std::uint16_t listenerPort = 15001;
 constexpr std::string_view queueNumber = "77";
-
-/// The application whose process holds the socket; empty when it cannot be found.
-std::string holderOf(ino_t inode) {
-  for (const pid_t pid : runningProcesses()) {
-    const auto process = ProcessDirectory::open(pid);
-    if (!process) continue;
-    for (const int descriptor : process->descriptors())
-      if (process->socketInode(descriptor) == inode)
-        return fmt::format("{} (process {})", applicationIdentifier(*process).value_or("?"), pid);
-  }
-  return {};
-}
 
 int filterLevel(const Machine& machine, const std::string& interface) {
   const std::string text =
@@ -42,20 +25,6 @@ int filterLevel(const Machine& machine, const std::string& interface) {
 }
 
 }  // namespace
-
-Finding checkPort(const Machine& machine, bool isProviderRunning) {
-  const std::string check = fmt::format("port {}", listenerPort);
-  if (isProviderRunning) return {check, Result::good, "is the running provider's", ""};
-  const auto sockets = readSocketTables(machine.root / "proc/net");
-  const auto other = std::ranges::find_if(sockets, [](const InternetSocket& socket) {
-    return socket.localPort == listenerPort && socket.isWaiting;
-  });
-  if (other == sockets.end()) return {check, Result::good, "is free", ""};
-  const std::string holder = holderOf(other->inode);
-  return {check, Result::failure,
-          fmt::format("is used by {}", holder.empty() ? "another program" : holder),
-          "end that program, or give it another port"};
-}
 
 Finding checkQueue(const Machine& machine, bool isProviderRunning) {
   const std::string check = fmt::format("packet queue {}", queueNumber);

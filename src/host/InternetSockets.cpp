@@ -18,10 +18,9 @@ namespace {
 
 using Protocol = InternetSocket::Protocol;
 
-template <typename Number>
-std::optional<Number> numberIn(std::string_view text, int base) {
-  Number number{};
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+std::optional<ino_t> inodeIn(std::string_view text) {
+  ino_t number{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
   return number;
 }
@@ -29,23 +28,15 @@ std::optional<Number> numberIn(std::string_view text, int base) {
 /// A line behind the header:
 ///   NUMBER: ADDRESS:PORT ADDRESS:PORT STATE QUEUES TIMER RETRIES UID TIMEOUT INODE ...
 std::optional<InternetSocket> parseSocket(const std::string& line, Protocol protocol) {
-  constexpr unsigned listening = 0x0A;
-  constexpr unsigned unconnected = 0x07;
-  constexpr std::size_t localField = 1;
-  constexpr std::size_t stateField = 3;
   constexpr std::size_t inodeField = 9;
   std::istringstream stream(line);
   std::vector<std::string> fields;
   for (std::string field; fields.size() <= inodeField && stream >> field;)
     fields.push_back(std::move(field));
   if (fields.size() <= inodeField) return std::nullopt;
-  const std::string_view local = fields[localField];
-  const auto port = numberIn<std::uint16_t>(local.substr(local.find(':') + 1), 16);
-  const auto state = numberIn<unsigned>(fields[stateField], 16);
-  const auto inode = numberIn<ino_t>(fields[inodeField], 10);
-  if (!port || !state || !inode) return std::nullopt;
-  const bool isWaiting = *state == (protocol == Protocol::tcp ? listening : unconnected);
-  return InternetSocket{protocol, *port, isWaiting, *inode};
+  const auto inode = inodeIn(fields[inodeField]);
+  if (!inode) return std::nullopt;
+  return InternetSocket{protocol, *inode};
 }
 
 }  // namespace

@@ -14,8 +14,6 @@ namespace tandor::host {
 struct InternetSocket {
   enum class Protocol : std::uint8_t { tcp, udp };
   Protocol protocol;
-  std::uint16_t localPort;
-  bool isWaiting;  // listening, or without a peer
   ino_t inode;     // 0 for one that no process holds any more
 };
 

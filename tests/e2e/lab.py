@@ -140,9 +140,19 @@ class Lab:
         found += [line for line in self.app.run("ip", "rule").splitlines() if "7700" in line]
         found += self.app.run("ip", "route", "show", "table", "7700", check=False).stdout.splitlines()
         found += [line for line, mark in self.tracked() if mark & MARK_MASK == TAKE_MARK]
-        found += [line for line in self.app.read("/proc/thread-self/net/tcp").splitlines()
-                  if line.split()[1] == "0100007F:3A99"]
+        found += [f"{kind} port {port}" for kind, port in self.listeners()]
         found += self.app.read("/proc/thread-self/net/netfilter/nfnetlink_queue").splitlines()
+        return found
+
+    def listeners(self):
+        """The ports of the application side's loopback address where somebody waits for anybody."""
+        found = []
+        for kind, waiting in (("tcp", "0A"), ("udp", "07")):
+            for line in self.app.read(f"/proc/thread-self/net/{kind}").splitlines()[1:]:
+                _, local, _, state, *_ = line.split()
+                address, port = local.split(":")
+                if (address, state) == ("0100007F", waiting):
+                    found.append((kind, int(port, 16)))
         return found
 
     def tracked(self):

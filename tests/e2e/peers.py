@@ -53,6 +53,22 @@ class Listener:
         self._socket.close()
 
 
+class QueueOwner:
+    """Somebody else who has the daemon's packet queue, so that no start succeeds."""
+
+    def __init__(self, namespace):
+        netlink_netfilter, config, request_with_answer = 12, 0x302, 5
+        queue, bind = 77, struct.pack(">BBH", 1, 0, socket.AF_INET)
+        with namespace:
+            self._socket = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, netlink_netfilter)
+        body = struct.pack(">BBH", socket.AF_INET, 0, queue) + struct.pack("=HH", 8, 1) + bind
+        self._socket.send(struct.pack("=IHHII", 16 + len(body), config, request_with_answer, 1, 0) + body)
+        assert struct.unpack_from("=i", self._socket.recv(1 << 12), 16) == (0,)
+
+    def close(self):
+        self._socket.close()
+
+
 class Peer:
     """A server's end of a connection."""
 

@@ -13,7 +13,7 @@ import time
 from daemon import PROVIDER
 from lab import SERVER, EndToEnd
 from namespaces import PATIENCE, PROTECTED, end, eventually
-from peers import Echo, Listener
+from peers import Echo, QueueOwner
 
 PROGRAM = os.environ.get("TANDOR_PROGRAM", "")
 VERSION = os.environ.get("TANDOR_VERSION", "")
@@ -103,9 +103,9 @@ class Command(EndToEnd):
         os.chmod(file.name, 0o755)
         return file.name
 
-    def take_port(self):
+    def take_queue(self):
         """Whatever starts a provider while this is open fails."""
-        return self.closing(Listener(self.lab.app, ("127.0.0.1", 15001)))
+        return self.closing(QueueOwner(self.lab.app))
 
 
 class Commands(Command):
@@ -183,8 +183,8 @@ class Commands(Command):
                     self.assertEqual(stream.readline(), "")  # it asks no more
             self.assertEqual(start.finish(), 1)
             self.assertIn(error, start.errors)
-        self.take_port()
-        self.tandor(*START, code=1, error="15001")
+        self.take_queue()
+        self.tandor(*START, code=1, error="queue 77")
         self.assertFalse(os.path.exists(self.daemon.path + ".sent"))
 
     def test_flows_and_watch(self):
@@ -229,8 +229,8 @@ class Commands(Command):
         doctor = self.begin("doctor", "--json", control=self.daemon.path)
         self.assertEqual(doctor.finish() == 0, doctor.values[0]["ok"])
         checks = {check["check"]: check for check in doctor.values[0]["checks"]}
-        self.assertLessEqual({"privileges", "provider program", "iptables-restore", "port 15001",
-                              "packet queue 77", "default route", "packet marks"}, checks.keys())
+        self.assertLessEqual({"privileges", "provider program", "iptables-restore", "packet queue 77",
+                              "default route", "packet marks"}, checks.keys())
         self.assertEqual(checks["control socket"]["result"], "ok")
         self.assertEqual(checks["provider program"]["text"], self.bin + "/tandor-provider")
         for check in checks.values():
@@ -304,10 +304,10 @@ class Run(Command):
         provider, = self.lab.app.run("pgrep", "--parent", str(run.pid)).split()
         os.kill(int(provider), signal.SIGKILL)
         expect(run, "by signal 9")
-        taken = self.take_port()
+        taken = self.take_queue()
         run = self.begin(*RUN)
         self.assertEqual(run.finish(), 1)
-        self.assertIn("15001", run.errors)
+        self.assertIn("queue 77", run.errors)
         taken.close()
         broken = self.write("broken", "#!/bin/sh\necho something is very wrong >&2; exit 1\n")
         os.replace(broken, self.bin + "/tandor-provider")

@@ -1,10 +1,13 @@
 """Start, stop, sleep, wake, update and every kind of end, under load; what is missing, foreign or in
 short supply."""
 
+import errno
+import itertools
 import os
 import random
 import re
 import signal
+import socket
 import subprocess
 import threading
 import time
@@ -12,7 +15,7 @@ import time
 from daemon import PROVIDER, PROXY, Control, ControlError
 from lab import ETH0, OTHER, SERVER, EndToEnd
 from namespaces import SLOWNESS, end, eventually
-from peers import Echo, Listener, client_hello
+from peers import Echo, Listener, QueueOwner, client_hello
 
 WEB = (SERVER, 80)
 
@@ -297,7 +300,7 @@ class Surroundings(EndToEnd):
 
     def test_starts_that_fail(self):
         without = ("unshare", "--mount", "sh", "-c", 'mount -t tmpfs none /usr/sbin; exec "$0" "$@"')
-        cases = (((), "15001.*already in use"),
+        cases = (((), "queue 77 has an owner already"),
                  (without, "iptables-save is not installed; install the package iptables"),
                  (("setpriv", "--bounding-set", "-net_admin"),
                   "tandor-provider needs root or CAP_NET_ADMIN"))
@@ -306,19 +309,47 @@ class Surroundings(EndToEnd):
                 daemon = self.lab.daemon(wrapper=wrapper)
                 descriptors = daemon.descriptors()
                 if not wrapper:
-                    taken = self.closing(Listener(self.lab.app, ("127.0.0.1", 15001)))
+                    taken = self.closing(QueueOwner(self.lab.app))
                 for attempt in range(2):
                     with self.assertRaisesRegex(ControlError, words):
                         daemon.start("directlyWhiteList", [self.listed.program])
                     self.assertEqual(daemon.status()["state"], "failed")
-                self.assertEqual([trace for trace in self.lab.traces() if "3A99" not in trace], [])
+                if not wrapper:
+                    taken.close()
+                self.assertEqual(self.lab.traces(), [])
                 self.assertLessEqual(daemon.descriptors(), descriptors + 2)  # the path monitor's
                 self.assertWay("native", self.listed, WEB)
                 if not wrapper:
-                    taken.close()
                     daemon.start("directlyWhiteList", [self.listed.program])
                     self.assertWay("eth0", self.listed, WEB)
                 daemon.terminate()
+
+    def test_nobody_gets_or_hinders_what_is_for_the_listener(self):
+        self.start("directlyWhiteList")
+        ports = self.lab.listeners()
+        self.assertEqual({kind for kind, _ in ports}, {"tcp", "udp"})
+        kinds = {"tcp": socket.SOCK_STREAM, "udp": socket.SOCK_DGRAM}
+        sharing = ((), (socket.SO_REUSEADDR,), (socket.SO_REUSEPORT,),
+                   (socket.SO_REUSEADDR, socket.SO_REUSEPORT))
+        for (kind, port), address, options in itertools.product(
+                set(ports), ("127.0.0.1", "0.0.0.0"), sharing):
+            with self.subTest(kind=kind, address=address, options=options), self.lab.app, \
+                    socket.socket(socket.AF_INET, kinds[kind]) as stranger:
+                os.fchown(stranger.fileno(), 65534, -1)  # the kernel compares the owners
+                for option in options:
+                    stranger.setsockopt(socket.SOL_SOCKET, option, 1)
+                with self.assertRaises(OSError) as refusal:
+                    stranger.bind((address, port))
+                self.assertEqual(refusal.exception.errno, errno.EADDRINUSE)
+        # Whoever sends there takes no room from first datagrams.
+        with self.lab.app, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
+            self.daemon.process.send_signal(signal.SIGSTOP)
+            for number in range(20_000):
+                stranger.sendto(b"x", ("127.0.0.1", dict(ports)["udp"]))
+            flow = self.listed.connect(WEB, "udp")
+            flow.begin("exchange", [b"first"])
+            self.daemon.process.send_signal(signal.SIGCONT)
+            self.assertEqual(self.listed.finish(), [b"first"])
 
     def test_two_daemons(self):
         self.start("directlyWhiteList")

@@ -13,7 +13,6 @@
 
 #include "platform/foundation/NSLog.h"
 #include "platform/linux/PacketQueue.h"
-#include "platform/linux/PacketRules.h"
 #include "platform/linux/Privileges.h"
 #include "platform/linux/RoutingPolicy.h"
 
@@ -107,10 +106,14 @@ std::expected<std::unique_ptr<Interception>, std::string> Interception::install(
   });
   if (auto routed = installRoutingPolicy(); !routed)
     return std::unexpected(describe("cannot add the routing rule", routed.error()));
-  if (auto ruled = installPacketRules(programsFolder); !ruled)
+  if (auto ruled = installPacketRules(programsFolder, interception->ports_); !ruled)
     return std::unexpected(ruled.error());
   interception->guard_ = std::make_unique<RuleGuard>(
-      backend.service(), [programsFolder] { return restorePacketRules(programsFolder); }, guarded);
+      backend.service(),
+      [programsFolder, ports = interception->ports_] {
+        return restorePacketRules(programsFolder, ports);
+      },
+      guarded);
   return interception;
 }
 
@@ -132,14 +135,11 @@ std::string Interception::chooseMemory(KernelPrograms* programs) {
 
 std::expected<void, std::string> Interception::listen(LinuxBackend& backend) {
   for (const auto& loop : backend.loops()) {
-    auto listener = runOn(*loop, [&] {
-      return TransparentListener::make(*loop, transparentPort, flows_, *answers_);
-    });
-    if (!listener) {
-      return std::unexpected(
-          describe(fmt::format("cannot listen transparently on port {}", transparentPort),
-                   listener.error()));
-    }
+    auto listener =
+        runOn(*loop, [&] { return TransparentListener::make(*loop, ports_, flows_, *answers_); });
+    if (!listener)
+      return std::unexpected(describe("cannot listen transparently", listener.error()));
+    ports_ = (*listener)->ports();
     listeners_.push_back(std::move(*listener));
   }
   return {};

@@ -11,6 +11,7 @@
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/FlowRegistry.h"
 #include "platform/linux/LinuxBackend.h"
+#include "platform/linux/PacketRules.h"
 #include "platform/linux/RuleGuard.h"
 #include "platform/linux/TransparentListener.h"
 
@@ -51,6 +52,7 @@ class Interception {
   FlowAnswers* answers_ = &tracking_;
   FileDescriptor watch_;  // of the programs in the kernel, when the answers are theirs
   std::vector<std::shared_ptr<TransparentListener>> listeners_;
+  ListenerPorts ports_;              // of all of them
   std::unique_ptr<EpollLoop> loop_;  // of the admission
   std::shared_ptr<Admission> admission_;
   std::unique_ptr<RuleGuard> guard_;

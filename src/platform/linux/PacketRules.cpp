@@ -38,9 +38,9 @@ constexpr std::string_view mangleWithPrograms = R"(*mangle
 -A TANDOR_ASK -p udp -m addrtype ! --dst-type UNICAST -j RETURN
 -A TANDOR_ASK -p tcp -m bpf --object-pinned {programs}/noteAsked
 -A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
--A TANDOR_PRE -p tcp ! --syn -j TPROXY --on-ip 127.0.0.1 --on-port {port}
--A TANDOR_PRE -p tcp -m bpf --object-pinned {programs}/noteTaken -j TPROXY --on-ip 127.0.0.1 --on-port {port}
--A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -p tcp ! --syn -j TPROXY --on-ip 127.0.0.1 --on-port {tcpPort}
+-A TANDOR_PRE -p tcp -m bpf --object-pinned {programs}/noteTaken -j TPROXY --on-ip 127.0.0.1 --on-port {tcpPort}
+-A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {udpPort}
 -A TANDOR_HEAR -m bpf --object-pinned {programs}/noteHeard
 -A OUTPUT ! -o lo -j TANDOR_OUTPUT
 -A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
@@ -68,9 +68,9 @@ constexpr std::string_view mangleWithTracking = R"(*mangle
 -A TANDOR_ASK -j CONNMARK --set-xmark {leave:#x}/{mask:#x}
 -A TANDOR_ASK -j NFQUEUE --queue-num {queue} --queue-bypass
 -A TANDOR_PRE -p tcp --syn -j CONNMARK --set-xmark {take:#x}/{mask:#x}
--A TANDOR_PRE -p tcp -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -p tcp -j TPROXY --on-ip 127.0.0.1 --on-port {tcpPort}
 -A TANDOR_PRE -m connmark ! --mark {take:#x}/{mask:#x} -j CONNMARK --set-xmark {take:#x}/{mask:#x}
--A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {port}
+-A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {udpPort}
 -A OUTPUT -j TANDOR_OUTPUT
 -A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
 COMMIT
@@ -90,13 +90,13 @@ struct TableRules {
   std::string script;
 };
 
-std::array<TableRules, 2> rules(const std::string& programs) {
+std::array<TableRules, 2> rules(const std::string& programs, const ListenerPorts& ports) {
   const auto fill = [&](std::string_view script) {
     return fmt::format(fmt::runtime(script), fmt::arg("programs", programs),
                        fmt::arg("bypass", bypassMark), fmt::arg("leave", leaveMark),
                        fmt::arg("take", takeMark), fmt::arg("refuse", refuseMark),
                        fmt::arg("mask", markMask), fmt::arg("queue", packetQueueNumber),
-                       fmt::arg("port", transparentPort));
+                       fmt::arg("tcpPort", ports.tcp), fmt::arg("udpPort", ports.udp));
   };
   return {{{"mangle", fill(programs.empty() ? mangleWithTracking : mangleWithPrograms)},
            {"filter", fill(filter)}}};
@@ -193,19 +193,21 @@ COMMIT
   return removePacketRules().has_value() && canCall;
 }
 
-std::expected<void, std::string> installPacketRules(const std::string& programs) {
+std::expected<void, std::string> installPacketRules(const std::string& programs,
+                                                    const ListenerPorts& ports) {
   if (auto removed = removePacketRules(); !removed) return removed;
   std::string all;
-  for (const TableRules& part : rules(programs)) all += part.script;
+  for (const TableRules& part : rules(programs, ports)) all += part.script;
   auto installed = restore(all);
   // One table may have been committed before the other failed.
   if (!installed) static_cast<void>(removePacketRules());
   return installed;
 }
 
-std::expected<bool, std::string> restorePacketRules(const std::string& programs) {
+std::expected<bool, std::string> restorePacketRules(const std::string& programs,
+                                                    const ListenerPorts& ports) {
   bool wasIncomplete = false;
-  for (const TableRules& part : rules(programs)) {
+  for (const TableRules& part : rules(programs, ports)) {
     const auto ours = findOurs(part.table);
     if (!ours) return std::unexpected(ours.error());
     std::size_t expected = 0;

@@ -1,15 +1,16 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <expected>
 #include <functional>
 #include <memory>
-#include <vector>
 
 #include "platform/linux/AnnouncedFlows.h"
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/FlowAnswers.h"
+#include "platform/linux/PacketRules.h"
 
 namespace tandor {
 
@@ -18,10 +19,11 @@ namespace tandor {
 /// whatever was not announced is refused. Belongs to the loop's thread.
 class TransparentListener final : public EpollLoop::Resident {
  public:
-  /// Listens at `port` of the loopback address, as one of several loops that share it. `answers`
-  /// outlives it. Fails with an error number.
+  /// Listens at `ports` of the loopback address, as one of several loops that share them; where
+  /// they are 0, it is the first, and the kernel chooses. `answers` outlives it. Fails with an
+  /// error number.
   [[nodiscard]] static std::expected<std::shared_ptr<TransparentListener>, int> make(
-      EpollLoop& loop, std::uint16_t port, std::shared_ptr<AnnouncedFlows> flows,
+      EpollLoop& loop, const ListenerPorts& ports, std::shared_ptr<AnnouncedFlows> flows,
       FlowAnswers& answers);
 
   TransparentListener(EpollLoop& loop, std::shared_ptr<AnnouncedFlows> flows, FlowAnswers& answers,
@@ -30,7 +32,9 @@ class TransparentListener final : public EpollLoop::Resident {
   TransparentListener(const TransparentListener&) = delete;
   TransparentListener& operator=(const TransparentListener&) = delete;
 
-  /// Stops listening. On the loop's thread.
+  /// As long as it listens.
+  [[nodiscard]] ListenerPorts ports() const noexcept;
+  /// Stops listening; flows that are arriving fail. On the loop's thread.
   void close() noexcept;
 
  private:
@@ -53,15 +57,27 @@ class TransparentListener final : public EpollLoop::Resident {
   [[nodiscard]] int watch();
   void accept();
   void receive();
+  /// Reads one datagram; false when there is none.
+  [[nodiscard]] bool receiveOne();
   void attachNew(const std::shared_ptr<SocketUDPFlow>& flow);
+  /// Gives the first flow that is arriving its socket.
+  void completeArrival();
 
   std::shared_ptr<AnnouncedFlows> flows_;
   FlowAnswers& answers_;
   Socket tcp_;
   Socket udp_;
-  /// Flows whose first datagram came just now; their sockets are read after the listener is empty.
-  std::vector<std::pair<std::shared_ptr<SocketUDPFlow>, FileDescriptor>> arriving_;
-  EpollLoop::Timer retry_;
+  /// A flow whose first datagram came just now, with its socket. From when that was made, its
+  /// datagrams go there; those that wait here by then are read first.
+  struct Arrival {
+    std::shared_ptr<SocketUDPFlow> flow;
+    FileDescriptor socket;
+    std::uint64_t received;  // when so many datagrams have been received, those have been read
+  };
+  std::deque<Arrival> arriving_;
+  std::uint64_t received_ = 0;  // datagrams
+  EpollLoop::Timer acceptLater_;
+  EpollLoop::Timer receiveLater_;
 };
 
 }  // namespace tandor
