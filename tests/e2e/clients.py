@@ -165,6 +165,25 @@ def connect_many(address, count):
         kept.append(socket.create_connection(address, TIMEOUT))
 
 
+def exchange_datagrams(address, count):
+    """Opens so many sockets that stay open until release_all(); how many got back what they sent."""
+    opened = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(count)]
+    kept.extend(opened)
+    answered = 0
+    for number, sender in enumerate(opened):
+        sender.settimeout(TIMEOUT)
+        sender.connect(address)
+        sender.send(b"%d" % number)
+        answered += sender.recv(99) == b"%d" % number
+    return answered
+
+
+def churn_datagrams(count):
+    """Opens and closes so many sockets."""
+    for _ in range(count):
+        socket.socket(socket.AF_INET, socket.SOCK_DGRAM).close()
+
+
 def exchange_kept(request):
     """Each of the kept connections sends and gets `request` back; how many did."""
     for stream in kept:

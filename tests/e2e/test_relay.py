@@ -1,6 +1,7 @@
 """What becomes of the bytes, and of flows whose ends come at awkward moments."""
 
 import itertools
+import signal
 import socket
 import threading
 import time
@@ -81,6 +82,34 @@ class Datagrams(EndToEnd):
             eventually(lambda: len([1 for _, _, data in self.echo.received
                                     if data == application.name.encode()]) == len(ports), "all come")
         self.daemon.await_no_flows()
+
+    def test_many_sockets_that_go_at_once(self):
+        """No flow outlives its socket, whether the daemon hears of each end or of too many."""
+        def missed():
+            self.unlisted.call("churn_datagrams", 5000)
+            sockets = [line.split() for line in
+                       self.lab.app.read("/proc/thread-self/net/netlink").splitlines()[1:]]
+            sock_diag = "4"
+            return any(protocol == sock_diag and int(drops) > 0
+                       for _, protocol, *_, drops, _ in sockets)
+
+        count = 1500 // SLOWNESS
+        for are_too_many in (False, True):
+            with self.subTest(are_too_many=are_too_many):
+                self.assertEqual(self.listed.call("exchange_datagrams", WEB, count), count)
+                kept = self.listed.connect((OTHER, 53), "udp")
+                kept.exchange([b"before"])
+                if are_too_many:
+                    self.daemon.process.send_signal(signal.SIGSTOP)
+                self.listed.call("release_all")
+                if are_too_many:
+                    eventually(missed)
+                    self.daemon.process.send_signal(signal.SIGCONT)
+                eventually(lambda: len(self.daemon.flows()) == 1)
+                kept.exchange([b"after"])
+                self.assertEqual(self.echo.heard(b"before"), self.echo.heard(b"after"))
+                kept.close()
+                self.daemon.await_no_flows()
 
     def test_same_ports_another_application(self):
         """What follows on a socket's ports inherits nothing from it."""

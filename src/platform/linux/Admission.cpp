@@ -21,14 +21,16 @@ using namespace std::chrono_literals;
 /// How long a taken flow's socket may take to come.
 constexpr auto attachPatience = 10s;
 constexpr auto complaintInterval = 60s;
+/// All sockets are looked at so often at most, however many come and go.
+constexpr auto searchInterval = 200ms;
 /// Descriptors that are kept for everything but flows.
 constexpr std::uint64_t reservedDescriptors = 256;
 constexpr std::uint64_t descriptorsAFlow = 2;
 /// What is remembered of each has its price in the kernel, also of those that never come: about 100
 /// bytes.
 constexpr std::uint64_t mostTakenAtOnce = 65'536;
-/// UDP flows whose answers are counted; beyond, all are forgotten, and a later socket may inherit
-/// one.
+/// UDP flows whose answers are counted; beyond, those that were left are forgotten, and a later
+/// socket may inherit one. Taken ones must hear of their socket's end, and are never so many.
 constexpr std::size_t mostAnswered = 100'000;
 /// Of identifiers that are kept for the next flow. Anybody can make up as many applications as
 /// there are paths, and a path is up to 4 KiB.
@@ -85,6 +87,7 @@ Admission::Admission(EpollLoop& loop, std::shared_ptr<NETransparentProxyProvider
       registry_(registry),
       diagnosis_(std::move(diagnosis)),
       socketsAtStart_(std::move(socketsAtStart)),
+      missed_(loop, EpollLoop::Call::to<&Admission::searchGoneSockets>(this)),
       mostFlows_(mostFlows()),
       overdue_(loop, EpollLoop::Call::to<&Admission::checkOverdue>(this)) {
   settle(loop);
@@ -100,6 +103,7 @@ void Admission::end() {
   destroyWatch_ = nullptr;
   held_.clear();
   overdue_.stop();
+  missed_.stop();
   abandonOverdue(EpollLoop::Clock::duration::zero());
 }
 
@@ -258,10 +262,7 @@ std::shared_ptr<const NEFlowMetaData> Admission::metaDataOf(const SocketOwner& o
 void Admission::count(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark,
                       std::size_t datagrams) {
   if (mark == refuseMark) return;
-  if (answered_.size() >= mostAnswered) {
-    answered_.clear();
-    flowsOfSockets_.clear();
-  }
+  if (answered_.size() >= mostAnswered) forgetLeft();
   Answered& answered = answered_[key];
   if (answered.cookie != cookie) {
     answered.cookie = cookie;
@@ -270,6 +271,13 @@ void Admission::count(const FlowKey& key, std::uint64_t cookie, std::uint32_t ma
   }
   answered.mark = mark;
   add(key, answered, datagrams);
+}
+
+void Admission::forgetLeft() {
+  std::erase_if(answered_, [](const auto& item) { return item.second.mark == leaveMark; });
+  for (auto& [cookie, flows] : flowsOfSockets_)
+    std::erase_if(flows, [this](const FlowKey& flow) { return !answered_.contains(flow); });
+  std::erase_if(flowsOfSockets_, [](const auto& item) { return item.second.empty(); });
 }
 
 void Admission::countAnother(const FlowKey& key) {
@@ -319,6 +327,35 @@ void Admission::socketDestroyed(std::uint64_t cookie) {
     }
   }
   flowsOfSockets_.erase(flows);
+}
+
+void Admission::destructionsMissed() {
+  if (!missed_.isRunning()) missed_.start(searchInterval);
+}
+
+void Admission::searchGoneSockets() {
+  if (flowsOfSockets_.empty()) return;
+  if (std::exchange(isSearchingGone_, true)) {
+    missed_.start(searchInterval);
+    return;
+  }
+  std::vector<SocketDiagnosis::UDPSocket> sockets;
+  sockets.reserve(flowsOfSockets_.size());
+  for (const auto& [cookie, flows] : flowsOfSockets_) sockets.push_back({cookie, flows.front()});
+  GlobalQueue::shared().async([weak = std::weak_ptr(self()), this, sockets = std::move(sockets)] {
+    auto gone = SocketDiagnosis::findGone(sockets);
+    const auto alive = weak.lock();
+    if (alive == nullptr) return;
+    onLoop([this, gone = std::move(gone)] {
+      isSearchingGone_ = false;
+      if (queue_ == nullptr) return;
+      if (gone) {
+        for (const std::uint64_t cookie : *gone) socketDestroyed(cookie);
+      } else {
+        destructionsMissed();  // the kernel may tell later
+      }
+    });
+  });
 }
 
 void Admission::checkOverdue() {

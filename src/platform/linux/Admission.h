@@ -57,9 +57,11 @@ class Admission final : public EpollLoop::Resident,
   void packetArrived(const PacketQueue::Packet& packet) override;
   void packetsWentOn() override;
   void socketDestroyed(std::uint64_t cookie) override;
+  void destructionsMissed() override;
 
   /// Concludes when the programs in the kernel saw who connects; false when they did not.
   [[nodiscard]] bool concludeQuickly(const PacketQueue::Packet& packet);
+  void searchGoneSockets();
   void searchOwners();
   void ownersFound(const std::vector<ino_t>& searched, const SocketOwners::Places& places);
   void conclude(const FlowKey& key, const SocketFacts& facts, const SocketOwner* owner,
@@ -72,6 +74,7 @@ class Admission final : public EpollLoop::Resident,
   [[nodiscard]] std::shared_ptr<const NEFlowMetaData> metaDataOf(const SocketOwner& owner);
   /// Counts datagrams of a flow that have their answer, to be remembered when they have gone on.
   void count(const FlowKey& key, std::uint64_t cookie, std::uint32_t mark, std::size_t datagrams);
+  void forgetLeft();
   /// One more of a flow that has its answer, if it is one of UDP.
   void countAnother(const FlowKey& key);
   struct Answered;
@@ -110,6 +113,8 @@ class Admission final : public EpollLoop::Resident,
   std::vector<FlowKey> toRemember_;  // those with datagrams that are about to go on
   /// Those of each socket: what follows the socket must not inherit its answers.
   std::unordered_map<std::uint64_t, std::vector<FlowKey>> flowsOfSockets_;
+  EpollLoop::Timer missed_;  // until the kernel is asked which of these sockets are gone
+  bool isSearchingGone_ = false;
 
   const std::size_t mostFlows_;
   EpollLoop::Timer overdue_;

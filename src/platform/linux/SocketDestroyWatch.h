@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <span>
 
 #include "platform/linux/EpollLoop.h"
 #include "platform/linux/FileDescriptor.h"
@@ -19,6 +20,8 @@ class SocketDestroyWatch final : private EpollLoop::Source {
     Owner& operator=(const Owner&) = delete;
     /// `cookie` is the number that the kernel never gives twice.
     virtual void socketDestroyed(std::uint64_t cookie) = 0;
+    /// More sockets were destroyed than the kernel could tell of: any may be gone, up to now.
+    virtual void destructionsMissed() = 0;
 
    protected:
     ~Owner() = default;
@@ -35,10 +38,14 @@ class SocketDestroyWatch final : private EpollLoop::Source {
   SocketDestroyWatch(EpollLoop& loop, FileDescriptor socket, Owner& owner) noexcept
       : loop_(loop), socket_(std::move(socket)), owner_(owner) {}
   void ready(std::uint32_t events) override;
+  void receive();
+  void report(std::span<const char> messages) const;
 
   EpollLoop& loop_;
   FileDescriptor socket_;
   Owner& owner_;
+  bool hasMissed_ = false;
+  EpollLoop::Task receive_{EpollLoop::Call::to<&SocketDestroyWatch::receive>(this)};
 };
 
 }  // namespace tandor

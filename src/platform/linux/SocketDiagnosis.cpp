@@ -21,7 +21,9 @@ std::uint64_t cookieOf(const inet_diag_msg& message) noexcept {
 }  // namespace
 
 std::expected<SocketDiagnosis, int> SocketDiagnosis::make() {
-  Socket socket(::mnl_socket_open2(NETLINK_SOCK_DIAG, SOCK_CLOEXEC), &::mnl_socket_close);
+  // The kernel answers before it returns from the question: what is not there then never comes.
+  Socket socket(::mnl_socket_open2(NETLINK_SOCK_DIAG, SOCK_CLOEXEC | SOCK_NONBLOCK),
+                &::mnl_socket_close);
   if (socket == nullptr || ::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0)
     return std::unexpected(errno);
   return SocketDiagnosis(std::move(socket));
@@ -71,6 +73,22 @@ std::optional<SocketFacts> SocketDiagnosis::find(const FlowKey& flow, std::uint3
     });
     return facts;
   }
+}
+
+std::expected<std::vector<std::uint64_t>, int> SocketDiagnosis::findGone(
+    std::span<const UDPSocket> sockets) {
+  const auto present = udpSockets();
+  if (!present) return std::unexpected(present.error());
+  auto diagnosis = make();
+  if (!diagnosis) return std::unexpected(diagnosis.error());
+  std::vector<std::uint64_t> gone;
+  for (const UDPSocket& socket : sockets) {
+    if (present->contains(socket.cookie)) continue;
+    // A list that is made while others come and go may lack one that was there all the time.
+    const auto found = diagnosis->find(socket.flow, 0);
+    if (!found || found->cookie != socket.cookie) gone.push_back(socket.cookie);
+  }
+  return gone;
 }
 
 std::expected<std::unordered_set<std::uint64_t>, int> SocketDiagnosis::udpSockets() {

@@ -4,8 +4,10 @@
 #include <expected>
 #include <memory>
 #include <optional>
+#include <span>
 #include <sys/types.h>
 #include <unordered_set>
+#include <vector>
 
 #include "platform/linux/FlowKey.h"
 
@@ -31,6 +33,16 @@ class SocketDiagnosis {
   /// The socket that `flow` starts from, as it leaves by the interface with the given index; absent
   /// when there is none (a raw socket, the kernel's own).
   [[nodiscard]] std::optional<SocketFacts> find(const FlowKey& flow, std::uint32_t interface);
+
+  /// A UDP socket, and a flow that has started from it.
+  struct UDPSocket {
+    std::uint64_t cookie;
+    FlowKey flow;
+  };
+  /// The cookies of those that are no more. Blocks for as long as it takes to list all sockets.
+  /// Fails with an error number.
+  [[nodiscard]] static std::expected<std::vector<std::uint64_t>, int> findGone(
+      std::span<const UDPSocket> sockets);
 
   /// The cookies of all UDP sockets that there are now. Fails with an error number.
   [[nodiscard]] static std::expected<std::unordered_set<std::uint64_t>, int> udpSockets();
