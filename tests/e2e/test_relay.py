@@ -9,7 +9,7 @@ import unittest
 
 import clients
 from daemon import PROXY
-from lab import OTHER, SERVER, VPN, EndToEnd
+from lab import ETH0, OTHER, SERVER, VPN, EndToEnd
 from namespaces import SLOWNESS, end, eventually
 from peers import ESTABLISHED, Echo, Listener, Refuser, bound, client_hello
 
@@ -62,18 +62,22 @@ class Datagrams(EndToEnd):
             self.assertEqual(self.daemon.status()["flows"][outcome] - before, 1)
 
     def test_empty_datagrams(self):
-        """One from the application would be the end of the flow to the relay, and is dropped; one to
-        the application arrives."""
+        """They are carried like others, in their places, from a flow's first datagram on."""
         server = self.closing(bound(self.lab.net, (SERVER, 5000), socket.SOCK_DGRAM))
         flow = self.listed.connect((SERVER, 5000), "udp")
-        for datagram in (b"", b"first", b"", b"second"):
-            flow.send(datagram)
-        self.assertEqual(server.recvfrom(99)[0], b"first")
-        data, source = server.recvfrom(99)
-        self.assertEqual(data, b"second")
-        for datagram in (b"", b"answer"):
-            server.sendto(datagram, source)
-            self.assertEqual(flow.recv(99), datagram)
+        sent = [b"", b"", b"first", b"", bytes(3000), b"", b"", b"second", b""]
+        for pause in (0.05, 0):  # on their own, and several at once
+            for datagram in sent:
+                flow.send(datagram)
+                time.sleep(pause)
+            received, sources = zip(*(server.recvfrom(1 << 16) for _ in sent))
+            self.assertEqual((list(received), len(set(sources))), (sent, 1))
+            self.assertEqual(sources[0][0], ETH0)
+            for datagram in sent:
+                server.sendto(datagram, sources[0])
+                time.sleep(pause)
+            self.assertEqual([flow.recv(1 << 16) for _ in sent], sent)
+        self.assertEqual(len(self.daemon.flows()), 1)
 
     def test_last_words(self):
         """Datagrams of sockets that are closed at once arrive, whoever carries them."""

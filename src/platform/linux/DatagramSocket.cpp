@@ -79,18 +79,31 @@ void DatagramSocket::read(std::size_t maximum) {
 
 void DatagramSocket::write(std::span<const Data> datagrams) {
   isWriteWanted_ = true;
-  for (const Data& datagram : datagrams) {
-    outputBytes_ += datagram.count();
-    output_.push_back(datagram);
-  }
+  for (const Data& datagram : datagrams) append(datagram);
   if (isWritable_) loop_.defer(transfer_);
   if (isOutputAccepted()) loop_.schedule(completion_);
 }
 
+void DatagramSocket::writeUnanswered(Data datagram) {
+  if (!isOpen() || !isOutputAccepted()) return;
+  append(std::move(datagram));
+  if (isWritable_) loop_.defer(transfer_);
+}
+
+void DatagramSocket::append(Data datagram) {
+  outputWeight_ += weight(datagram);
+  output_.push_back(std::move(datagram));
+}
+
 void DatagramSocket::inject(Data datagram) {
-  addTo(bytesRead_, datagram.count());
-  input_.push_back(std::move(datagram));
+  take(std::move(datagram));
   if (isReadWanted_) loop_.schedule(completion_);
+}
+
+void DatagramSocket::take(Data datagram) {
+  addTo(bytesRead_, datagram.count());
+  ++datagrams_;
+  input_.push_back(std::move(datagram));
 }
 
 void DatagramSocket::ready(std::uint32_t events) {
@@ -107,9 +120,12 @@ void DatagramSocket::complete() {
   if (!isReadWanted_) return;
   if (inputFirst_ < input_.size()) {
     isReadWanted_ = false;
-    const std::size_t count = std::min(readMaximum_, input_.size() - inputFirst_);
-    const auto batch = std::span(input_).subspan(inputFirst_, count);
-    inputFirst_ += count;
+    auto batch = std::span(input_).subspan(inputFirst_);
+    batch = batch.first(std::min(readMaximum_, batch.size()));
+    const auto other = std::ranges::find_if(
+        batch, [&](const Data& datagram) { return datagram.isEmpty() != batch.front().isEmpty(); });
+    batch = batch.first(static_cast<std::size_t>(other - batch.begin()));
+    inputFirst_ += batch.size();
     owner_.datagramsDidArrive(batch);
     if (inputFirst_ == input_.size()) {
       empty(input_);
@@ -159,10 +175,11 @@ void DatagramSocket::flush() {
     // Of a failed call, the first datagram is the one that cannot be sent.
     const std::size_t gone = sent > 0 ? static_cast<std::size_t>(sent) : 1;
     for (std::size_t index = 0; index < gone; ++index) {
-      const std::size_t length = output_[first + index].count();
-      outputBytes_ -= length;
-      if (sent > 0) addTo(bytesWritten_, length);
+      const Data& datagram = output_[first + index];
+      outputWeight_ -= weight(datagram);
+      if (sent > 0) addTo(bytesWritten_, datagram.count());
     }
+    if (sent > 0) datagrams_ += gone;
     first += gone;
   }
   output_.erase(output_.begin(), output_.begin() + static_cast<std::ptrdiff_t>(first));
@@ -192,15 +209,18 @@ void DatagramSocket::fill() {
   const auto received = std::span(messages).first(static_cast<std::size_t>(count));
   std::size_t total = 0;
   for (const mmsghdr& message : received) total += message.msg_len;
-  addTo(bytesRead_, total);
   if (total < worthPacking) {
     for (std::size_t index = 0; index < received.size(); ++index)
-      input_.push_back(Data::copying(std::span(slots[index]).first(received[index].msg_len)));
+      take(Data::copying(std::span(slots[index]).first(received[index].msg_len)));
   } else {
     Data pack;
     std::size_t used = 0;
     for (std::size_t index = 0; index < received.size(); ++index) {
       const std::size_t length = received[index].msg_len;
+      if (length == 0) {
+        take({});
+        continue;
+      }
       if (pack.count() - used < length) {
         BufferPool::Buffer& buffer = loop_.buffers().borrow();
         pack = Data(buffer, 0, buffer.room().size());
@@ -209,7 +229,7 @@ void DatagramSocket::fill() {
       // Nobody else has seen these bytes of the buffer yet.
       std::memcpy(const_cast<std::uint8_t*>(pack.bytes().data()) + used,  // NOLINT(*-const-cast)
                   slots[index].data(), length);
-      input_.push_back(pack.slice(used, length));
+      take(pack.slice(used, length));
       used += length;
     }
   }
@@ -233,7 +253,7 @@ void DatagramSocket::close() noexcept {
   input_.clear();
   inputFirst_ = 0;
   output_.clear();
-  outputBytes_ = 0;
+  outputWeight_ = 0;
   if (socket_.isOpen()) {
     loop_.remove(socket_.get(), *this);
     socket_.reset();

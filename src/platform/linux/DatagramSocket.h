@@ -32,7 +32,8 @@ class DatagramSocket final : private EpollLoop::Source {
     Owner(const Owner&) = delete;
     Owner& operator=(const Owner&) = delete;
 
-    /// A read brought datagrams, at least one. The owner may move them out.
+    /// A read brought datagrams, at least one: none that is empty, or nothing but empty ones. The
+    /// owner may move them out.
     virtual void datagramsDidArrive(std::span<Data> datagrams) = 0;
     /// A read failed, or (0) found the end after endAfterInput().
     virtual void datagramsDidFail(int error) = 0;
@@ -43,7 +44,7 @@ class DatagramSocket final : private EpollLoop::Source {
     ~Owner() = default;
   };
 
-  /// Bytes that may wait to be sent before a write is held back.
+  /// What may wait to be sent before a write is held back, in bytes with a header each.
   static constexpr std::size_t outputBound = std::size_t{64} * 1024;
 
   DatagramSocket(EpollLoop& loop, Owner& owner) noexcept : loop_(loop), owner_(owner) {}
@@ -59,6 +60,8 @@ class DatagramSocket final : private EpollLoop::Source {
   /// Sends the datagrams after those written before; accepted at once under the bound. What the
   /// network cannot carry (too long, no buffer) is lost, as datagrams are.
   void write(std::span<const Data> datagrams);
+  /// Sends one more after those written before, without an answer; lost when too much waits.
+  void writeUnanswered(Data datagram);
   /// Adds a datagram that reached us by another socket, as if this one had received it now.
   void inject(Data datagram);
 
@@ -68,6 +71,8 @@ class DatagramSocket final : private EpollLoop::Source {
   void finish();
   [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
   [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
+  /// How many datagrams, empty ones included, came and went. On the loop.
+  [[nodiscard]] std::uint64_t datagrams() const noexcept { return datagrams_; }
   [[nodiscard]] std::uint64_t bytesRead() const noexcept {
     return bytesRead_.load(std::memory_order_relaxed);
   }
@@ -82,7 +87,14 @@ class DatagramSocket final : private EpollLoop::Source {
   void flush();
   void fill();
   void close() noexcept;
-  [[nodiscard]] bool isOutputAccepted() const noexcept { return outputBytes_ <= outputBound; }
+  void append(Data datagram);
+  void take(Data datagram);
+  /// How much of the bound a datagram takes: of empty ones, too, only so many may wait.
+  [[nodiscard]] static std::size_t weight(const Data& datagram) noexcept {
+    constexpr std::size_t header = 64;
+    return datagram.count() + header;
+  }
+  [[nodiscard]] bool isOutputAccepted() const noexcept { return outputWeight_ <= outputBound; }
 
   EpollLoop& loop_;
   Owner& owner_;
@@ -100,7 +112,7 @@ class DatagramSocket final : private EpollLoop::Source {
   bool isWriteWanted_ = false;
   bool isWritable_ = false;
   int writeError_ = 0;  // told once
-  std::size_t outputBytes_ = 0;
+  std::size_t outputWeight_ = 0;
   std::vector<Data> output_;
 
   EpollLoop::Task completion_{EpollLoop::Call::to<&DatagramSocket::complete>(this)};
@@ -110,6 +122,7 @@ class DatagramSocket final : private EpollLoop::Source {
   static void addTo(std::atomic<std::uint64_t>& counter, std::size_t bytes) noexcept {
     counter.store(counter.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
   }
+  std::uint64_t datagrams_ = 0;
   std::atomic<std::uint64_t> bytesRead_{0};
   std::atomic<std::uint64_t> bytesWritten_{0};
 };

@@ -51,6 +51,19 @@ class InterceptedFlow : public EpollLoop::Resident {
     const std::weak_ptr<InterceptedFlow> flow_;
   };
 
+  /// The connection that carries the flow's bytes, for what the provider cannot hand on.
+  class Carrier {
+   public:
+    Carrier() = default;
+    Carrier(const Carrier&) = delete;
+    Carrier& operator=(const Carrier&) = delete;
+    /// Sends an empty datagram, after whatever was sent before. On the flow's loop.
+    virtual void sendEmptyDatagram() = 0;
+
+   protected:
+    ~Carrier() = default;
+  };
+
   struct Origin {
     FlowKey key;
     pid_t pid = 0;
@@ -68,6 +81,8 @@ class InterceptedFlow : public EpollLoop::Resident {
 
   /// Tells where the flow's bytes go, and the interface that they are bound to. Any thread.
   void setOutbound(const SocketAddress& address, const std::string& interface);
+  /// Tells what carries the flow's bytes from now on. On the loop.
+  virtual void setCarrier(std::weak_ptr<Carrier> /*carrier*/) {}
   /// Any thread.
   [[nodiscard]] FlowInfo info() const;
   /// The way to the application is about to go: a closed flow that has delivered everything ends

@@ -78,9 +78,11 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
   }
 
   /// What the messages say does not matter: the path is read anew. Lost ones (ENOBUFS) are changes.
+  /// What is left is announced again by the next wait.
   void drain() {
+    constexpr int mostAtOnce = 256;
     std::array<char, 8192> messages{};
-    for (;;) {
+    for (int round = 0; round < mostAtOnce; ++round) {
       const ssize_t count =
           ::recv(descriptor_.native_handle(), messages.data(), messages.size(), 0);
       if (count == 0 || (count < 0 && errno != ENOBUFS && errno != EINTR)) return;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <iterator>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -71,12 +72,11 @@ void SocketUDPFlow::end() {
 }
 
 void SocketUDPFlow::checkSilence() {
-  const std::uint64_t bytes = bytesIn() + bytesOut();
-  if (bytes == bytesAtLastCheck_) {
+  if (socket_->datagrams() == datagramsAtLastCheck_) {
     end();
     return;
   }
-  bytesAtLastCheck_ = bytes;
+  datagramsAtLastCheck_ = socket_->datagrams();
   silence_->start(patience(remoteEndpoint_));
 }
 
@@ -158,14 +158,15 @@ void SocketUDPFlow::close(bool& isDirectionClosed, const std::optional<NSError>&
 }
 
 void SocketUDPFlow::datagramsDidArrive(std::span<Data> datagrams) {
-  std::vector<Data> batch;
-  batch.reserve(datagrams.size());
-  for (Data& datagram : datagrams)
-    if (!datagram.isEmpty()) batch.push_back(std::move(datagram));
-  if (batch.empty()) {
+  if (datagrams.front().isEmpty()) {
+    // A reader reads on when it has sent everything: these are in their place.
+    if (const auto carrier = carrier_.lock())
+      for (std::size_t count = datagrams.size(); count > 0; --count) carrier->sendEmptyDatagram();
     socket_->read(everything);
     return;
   }
+  std::vector<Data> batch(std::move_iterator(datagrams.begin()),
+                          std::move_iterator(datagrams.end()));
   if (auto completion = std::exchange(readCompletion_, nullptr)) {
     const std::vector<NWHostEndpoint> addressedTo(batch.size(), remoteEndpoint_);
     completion(std::move(batch), addressedTo, std::nullopt);

@@ -14,7 +14,8 @@ namespace tandor {
 
 /// An application's UDP flow, over a socket that is bound to the flow's destination and connected
 /// to the application. Lives on a loop; may be called from any thread. Empty datagrams of the
-/// application are dropped: to a reader they would be the end of the flow.
+/// application, which to a reader would be the end of the flow, go to its carrier when everything
+/// before them has been sent.
 class SocketUDPFlow final : public NEAppProxyUDPFlow,
                             public InterceptedFlow,
                             private DatagramSocket::Owner {
@@ -48,6 +49,7 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
     closeHandler_ = std::move(handler);
   }
 
+  void setCarrier(std::weak_ptr<Carrier> carrier) override { carrier_ = std::move(carrier); }
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
   [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return makeAffinity(); }
   void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
@@ -79,7 +81,8 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   FileDescriptor unopened_;
   std::optional<DatagramSocket> socket_;  // once the flow has come to a loop
   std::unique_ptr<EpollLoop::Timer> silence_;
-  std::uint64_t bytesAtLastCheck_ = 0;
+  std::uint64_t datagramsAtLastCheck_ = 0;
+  std::weak_ptr<Carrier> carrier_;
   std::move_only_function<void()> closeHandler_;
   Completion openCompletion_;
   ReadDatagramsCompletion readCompletion_;

@@ -81,7 +81,9 @@ class StreamConnection final : public SocketConnection, private StreamSocket::Ow
   std::unique_ptr<Gathering> gathering_;
 };
 
-class DatagramConnection final : public SocketConnection, private DatagramSocket::Owner {
+class DatagramConnection final : public SocketConnection,
+                                 public InterceptedFlow::Carrier,
+                                 private DatagramSocket::Owner {
  public:
   using SocketConnection::SocketConnection;
 
@@ -89,10 +91,13 @@ class DatagramConnection final : public SocketConnection, private DatagramSocket
   int attempt(FileDescriptor socket, const SocketAddress& address) override {
     if (::connect(socket.get(), &address.get(), address.length()) != 0) return errno;
     socket_.emplace(loop(), static_cast<DatagramSocket::Owner&>(*this));
-    const int error = socket_->adopt(std::move(socket));
-    if (error == 0) attemptEnded(0);
-    return error;
+    if (const int error = socket_->adopt(std::move(socket)); error != 0) return error;
+    if (const auto relayed = flow()) relayed->setCarrier(std::shared_ptr<Carrier>(self(), this));
+    attemptEnded(0);
+    return 0;
   }
+
+  void sendEmptyDatagram() override { socket_->writeUnanswered({}); }
 
   void sendContent(Data content) override { socket_->write({&content, 1}); }
 
