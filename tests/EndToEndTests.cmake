@@ -16,6 +16,7 @@ set(classes
   routing.Proxying
   relay.Bulk
   relay.Datagrams
+  relay.DatagramsByTracking
   relay.Mass
   relay.Answers
   relay.Departures

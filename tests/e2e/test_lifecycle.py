@@ -15,7 +15,7 @@ import time
 from daemon import PROVIDER, PROXY, Control, ControlError
 from lab import ETH0, OTHER, SERVER, EndToEnd
 from namespaces import SLOWNESS, end, eventually
-from peers import Echo, Listener, QueueOwner, client_hello
+from peers import Echo, Listener, QueueOwner, bound, client_hello
 
 WEB = (SERVER, 80)
 
@@ -341,6 +341,12 @@ class Surroundings(EndToEnd):
                 with self.assertRaises(OSError) as refusal:
                     stranger.bind((address, port))
                 self.assertEqual(refusal.exception.errno, errno.EADDRINUSE)
+        # Where taken flows go to, servers of the machine have their ports as ever.
+        for kind in kinds:
+            flow = self.listed.connect(WEB, kind)
+            flow.exchange([b"to a port"])
+            bound(self.lab.app, ("0.0.0.0", WEB[1]), kinds[kind]).close()
+            flow.exchange([b"that somebody else had"])
         # Whoever sends there takes no room from first datagrams.
         with self.lab.app, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
             self.daemon.process.send_signal(signal.SIGSTOP)

@@ -1,5 +1,6 @@
 """What becomes of the bytes, and of flows whose ends come at awkward moments."""
 
+import errno
 import itertools
 import signal
 import socket
@@ -79,6 +80,47 @@ class Datagrams(EndToEnd):
             self.assertEqual([flow.recv(1 << 16) for _ in sent], sent)
         self.assertEqual(len(self.daemon.flows()), 1)
 
+    def refusals(self, application, address):
+        """What it learns, by error number, of datagrams to a destination that refuses them: three times
+        with a connected socket, once with another, and once with one that asks for errors."""
+        ip_recverr = 11  # Python has no name for it
+        connected = application.connect(address, "udp")
+        anywhere, asking = application.socket("udp", timeout=0.3), application.socket("udp")
+        asking.setsockopt(socket.IPPROTO_IP, ip_recverr, 1)
+        numbers = []
+        for flow in (connected, connected, connected, anywhere, asking):
+            with self.assertRaises(OSError) as error:
+                flow.send(b"refuse me") if flow is connected else flow.sendto(b"refuse me", address)
+                flow.recv(99)
+            numbers.append(error.exception.errno)
+        return connected, numbers
+
+    def test_destinations_that_refuse(self):
+        """The application learns of it as natively, at once and each time that it tries; and goes on
+        when somebody is there."""
+        address = (SERVER, 5001)
+        rule = ("INPUT", "-p", "udp", "--dport", "5001", "-j", "REJECT", "--reject-with")
+        self.lab.net.write("/proc/sys/net/ipv4/icmp_ratelimit", "0")
+        taken = self.daemon.status()["flows"]["taken"]
+        for reason, number in (("icmp-port-unreachable", errno.ECONNREFUSED),
+                               ("icmp-proto-unreachable", errno.ENOPROTOOPT),
+                               ("icmp-admin-prohibited", errno.EHOSTUNREACH)):
+            self.lab.net.run("iptables", "-A", *rule, reason)
+            connected = []
+            for application in (self.listed, self.unlisted):
+                with self.subTest(reason, application=application.name):
+                    flow, numbers = self.refusals(application, address)
+                    self.assertEqual(numbers, [number] * 3 + [None, number])
+                    connected.append(flow)
+            self.lab.net.run("iptables", "-D", *rule, reason)
+            server = self.closing(bound(self.lab.net, address, socket.SOCK_DGRAM))
+            for flow in connected:
+                flow.send(b"at last")
+                server.sendto(*server.recvfrom(99))
+                self.assertEqual(flow.recv(99), b"at last")
+            server.close()
+        self.assertGreaterEqual(self.daemon.status()["flows"]["taken"] - taken, 3 * 6)
+
     def test_last_words(self):
         """Datagrams of sockets that are closed at once arrive, whoever carries them."""
         for application in (self.listed, self.unlisted):
@@ -134,6 +176,12 @@ class Datagrams(EndToEnd):
         self.stop()
         during.exchange([b"on its own"])
         self.assertEqual(self.echo.heard(b"on its own")[1], during.getsockname())
+
+
+class DatagramsByTracking(Datagrams):
+    """Where the kernel does not take the daemon's programs."""
+
+    wrapper = ("setpriv", "--bounding-set=-bpf,-perfmon,-sys_admin")
 
 
 class Mass(EndToEnd):

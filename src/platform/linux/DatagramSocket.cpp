@@ -168,8 +168,9 @@ void DatagramSocket::flush() {
         break;
       }
       if (!isLossOnly(errno)) {
-        writeError_ = errno;
-        if (isWriteWanted_) loop_.schedule(completion_);
+        // A write that was accepted before has its answer already; somebody must hear of it.
+        (isWriteWanted_ ? writeError_ : readError_) = errno;
+        loop_.schedule(completion_);
       }
     }
     // Of a failed call, the first datagram is the one that cannot be sent.

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/UnreachableNotice.h"
+
 namespace tandor {
 namespace {
 
@@ -153,6 +155,9 @@ void SocketUDPFlow::close(bool& isDirectionClosed, const std::optional<NSError>&
     silence_.reset();
     socket_->finish();
     if (auto handler = std::exchange(closeHandler_, nullptr)) handler();
+    // By now, what the application sends next begins a new flow.
+    if (!isApplicationGone_ && closeError_ && closeError_->domain() == NSError::posixDomain)
+      sendUnreachableNotice(key(), static_cast<int>(closeError_->code()));
   }
   residence()->schedule(answer_);
 }
@@ -174,11 +179,13 @@ void SocketUDPFlow::datagramsDidArrive(std::span<Data> datagrams) {
 }
 
 void SocketUDPFlow::datagramsDidFail(int error) {
+  isApplicationGone_ = error != 0;
   if (auto completion = std::exchange(readCompletion_, nullptr))
     completion(std::nullopt, {}, error != 0 ? std::optional(NSError::posix(error)) : std::nullopt);
 }
 
 void SocketUDPFlow::datagramsDidLeave(int error) {
+  isApplicationGone_ = isApplicationGone_ || error != 0;
   if (auto completion = std::exchange(writeCompletion_, nullptr))
     completion(error != 0 ? std::optional(NSError::posix(error)) : std::nullopt);
 }

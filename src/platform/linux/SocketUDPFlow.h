@@ -15,7 +15,7 @@ namespace tandor {
 /// An application's UDP flow, over a socket that is bound to the flow's destination and connected
 /// to the application. Lives on a loop; may be called from any thread. Empty datagrams of the
 /// application, which to a reader would be the end of the flow, go to its carrier when everything
-/// before them has been sent.
+/// before them has been sent. An error with which it is closed is told the application.
 class SocketUDPFlow final : public NEAppProxyUDPFlow,
                             public InterceptedFlow,
                             private DatagramSocket::Owner {
@@ -89,6 +89,7 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   Completion writeCompletion_;
   std::optional<NSError> openError_;
   std::optional<NSError> closeError_;
+  bool isApplicationGone_ = false;  // its own socket has failed
   bool isReadClosed_ = false;
   bool isWriteClosed_ = false;
   EpollLoop::Task answer_{EpollLoop::Call::to<&SocketUDPFlow::answer>(this)};

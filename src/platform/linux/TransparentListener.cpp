@@ -108,10 +108,12 @@ std::expected<std::shared_ptr<TransparentListener>, int> TransparentListener::ma
   auto udp = makeListening(SOCK_DGRAM, ports.udp);
   if (!udp) return std::unexpected(udp.error());
   makeRoomForBursts(*udp, roomForHeld);
-  // Accepted connections inherit all this.
+  // Accepted connections inherit all this. They stand at their destinations' ports, where servers
+  // of this machine must still be able to; no other socket can be where one listens.
   StreamSocket::prepare(*tcp);
   if (!setOption(*tcp, IPPROTO_TCP, TCP_NODELAY) || ::listen(tcp->get(), SOMAXCONN) != 0 ||
-      !setOption(*udp, SOL_IP, IP_RECVORIGDSTADDR) || !takeOnlyWhatIsBrought(*udp))
+      !setOption(*tcp, SOL_SOCKET, SO_REUSEADDR) || !setOption(*udp, SOL_IP, IP_RECVORIGDSTADDR) ||
+      !takeOnlyWhatIsBrought(*udp))
     return std::unexpected(errno);
   auto listener = makeResident<TransparentListener>(loop, std::move(flows), answers,
                                                     std::move(*tcp), std::move(*udp));
