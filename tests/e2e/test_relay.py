@@ -66,7 +66,7 @@ class Datagrams(EndToEnd):
         """They are carried like others, in their places, from a flow's first datagram on."""
         server = self.closing(bound(self.lab.net, (SERVER, 5000), socket.SOCK_DGRAM))
         flow = self.listed.connect((SERVER, 5000), "udp")
-        sent = [b"", b"", b"first", b"", bytes(3000), b"", b"", b"second", b""]
+        sent = [b"", b"", b"first", b"", bytes(30_000), b"", b"", b"second", b""]
         for pause in (0.05, 0):  # on their own, and several at once
             for datagram in sent:
                 flow.send(datagram)
@@ -120,6 +120,14 @@ class Datagrams(EndToEnd):
                 self.assertEqual(flow.recv(99), b"at last")
             server.close()
         self.assertGreaterEqual(self.daemon.status()["flows"]["taken"] - taken, 3 * 6)
+
+    def test_a_port_that_a_server_of_this_machine_has(self):
+        """No socket can stand at the destination: the application is not left to wait."""
+        with self.lab.app, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+            server.bind(("0.0.0.0", 5002))  # does not share it
+            flow = self.listed.connect((SERVER, 5002), "udp")
+            for _ in range(2):
+                self.assertLess(flow.refusal_delay(), 1)
 
     def test_last_words(self):
         """Datagrams of sockets that are closed at once arrive, whoever carries them."""
@@ -182,6 +190,8 @@ class DatagramsByTracking(Datagrams):
     """Where the kernel does not take the daemon's programs."""
 
     wrapper = ("setpriv", "--bounding-set=-bpf,-perfmon,-sys_admin")
+    #: It knows a flow by its addresses alone, until the daemon has heard that the socket is gone.
+    test_same_ports_another_application = None
 
 
 class Mass(EndToEnd):

@@ -63,7 +63,8 @@ class SocketConnection : public NWConnection, public EpollLoop::Resident {
   void completeReceive(std::optional<Data> data, bool isComplete, int error);
 
   [[nodiscard]] EpollLoop& loop() const noexcept { return *residence(); }
-  /// The flow that is relayed, which lives on the same loop; null when there is none or it has ended.
+  /// The flow that is relayed, which lives on the same loop; null when there is none or it has
+  /// ended.
   [[nodiscard]] std::shared_ptr<InterceptedFlow> flow() const;
 
  private:

@@ -41,6 +41,7 @@ SocketUDPFlow::SocketUDPFlow(EpollLoop& loop, FileDescriptor socket, NEFlowMetaD
 SocketUDPFlow::~SocketUDPFlow() {
   if (socket_) socket_->finish();
   if (closeHandler_) closeHandler_();
+  if (openError_) sendUnreachableNotice(key(), ECONNREFUSED);
   delist();
 }
 

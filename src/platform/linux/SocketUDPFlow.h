@@ -35,12 +35,13 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
   /// Adds a datagram that reached us by another socket than the flow's. On its loop.
   void inject(Data datagram);
   /// Gives an attached flow its socket, which is connected to the application; a closed one fails
-  /// its opening. On its loop.
+  /// its opening, and the application is told that it is refused. On its loop.
   void useSocket(FileDescriptor socket);
   /// Ends the flow as if the application had, after the datagrams that have arrived: its socket is
   /// gone, or it was silent for too long. Once attached; any thread.
   void end();
-  /// Gives an announced flow up: its socket never came. On the thread that offered it.
+  /// Gives an announced flow up whose socket never came. On the thread that offered it, or on its
+  /// loop.
   void abandon();
   /// Whether an announced flow was closed without having been opened.
   [[nodiscard]] bool isRefused() const noexcept { return isReadClosed_ || isWriteClosed_; }

@@ -148,7 +148,7 @@ ListenerPorts TransparentListener::ports() const noexcept {
 void TransparentListener::close() noexcept {
   acceptLater_.stop();
   receiveLater_.stop();
-  for (; !arriving_.empty(); arriving_.pop_front()) arriving_.front().flow->useSocket({});
+  for (; !arriving_.empty(); arriving_.pop_front()) arriving_.front().flow->abandon();
   tcp_.close(*residence());
   udp_.close(*residence());
 }
