@@ -14,7 +14,7 @@ namespace tandor::host {
 struct InternetSocket {
   enum class Protocol : std::uint8_t { tcp, udp };
   Protocol protocol;
-  ino_t inode;     // 0 for one that no process holds any more
+  ino_t inode;  // 0 for one that no process holds any more
 };
 
 /// Reads one of the tables tcp, tcp6, udp and udp6.
