@@ -21,6 +21,8 @@ namespace {
 
 /// How long an address may be away.
 constexpr auto settlingTime = std::chrono::milliseconds(200);
+/// Then others have theirs; what is left makes the socket readable again.
+constexpr int mostReadsInATurn = 64;
 
 bool isLoss(const nlmsghdr& message) {
   // A bridge that loses a port says so with its own family.
@@ -78,7 +80,7 @@ class LocalAddressWatch::Watch : public std::enable_shared_from_this<Watch> {
   [[nodiscard]] bool readLosses() {
     bool hasLosses = false;
     alignas(nlmsghdr) std::array<char, 16384> messages;
-    for (;;) {
+    for (int round = 0; round < mostReadsInATurn; ++round) {
       const ssize_t count =
           ::recv(descriptor_.native_handle(), messages.data(), messages.size(), 0);
       if (count < 0 && errno == ENOBUFS) hasLosses = true;
@@ -89,6 +91,7 @@ class LocalAddressWatch::Watch : public std::enable_shared_from_this<Watch> {
            ::mnl_nlmsg_ok(message, left); message = ::mnl_nlmsg_next(message, &left))
         hasLosses = hasLosses || isLoss(*message);
     }
+    return hasLosses;
   }
 
   asio::posix::stream_descriptor descriptor_;
