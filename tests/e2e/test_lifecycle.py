@@ -11,6 +11,7 @@ import socket
 import subprocess
 import threading
 import time
+import unittest
 
 from daemon import PROVIDER, PROXY, Control, ControlError
 from lab import ETH0, OTHER, SERVER, EndToEnd
@@ -280,6 +281,7 @@ class Surroundings(EndToEnd):
         self.stop()
         self.daemon.end()
 
+    @unittest.skipIf(SLOWNESS > 1, "a sanitizer needs descriptors of its own")
     def test_a_moment_without_descriptors(self):
         """What cannot be looked at has not gone."""
         daemon = self.lab.daemon(wrapper=("prlimit", "--nofile=300:300"))

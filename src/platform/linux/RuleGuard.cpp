@@ -39,6 +39,8 @@ using namespace std::chrono_literals;
 /// rules all day.
 constexpr auto settlingTime = 200ms;
 constexpr auto shortestPause = 1s;
+/// What could not be put back is tried again after this.
+constexpr auto pauseAfterFailure = 10s;
 /// How often the older tables are asked whether they are as they were.
 constexpr auto olderTablesInterval = 3s;
 /// More often than this within the time, and it is a fight.
@@ -222,10 +224,10 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
     });
   }
 
-  void checkSoon(bool withRules) {
+  void checkSoon(bool withRules, Clock::duration pause = settlingTime) {
     isRulesCheckDue_ = isRulesCheckDue_ || withRules;
     if (std::exchange(isCheckDue_, true)) return;
-    due_.expires_at(std::max(Clock::now() + settlingTime, lastCheck_ + shortestPause));
+    due_.expires_at(std::max(Clock::now() + pause, lastCheck_ + shortestPause));
     due_.async_wait([self = shared_from_this()](const asio::error_code& cancelled) {
       if (cancelled) return;
       self->isCheckDue_ = false;
@@ -267,7 +269,8 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
       owner_.rulesLost();
     } else if (!failure.empty()) {
       NSLog("rules: cannot put back what was taken away: " + failure);
-      asio::post(due_.get_executor(), [self = shared_from_this()] { self->checkSoon(true); });
+      asio::post(due_.get_executor(),
+                 [self = shared_from_this()] { self->checkSoon(true, pauseAfterFailure); });
     } else {
       NSLog("rules: put back what was taken away: " + missing);
       owner_.rulesRestored();
