@@ -14,7 +14,8 @@ import sys
 import threading
 import time
 
-TIMEOUT = 20
+#: How long it waits for anything, in seconds.
+TIMEOUT = float(os.environ.get("TANDOR_E2E_PATIENCE", 20))
 IMMEDIATELY = struct.pack("ii", 1, 0)  # a linger that makes a close a reset
 sockets = {}
 kept = []
@@ -213,9 +214,10 @@ def send_once(address, datagram, count=1):
     return ports
 
 
-def socket_send_all(sender, datagrams):
-    for datagram in datagrams:
-        sender.send(datagram)
+def socket_send_all(sender, pieces):
+    """Each by itself, one right after the other."""
+    for piece in pieces:
+        sender.send(piece)
 
 
 def socket_exchange(sender, datagrams):
@@ -275,7 +277,10 @@ def answer(is_result, value):
     sys.stdout.buffer.flush()
 
 
-def main():
+def main(**more):
+    """Calls what it is told of this module's functions and of `more`, by name, until nobody tells it
+    any more."""
+    functions = {**globals(), **more}
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
     for descriptor in sys.argv[1:]:
@@ -288,7 +293,7 @@ def main():
         except EOFError:
             return
         try:
-            result = globals()[function](*arguments)
+            result = functions[function](*arguments)
         except Exception as error:
             answer(False, error)
         else:

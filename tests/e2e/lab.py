@@ -11,10 +11,12 @@ natively comes from there, and from the very port that the application's socket 
 """
 
 import atexit
+import contextlib
 import itertools
 import os
 import pickle
 import re
+import resource
 import shutil
 import socket
 import subprocess
@@ -23,7 +25,7 @@ import time
 import unittest
 
 from daemon import PROVIDER, PROXY, Daemon
-from namespaces import Namespace, end, eventually, sweep
+from namespaces import PATIENCE, SLOWNESS, Namespace, end, eventually, sweep
 
 ETH0, ETH1, VPN = "192.0.2.2", "192.0.2.66", "10.8.0.2"
 SERVER, OTHER, PRIVATE, SERVER6 = "203.0.113.10", "198.51.100.10", "10.99.0.1", "2001:db8::10"
@@ -42,6 +44,8 @@ class Lab:
             raise unittest.SkipTest("the end-to-end tests need root")
         if not os.access(PROVIDER, os.X_OK):
             raise unittest.SkipTest("TANDOR_PROVIDER names no program")
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))  # servers of thousands are here
         sweep(self._prefix)
         stem = f"{self._prefix}{os.getpid()}-{next(self._numbers)}"
         self.folder = f"/tmp/{stem}"
@@ -100,7 +104,7 @@ class Lab:
 
     def _reaches(self, interface):
         with self.app, socket.socket() as probe:
-            probe.settimeout(0.1)
+            probe.settimeout(0.1 * SLOWNESS)
             probe.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, interface.encode())
             try:
                 probe.connect((SERVER, 9))
@@ -167,13 +171,14 @@ class Application:
 
     script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.py")
 
-    def __init__(self, lab, program, prefix=()):
+    def __init__(self, lab, program, prefix=(), namespace=None):
         self._lab = lab
         self.program = program
         self.name = os.path.basename(program)
-        self.process = lab.app.popen(
+        self.process = (namespace or lab.app).popen(
             *prefix, program, "-I", "-S", self.script, stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, env={"PYTHONHOME": sys.base_prefix})
+            stdout=subprocess.PIPE,
+            env={"PYTHONHOME": sys.base_prefix, "TANDOR_E2E_PATIENCE": str(PATIENCE)})
         self.pid = self.call("pid")
 
     def begin(self, function, *arguments):
@@ -231,6 +236,11 @@ class RemoteSocket:
         self._application.begin("use_socket", self.number, method, arguments)
 
 
+def with_descriptors(count):
+    """The words that let a program have no more than so many, even one that would raise its limit."""
+    return ("prlimit", f"--nofile={count}:{count}", "setpriv", "--bounding-set=-sys_resource")
+
+
 class EndToEnd(unittest.TestCase):
     """A lab with a listed and an unlisted application and an idle daemon for all tests of a class.
     Whatever a test does, afterwards nothing of it is left in the system or in the daemon."""
@@ -269,6 +279,13 @@ class EndToEnd(unittest.TestCase):
         """The same object, closed at the end of the test."""
         self.addCleanup(closable.close)
         return closable
+
+    @contextlib.contextmanager
+    def assertPrompt(self, seconds):
+        """What is done meanwhile takes less time than that, on a machine of usual speed."""
+        begin = time.monotonic()
+        yield
+        self.assertLess(time.monotonic() - begin, seconds * SLOWNESS)
 
     def assertWay(self, expected, application, address, kind="tcp", **options):
         """A new flow exchanges bytes on this way: "native", "proxy", or relayed over an interface

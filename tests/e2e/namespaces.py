@@ -11,7 +11,8 @@ import subprocess
 import threading
 import time
 
-#: Divides amounts of data and flows; a daemon under a sanitizer is several times slower.
+#: Divides amounts of data and flows, multiplies times; a daemon under a sanitizer is several times
+#: slower, and so is a whole machine that is emulated.
 SLOWNESS = int(os.environ.get("TANDOR_E2E_SLOWNESS", "1"))
 #: Where the session lives that runs these tests: the daemon refuses to start there.
 PROTECTED = os.readlink("/proc/self/ns/net")
@@ -97,9 +98,13 @@ class Namespace:
                                 preexec_fn=_die_with_runner, **options)
 
     def read(self, path):
-        """A file that shows the namespace of whoever reads it."""
-        with self, open(path) as file:
-            return file.read()
+        """A file that shows the namespace of whoever reads it; empty when the kernel has none, since
+        the module that makes it has not been needed yet."""
+        try:
+            with self, open(path) as file:
+                return file.read()
+        except FileNotFoundError:
+            return ""
 
     def write(self, path, text):
         with self, open(path, "w") as file:

@@ -14,7 +14,7 @@ import time
 import unittest
 
 from daemon import PROVIDER, PROXY, Control, ControlError
-from lab import ETH0, OTHER, SERVER, EndToEnd
+from lab import ETH0, OTHER, SERVER, EndToEnd, with_descriptors
 from namespaces import SLOWNESS, end, eventually
 from peers import Echo, Listener, QueueOwner, bound, client_hello
 
@@ -63,10 +63,9 @@ class UnderLoad(EndToEnd):
 
     def assertNative(self):
         """New flows go their native way at once, those on old sockets, too."""
-        begin = time.monotonic()
-        for kind in ("tcp", "udp"):
-            self.assertWay("native", self.listed, WEB, kind)
-        self.assertLess(time.monotonic() - begin, 0.9)  # before anything is sent again
+        with self.assertPrompt(0.9):  # before anything is sent again
+            for kind in ("tcp", "udp"):
+                self.assertWay("native", self.listed, WEB, kind)
 
     def assertDatagramsNative(self):
         """The UDP socket of a flow that was taken goes on by itself."""
@@ -247,7 +246,8 @@ class Surroundings(EndToEnd):
         for namespace, change, interface in changes:
             with self.subTest(change):
                 namespace.ip(change)
-                eventually(lambda: self.daemon.status()["directInterface"] == interface, change, 5)
+                eventually(lambda: self.daemon.status()["directInterface"] == interface, change,
+                           5 * SLOWNESS)
                 # Without a physical interface, direct flows go wherever the routes say.
                 for kind in ("tcp", "udp"):
                     self.assertWay(interface or "vpn0", self.listed, WEB, kind)
@@ -257,7 +257,7 @@ class Surroundings(EndToEnd):
 
     def test_no_room_for_more(self):
         self.daemon.end()
-        type(self).daemon = self.lab.daemon(wrapper=("prlimit", "--nofile=400:400"))
+        type(self).daemon = self.lab.daemon(wrapper=with_descriptors(400))
         self.start("directlyWhiteList")
         room, count = (400 - 256) // 2, 200
         self.listed.call("connect_many", WEB, count)
@@ -284,7 +284,7 @@ class Surroundings(EndToEnd):
     @unittest.skipIf(SLOWNESS > 1, "a sanitizer needs descriptors of its own")
     def test_a_moment_without_descriptors(self):
         """What cannot be looked at has not gone."""
-        daemon = self.lab.daemon(wrapper=("prlimit", "--nofile=300:300"))
+        daemon = self.lab.daemon(wrapper=with_descriptors(300))
         daemon.start("directlyWhiteList", [self.listed.program])
         clients = []
         while daemon.descriptors() < 300:
@@ -295,7 +295,8 @@ class Surroundings(EndToEnd):
             self.assertEqual(daemon.status()["directInterface"], "eth0")
             for client in clients:
                 client.close()
-            eventually(lambda: daemon.status()["directInterface"] == "eth1", patience=5)
+            eventually(lambda: daemon.status()["directInterface"] == "eth1",
+                       patience=5 * SLOWNESS)
         finally:
             self.lab.app.ip("route del default via 192.0.2.65 dev eth1 metric 90")
         daemon.terminate()
