@@ -43,6 +43,7 @@ buildPackages=(
 )
 testPackages=(libgtest-dev libssl-dev iproute2 iptables nftables procps python3)
 clangPackages=(clang-tidy-19 clang-format-19 libclang-rt-19-dev git)
+soakPackages=(iproute2 iptables nftables procps python3 util-linux)
 benchPackages=(libbenchmark-dev iproute2 iptables procps python3 util-linux)
 # What is measured beside us.
 benchPeers=(haproxy nginx-light libnginx-mod-stream redsocks)
