@@ -188,7 +188,11 @@ class Trouble:
 
     def _squat(self):
         self._ledger.events["squat"] += 1
-        stolen = self._attacker.call("squat", self._listening(), 3)
+        self._attacker.begin("squat", self._listening(), 3)
+        if self._chance.random() < 0.5:  # it was there before the daemon's next start
+            time.sleep(0.5)
+            self._stop_and_start()
+        stolen = self._attacker.finish()
         if stolen:
             self._ledger.fault("squat", f"{stolen} packets went to who is not the daemon")
 
