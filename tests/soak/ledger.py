@@ -94,11 +94,13 @@ class Ledger:
         if outcome == "silent":
             return "a flow waits for what never comes"
         if outcome == "again":
-            # The packets that a killed daemon held are lost.
-            return "" if met & {"kill"} or application != "left" and met else "datagrams were lost"
+            # The packets that a killed daemon held are lost, those that a foreign program has the
+            # kernel drop, and those that have no route.
+            excuses = met & {"kill", "no hooks", "no routes"} if application == "left" else met
+            return "" if excuses else "datagrams were lost"
         if application == "left":
             # Who removes the machine's routes interrupts everybody, us or not.
-            is_foreign = "flush" in met and "unreachable" in detail
+            is_foreign = "no routes" in met and "unreachable" in detail
             return "" if is_foreign else "a flow failed that is to be left"
         if kind == "quic" and "ECONNREFUSED" in detail:
             return ""

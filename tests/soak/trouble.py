@@ -118,11 +118,12 @@ class Trouble:
         self.daemon.update(mode, apps, **keys)
         self._guard(mode)
 
-    def _stop_and_start(self):
+    def _stop_and_start(self, is_alone=True):
         with self._ledger.event("stop"):
             self._ledger.end_guard()
             self.daemon.call("stopProxy")
-            self.look_for_traces("a stop")
+            if is_alone:  # or else others' sockets look like traces
+                self.look_for_traces("a stop")
             self._start()
 
     def _sleep(self):
@@ -153,21 +154,30 @@ class Trouble:
     def _flush(self):
         if time.monotonic() < self._last_flush + FLUSH_INTERVAL:
             return
-        rules = "rule flush\nrule add pref 32766 lookup main\nrule add pref 32767 lookup default"
         what, flush = self._chance.choice((
             ("iptables -F", lambda: self._lab.app.run("iptables", "-t", "mangle", "-F")),
-            ("nft flush", lambda: self._lab.app.run("nft", "flush", "ruleset")),
-            ("rule flush", lambda: self._lab.app.ip(rules)),
+            ("nft flush", self._flush_tables),
+            ("rule flush", self._flush_routing),
             ("rule deleted", lambda: self._lab.app.ip("rule del pref 1"))))
-        with self._ledger.event("flush"):
+        with self._ledger.event("flush"), self._ledger.event(what):
             self._ledger.end_guard()
-            self._ledger.events[what] += 1
             flush()
             time.sleep(RECOVERY)
         self._last_flush = time.monotonic()
         if self.daemon.status()["state"] != "running":
             self._ledger.fault("a daemon that gave up", self.daemon.log()[-300:])
         self._update()
+
+    def _flush_tables(self):
+        """With its tables' hooks, the kernel drops whatever waits in a queue."""
+        with self._ledger.event("no hooks"):
+            self._lab.app.run("nft", "flush", "ruleset")
+
+    def _flush_routing(self):
+        """The machine's own rules are gone, too, for a moment."""
+        with self._ledger.event("no routes"):
+            self._lab.app.ip("rule flush\nrule add pref 32766 lookup main\n"
+                             "rule add pref 32767 lookup default")
 
     # Users.
 
@@ -191,7 +201,7 @@ class Trouble:
         self._attacker.begin("squat", self._listening(), 3)
         if self._chance.random() < 0.5:  # it was there before the daemon's next start
             time.sleep(0.5)
-            self._stop_and_start()
+            self._stop_and_start(is_alone=False)
         stolen = self._attacker.finish()
         if stolen:
             self._ledger.fault("squat", f"{stolen} packets went to who is not the daemon")
