@@ -44,7 +44,6 @@ class Soak:
         self._may_die = may_die
         self._lab = Lab()
         self._before = self._surroundings()
-        self._programs_before = set(self._pinned())
         self._server = Server(self._lab, self._lab.program("server"), namespace=self._lab.net)
         self._server.call("begin")
         self._applications = {}
@@ -107,9 +106,10 @@ class Soak:
         self._lab.close()
 
     def _weigh(self):
-        first = self.rests[:max(1, len(self.rests) // 4)]
-        _, resident, descriptors = self.rests[-1]
-        most, most_descriptors = max(rest[1] for rest in first), max(rest[2] for rest in first)
+        """What it always holds in the last quarter, beside the most that it held in the first."""
+        quarter = max(1, len(self.rests) // 4)
+        _, resident, descriptors = (min(held) for held in zip(*self.rests[-quarter:]))
+        _, most, most_descriptors = (max(held) for held in zip(*self.rests[:quarter]))
         if resident > most * GROWTH + SLACK:
             self.ledger.fault("memory grows", f"from {most >> 10} to {resident >> 10} KiB at rest")
         if descriptors > most_descriptors:
