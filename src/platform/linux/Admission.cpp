@@ -238,7 +238,7 @@ std::uint32_t Admission::offerAs(const InterceptedFlow::Origin& origin, Handle h
 bool Admission::hasRoomForAnother() {
   if (registry_.existingCount() < mostFlows_) return true;
   const auto now = EpollLoop::Clock::now();
-  if (now - lastComplaint_ >= complaintInterval) {
+  if (!lastComplaint_ || now - *lastComplaint_ >= complaintInterval) {
     lastComplaint_ = now;
     NSLog(fmt::format("no room for more than {} flows: new ones are left to the kernel",
                       registry_.existingCount()));

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -118,7 +119,7 @@ class Admission final : public EpollLoop::Resident,
 
   const std::size_t mostFlows_;
   EpollLoop::Timer overdue_;
-  EpollLoop::Clock::time_point lastComplaint_;
+  std::optional<EpollLoop::Clock::time_point> lastComplaint_;
 };
 
 }  // namespace tandor
