@@ -59,7 +59,7 @@ class TandorProxyConnection final : public std::enable_shared_from_this<TandorPr
   TandorProxyConnection(const TandorProxyConnection&) = delete;
   TandorProxyConnection& operator=(const TandorProxyConnection&) = delete;
   /// Closes the flow, whatever happened before, and tells the delegate.
-  ~TandorProxyConnection();
+  ~TandorProxyConnection() override;
 
   /// Before start().
   void setIsDebug(bool isDebug) noexcept { isDebug_ = isDebug; }

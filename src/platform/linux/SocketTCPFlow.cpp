@@ -271,10 +271,8 @@ void SocketTCPFlow::streamDidWrite(int error) {
   if (auto completion = std::exchange(writeCompletion_, nullptr)) completion(systemError(error));
 }
 
-void SocketTCPFlow::setDepartureObserver(std::weak_ptr<NEFlowDepartureObserver> observer) {
-  onLoop([this, observer = std::move(observer)]() mutable {
-    departureObserver_ = std::move(observer);
-  });
+void SocketTCPFlow::setDepartureObserver(const std::weak_ptr<NEFlowDepartureObserver>& observer) {
+  onLoop([this, observer] { departureObserver_ = observer; });
 }
 
 void SocketTCPFlow::setDeparturePatience(std::chrono::seconds patience) {

@@ -47,7 +47,7 @@ class SocketTCPFlow final : public NEAppProxyTCPFlow,
   void write(Data data, Completion completion) override;
   void closeReadWithError(const std::optional<NSError>& error) override;
   void closeWriteWithError(const std::optional<NSError>& error) override;
-  void setDepartureObserver(std::weak_ptr<NEFlowDepartureObserver> observer) override;
+  void setDepartureObserver(const std::weak_ptr<NEFlowDepartureObserver>& observer) override;
   void setDeparturePatience(std::chrono::seconds patience) override;
 
  private:

@@ -77,13 +77,11 @@ class NEFlowDepartureObserver {
   NEFlowDepartureObserver() = default;
   NEFlowDepartureObserver(const NEFlowDepartureObserver&) = delete;
   NEFlowDepartureObserver& operator=(const NEFlowDepartureObserver&) = delete;
+  virtual ~NEFlowDepartureObserver() = default;
 
   /// The application has gone, and nobody has read for so long. On a thread of the platform's
   /// choosing, which for a flow with an affinity is its loop's; once.
   virtual void applicationDidDepart(const std::optional<NSError>& error) = 0;
-
- protected:
-  ~NEFlowDepartureObserver() = default;
 };
 
 class NEAppProxyTCPFlow : public NEAppProxyFlow {
@@ -94,7 +92,7 @@ class NEAppProxyTCPFlow : public NEAppProxyFlow {
   /// any more. A reader is told by its read. Where nobody reads for as long as the patience is
   /// (after a reset, which gives the bytes up, for a moment), the observer is told instead. A
   /// platform that cannot know calls nobody.
-  virtual void setDepartureObserver(std::weak_ptr<NEFlowDepartureObserver> /*observer*/) {}
+  virtual void setDepartureObserver(const std::weak_ptr<NEFlowDepartureObserver>& /*observer*/) {}
   virtual void setDeparturePatience(std::chrono::seconds /*patience*/) {}
 
   /// The destination that the application asked for.
