@@ -167,6 +167,19 @@ class Datagrams(EndToEnd):
                 kept.close()
                 self.daemon.await_no_flows()
 
+    def test_nothing_that_waits_is_lost_at_a_stop(self):
+        self.unlisted.call("open_many", 5000)  # whose the sockets are takes a while
+        for number in range(5):
+            self.start("directlyWhiteList")
+            word = b"waits %d" % number
+            self.unlisted.begin("send_once", WEB, word, 200)
+            self.echo.heard(word)
+            self.daemon.call("stopProxy")
+            self.unlisted.finish()
+            eventually(lambda: len([1 for _, _, data in self.echo.received if data == word]) == 200,
+                       "all come", 5 * SLOWNESS)
+        self.unlisted.call("release_all")
+
     def test_same_ports_another_application(self):
         """What follows on a socket's ports inherits nothing from it."""
         for application, way in ((self.listed, "eth0"), (self.unlisted, "native")) * 10:

@@ -98,13 +98,22 @@ void Admission::begin(FlowAnswers& answers, const KernelPrograms* programs) {
   programs_ = programs;
 }
 
-void Admission::end() {
-  queue_ = nullptr;
-  destroyWatch_ = nullptr;
-  held_.clear();
+void Admission::leaveAll() {
   overdue_.stop();
   missed_.stop();
   abandonOverdue(EpollLoop::Clock::duration::zero());
+  answers_ = nullptr;
+  toRemember_.clear();
+  for (const auto& [key, held] : held_)
+    for (const PacketQueue::Packet& packet : held.packets) queue_->accept(packet, leaveMark);
+  held_.clear();
+  queue_->drain();
+}
+
+void Admission::end() {
+  leaveAll();
+  destroyWatch_ = nullptr;
+  queue_ = nullptr;
 }
 
 void Admission::packetArrived(const PacketQueue::Packet& packet) {
@@ -312,6 +321,7 @@ void Admission::packetsWentOn() {
 }
 
 void Admission::socketDestroyed(std::uint64_t cookie) {
+  if (answers_ == nullptr) return;
   socketsAtStart_.erase(cookie);
   const auto flows = flowsOfSockets_.find(cookie);
   if (flows == flowsOfSockets_.end()) return;

@@ -42,7 +42,10 @@ class Admission final : public EpollLoop::Resident,
   /// Offers flows from now on; until then, whatever is held goes its native way. `answers` outlives
   /// the admission; so do the programs, null where none watch. On the loop.
   void begin(FlowAnswers& answers, const KernelPrograms* programs);
-  /// Gives up the queue: packets pass from now on. On the loop.
+  /// Offers no flow any more: whatever waits goes its native way, and what comes at once. On the
+  /// loop.
+  void leaveAll();
+  /// The same, and gives up the queue: packets pass from now on. On the loop.
   void end();
 
   /// So many flows can be taken at once: as many as there are descriptors for.

@@ -164,6 +164,8 @@ Interception::~Interception() {
   // last bytes are delivered.
   endFlows();
   guard_ = nullptr;
+  if (auto quiet = stopAsking(); !quiet) NSLog("interception: " + quiet.error());
+  runOn(*loop_, [this] { admission_->leaveAll(); });
   if (auto clean = removeEverything(); !clean) NSLog("interception: " + clean.error());
   runOn(*loop_, [this] { admission_->end(); });
   for (const auto& listener : listeners_) runOn(*listener->residence(), [&] { listener->close(); });

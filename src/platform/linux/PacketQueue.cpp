@@ -17,7 +17,7 @@ namespace tandor {
 namespace {
 
 constexpr std::uint32_t copiedBytes = 96;  // the longest IPv4 header with the ports behind it
-constexpr std::uint32_t queueLength = 4096;
+constexpr int queueLength = 4096;
 constexpr int receiveBuffer = 4 * 1024 * 1024;
 
 /// The flow that an IPv4 packet belongs to, from its first bytes; protocol 0 when it is none of
@@ -138,18 +138,27 @@ void PacketQueue::ready(std::uint32_t events) {
 }
 
 void PacketQueue::receive() {
+  const int count = receiveSome();
+  // Fewer than asked for were all: the next one is announced by a new edge.
+  if (count == batchSize || (count < 0 && errno != EAGAIN)) loop_.defer(receive_);
+}
+
+int PacketQueue::receiveSome() {
   const int count = ::recvmmsg(::mnl_socket_get_fd(socket_.get()), headers_.data(), batchSize,
                                MSG_DONTWAIT, nullptr);
-  if (count <= 0) {
-    if (errno != EAGAIN) loop_.defer(receive_);
-    return;
+  for (int index = 0; index < count; ++index) {
+    const auto place = static_cast<std::size_t>(index);
+    const auto* message = reinterpret_cast<const nlmsghdr*>(messages_[place].data());
+    if (::mnl_nlmsg_ok(message, static_cast<int>(headers_[place].msg_len))) handle(*message);
   }
-  for (std::size_t index = 0; index < static_cast<std::size_t>(count); ++index) {
-    const auto* message = reinterpret_cast<const nlmsghdr*>(messages_[index].data());
-    if (::mnl_nlmsg_ok(message, static_cast<int>(headers_[index].msg_len))) handle(*message);
-  }
-  // Fewer than asked for were all: the next one is announced by a new edge.
-  if (static_cast<std::size_t>(count) == batchSize) loop_.defer(receive_);
+  return count;
+}
+
+void PacketQueue::drain() {
+  // What is not read by then comes from somewhere that still queues; it must not keep us.
+  constexpr int mostBatches = 2 * queueLength / batchSize;
+  for (int batch = 0; batch < mostBatches && receiveSome() > 0; ++batch) sendVerdicts();
+  sendVerdicts();
 }
 
 void PacketQueue::handle(const nlmsghdr& message) {

@@ -70,15 +70,20 @@ class PacketQueue final : private EpollLoop::Source {
   /// Lets the packet go on: untouched for leaveMark, else with `decision` in our nibble of its mark
   /// and its other bits unchanged. Leaves with the other verdicts of this turn.
   void accept(const Packet& packet, std::uint32_t decision);
+  /// Has the owner see every packet that waits, and sends the verdicts: what has none when the
+  /// queue goes, the kernel drops. Once nothing is queued any more.
+  void drain();
 
  private:
-  static constexpr std::size_t batchSize = 64;
+  static constexpr int batchSize = 64;
   static constexpr std::size_t messageSize = 1024;  // headers and the copied bytes of one packet
 
   PacketQueue(EpollLoop& loop, Socket socket, std::uint16_t number, Owner& owner);
 
   void ready(std::uint32_t events) override;
   void receive();
+  /// Handles what one system call brings; how many messages that were, negative for an error.
+  int receiveSome();
   void sendVerdicts();
   void handle(const nlmsghdr& message);
 

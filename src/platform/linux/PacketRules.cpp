@@ -228,6 +228,17 @@ bool arePacketRulesInOlderTables() {
   return version && !version->output.contains("nf_tables");
 }
 
+std::expected<void, std::string> stopAsking() {
+  const auto ours = findOurs("mangle");
+  if (!ours) return std::unexpected(ours.error());
+  std::string script;
+  forEachLine(ours->jumps, [&](std::string_view line) {
+    if (line.starts_with("-D OUTPUT ")) script += fmt::format("{}\n", line);
+  });
+  return script.empty() ? std::expected<void, std::string>()
+                        : restore(fmt::format("*mangle\n{}COMMIT\n", script));
+}
+
 std::expected<void, std::string> removePacketRules() {
   // Between a look and a removal others may take something away that is then not there to remove.
   constexpr int mostAttempts = 3;

@@ -35,6 +35,11 @@ struct ListenerPorts {
 /// of changes.
 [[nodiscard]] bool arePacketRulesInOlderTables();
 
+/// Takes away what asks about flows and brings them here; the first step of a removal. With the
+/// last rule that redirects, the kernel drops every packet that waits in a queue: by then none
+/// must.
+[[nodiscard]] std::expected<void, std::string> stopAsking();
+
 /// Takes every rule and chain of ours away; nothing there is no failure.
 [[nodiscard]] std::expected<void, std::string> removePacketRules();
 
