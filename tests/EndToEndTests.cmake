@@ -26,6 +26,8 @@ set(classes
   lifecycle.Surroundings
   foreign.ForeignChanges
   foreign.ForeignChangesOfOlderTables
+  rules.RoutingRules
+  rules.RoutingRulesWithTracking
   identity.Identity
   identity.IdentityWithoutProbe)
 if(TANDOR_HOST)

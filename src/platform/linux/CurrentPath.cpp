@@ -26,11 +26,6 @@ struct Link {
   std::uint16_t hardware = 0;
 };
 
-template <typename Message>
-std::span<const std::byte> bytesOf(const Message& message) {
-  return std::as_bytes(std::span(&message, 1));
-}
-
 std::string linkKind(const nlattr& linkInfo) {
   std::string kind;
   forEachAttribute(linkInfo, [&](const nlattr& attribute) {
@@ -39,24 +34,11 @@ std::string linkKind(const nlattr& linkInfo) {
   return kind;
 }
 
-/// What `dump` adds to an empty Found. Asks again when something changed meanwhile, since such an
-/// answer has gaps; where changes never end, the last answer has to do. Fails with an error number.
-template <typename Found>
-std::expected<Found, int> wholeDump(std::expected<void, int> (*dump)(Found&)) {
-  constexpr int mostAttempts = 20;
-  for (int attempt = 1;; ++attempt) {
-    Found found;
-    const auto complete = dump(found);
-    if (!complete && complete.error() != EINTR) return std::unexpected(complete.error());
-    if (complete || attempt == mostAttempts) return found;
-  }
-}
-
 using Links = std::map<std::uint32_t, Link>;
 
 std::expected<void, int> dumpLinks(Links& found) {
   const ifinfomsg all{};
-  return dumpNetlink(NETLINK_ROUTE, RTM_GETLINK, bytesOf(all), [&](const nlmsghdr& message) {
+  return dumpNetlink(NETLINK_ROUTE, RTM_GETLINK, headerBytes(all), [&](const nlmsghdr& message) {
     const auto& info = *static_cast<const ifinfomsg*>(::mnl_nlmsg_get_payload(&message));
     Link link{.name = {}, .kind = {}, .flags = info.ifi_flags, .hardware = info.ifi_type};
     forEachAttribute(message, sizeof info, [&](const nlattr& attribute) {
@@ -124,7 +106,7 @@ using Ranks = std::map<std::uint32_t, Rank>;
 std::expected<void, int> dumpDefaultRoutes(Ranks& ranks) {
   rtmsg all{};
   all.rtm_family = AF_INET;
-  return dumpNetlink(NETLINK_ROUTE, RTM_GETROUTE, bytesOf(all), [&](const nlmsghdr& message) {
+  return dumpNetlink(NETLINK_ROUTE, RTM_GETROUTE, headerBytes(all), [&](const nlmsghdr& message) {
     const auto& route = *static_cast<const rtmsg*>(::mnl_nlmsg_get_payload(&message));
     if (route.rtm_family != AF_INET || route.rtm_dst_len != 0 || route.rtm_type != RTN_UNICAST)
       return;

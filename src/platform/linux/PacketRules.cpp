@@ -20,7 +20,8 @@ namespace {
 // chain never sees it. Of TCP every SYN is asked: a reused pair of addresses must not inherit an
 // old answer; its destination is one machine, since connecting to another kind fails. That a flow
 // is taken is remembered by its first packet on lo: few packets get there, and those of others pass
-// one rule a hook.
+// one rule a hook. A taken packet that the routing policy does not bring to lo, since others have
+// just changed theirs, is dropped, and counted there: to go past the provider in silence is worse.
 
 /// Answers are remembered by our programs in the kernel.
 constexpr std::string_view mangleWithPrograms = R"(*mangle
@@ -29,6 +30,7 @@ constexpr std::string_view mangleWithPrograms = R"(*mangle
 :TANDOR_ASK - [0:0]
 :TANDOR_PRE - [0:0]
 :TANDOR_HEAR - [0:0]
+:TANDOR_STRAY - [0:0]
 -A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -p udp -m bpf --object-pinned {programs}/noteOwn
 -A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -j RETURN
 -A TANDOR_OUTPUT -m bpf --object-pinned {programs}/isTaken -g TANDOR_TAKE
@@ -42,7 +44,9 @@ constexpr std::string_view mangleWithPrograms = R"(*mangle
 -A TANDOR_PRE -p tcp -m bpf --object-pinned {programs}/noteTaken -j TPROXY --on-ip 127.0.0.1 --on-port {tcpPort}
 -A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {udpPort}
 -A TANDOR_HEAR -m bpf --object-pinned {programs}/noteHeard
+-A TANDOR_STRAY -m addrtype --src-type LOCAL -j DROP
 -A OUTPUT ! -o lo -j TANDOR_OUTPUT
+-A POSTROUTING ! -o lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_STRAY
 -A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
 -A PREROUTING ! -i lo -p udp -m addrtype --dst-type LOCAL -j TANDOR_HEAR
 COMMIT
@@ -55,6 +59,7 @@ constexpr std::string_view mangleWithTracking = R"(*mangle
 :TANDOR_OWN - [0:0]
 :TANDOR_ASK - [0:0]
 :TANDOR_PRE - [0:0]
+:TANDOR_STRAY - [0:0]
 -A TANDOR_OUTPUT -o lo -j RETURN
 -A TANDOR_OUTPUT -m mark --mark {bypass:#x}/{mask:#x} -g TANDOR_OWN
 -A TANDOR_OUTPUT -p tcp --syn -g TANDOR_ASK
@@ -71,7 +76,9 @@ constexpr std::string_view mangleWithTracking = R"(*mangle
 -A TANDOR_PRE -p tcp -j TPROXY --on-ip 127.0.0.1 --on-port {tcpPort}
 -A TANDOR_PRE -m connmark ! --mark {take:#x}/{mask:#x} -j CONNMARK --set-xmark {take:#x}/{mask:#x}
 -A TANDOR_PRE -p udp -j TPROXY --on-ip 127.0.0.1 --on-port {udpPort}
+-A TANDOR_STRAY -m addrtype --src-type LOCAL -j DROP
 -A OUTPUT -j TANDOR_OUTPUT
+-A POSTROUTING ! -o lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_STRAY
 -A PREROUTING -i lo -m mark --mark {take:#x}/{mask:#x} -j TANDOR_PRE
 COMMIT
 )";

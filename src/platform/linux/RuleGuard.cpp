@@ -41,6 +41,9 @@ constexpr auto settlingTime = 200ms;
 constexpr auto shortestPause = 1s;
 /// What could not be put back is tried again after this.
 constexpr auto pauseAfterFailure = 10s;
+/// The routing rule does not wait that long when another comes before it: what it is there for
+/// meanwhile goes nowhere.
+constexpr auto shortestMovePause = 20ms;
 /// How often the older tables are asked whether they are as they were.
 constexpr auto olderTablesInterval = 3s;
 /// More often than this within the time, and it is a fight.
@@ -126,6 +129,7 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
         routing_(service.context()),
         filter_(service.context()),
         due_(service.context()),
+        move_(service.context()),
         look_(service.context()),
         restore_(std::move(restore)),
         owner_(owner) {}
@@ -156,6 +160,7 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
       self->routing_.close(ignored);
       self->filter_.close(ignored);
       self->due_.cancel();
+      self->move_.cancel();
       self->look_.cancel();
     });
   }
@@ -196,6 +201,7 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
 
   void routingChanged(const nlmsghdr* message) {
     if (message == nullptr || mayConcernPolicy(*message)) checkSoon(false);
+    if (message == nullptr || message->nlmsg_type == RTM_NEWRULE) moveAheadSoon();
   }
 
   void filterChanged(const nlmsghdr* message) {
@@ -238,7 +244,39 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
     });
   }
 
+  void moveAheadSoon() {
+    if (std::exchange(isMoveDue_, true)) return;
+    move_.expires_at(lastMove_ + shortestMovePause);
+    move_.async_wait([self = shared_from_this()](const asio::error_code& cancelled) {
+      if (cancelled) return;
+      self->isMoveDue_ = false;
+      self->lastMove_ = Clock::now();
+      self->queue_->async([self] { self->moveAhead(); });
+    });
+  }
+
   // On queue_.
+
+  void moveAhead() {
+    const std::scoped_lock lock(mutex_);
+    if (isEnded_) return;
+    const auto policy = moveRoutingRuleAhead();
+    if (!policy) {
+      NSLog("rules: cannot move the routing rule: " +
+            std::generic_category().message(policy.error()));
+    } else if (policy->wasMoved) {
+      NSLog("rules: another routing rule came before ours, which is ahead again");
+    }
+    if (policy) notePlace(*policy);
+  }
+
+  /// Says it when it has changed.
+  void notePlace(const RoutingPolicyState& policy) {
+    if (std::exchange(isAhead_, policy.isAhead) == policy.isAhead) return;
+    NSLog(policy.isAhead ? "rules: the routing rule is ahead of all others"
+                         : "rules: another routing rule has the preference 0, and ours cannot come "
+                           "before it; packets of flows that it leads elsewhere are dropped");
+  }
 
   void check(bool withRules, const std::string& changer) {
     // The end waits for what is being put back, and nothing is after the end.
@@ -250,8 +288,9 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
       // Its return is told.
       if (policy.error() != ENETDOWN)
         failure = "the routing rule: " + std::generic_category().message(policy.error());
-    } else if (*policy) {
-      missing = "the routing rule or its route";
+    } else {
+      notePlace(*policy);
+      if (policy->wasMissing) missing = "the routing rule or its route";
     }
     if (withRules) {
       if (const auto rules = restore_(); !rules) {
@@ -290,14 +329,17 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
   asio::posix::stream_descriptor routing_;
   asio::posix::stream_descriptor filter_;
   asio::steady_timer due_;
+  asio::steady_timer move_;
   asio::steady_timer look_;
   alignas(nlmsghdr) std::array<char, 32768> messages_{};
   OlderTables olderTables_;
   bool isCheckDue_ = false;
   bool isRulesCheckDue_ = false;
+  bool isMoveDue_ = false;
   bool isChangerSought_ = false;
   std::string changer_;
   Clock::time_point lastCheck_;
+  Clock::time_point lastMove_;
 
   /// The looks block for as long as other programs run.
   const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("tandor_rule_guard_queue");
@@ -305,6 +347,7 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
   Owner& owner_;
   std::mutex mutex_;                            // held while something is put back
   bool isEnded_ = false;                        // guarded by mutex_, as is what follows
+  bool isAhead_ = true;                         // the routing rule, of those of others
   std::deque<Clock::time_point> restorations_;  // of the last minute
 };
 

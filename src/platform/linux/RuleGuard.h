@@ -12,7 +12,8 @@ namespace tandor {
 /// Keeps the packet filter's rules and the routing policy in force while others change theirs: a
 /// firewall that is loaded anew or a network service that tidies up takes ours along, and every
 /// flow would go past us in silence. What is missing is put back a moment later. Whoever takes it
-/// away again and again is not fought: the guard gives up. It costs nothing while nothing changes.
+/// away again and again is not fought: the guard gives up. A routing rule of others that comes
+/// before ours is passed at once. It costs nothing while nothing changes.
 class RuleGuard {
  public:
   /// Hears of it, on a thread of the guard's; must not wait for the guard's end.
