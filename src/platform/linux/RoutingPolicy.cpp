@@ -133,10 +133,10 @@ std::expected<RoutingPolicyState, int> installRoutingPolicy() {
   return state;
 }
 
-std::expected<RoutingPolicyState, int> moveRoutingRuleAhead() {
+std::expected<RoutingPolicyState, int> moveRoutingRule() {
   const auto rules = wholeDump(dumpRules);
   if (!rules) return std::unexpected(rules.error());
-  if (rules->ours.empty() || rules->isAhead) return RoutingPolicyState{};
+  if (rules->ours.empty()) return RoutingPolicyState{};
   return place(*rules);
 }
 

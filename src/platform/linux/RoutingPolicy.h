@@ -23,9 +23,9 @@ struct RoutingPolicyState {
 /// when it is not where it belongs; it is there all the time. Fails with an error number: ENETDOWN
 /// while the loopback interface is down, without which there is no such route.
 [[nodiscard]] std::expected<RoutingPolicyState, int> installRoutingPolicy();
-/// Moves the rule ahead of others that have come before it; does nothing where it is ahead or is
-/// not there. Fails with an error number.
-[[nodiscard]] std::expected<RoutingPolicyState, int> moveRoutingRuleAhead();
+/// Moves the rule when it is not where it belongs; adds nothing where it is not there. Fails with
+/// an error number.
+[[nodiscard]] std::expected<RoutingPolicyState, int> moveRoutingRule();
 /// Undoes it, also what an earlier process left; nothing there is no failure.
 void removeRoutingPolicy();
 

@@ -201,7 +201,7 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
 
   void routingChanged(const nlmsghdr* message) {
     if (message == nullptr || mayConcernPolicy(*message)) checkSoon(false);
-    if (message == nullptr || message->nlmsg_type == RTM_NEWRULE) moveAheadSoon();
+    if (message == nullptr || message->nlmsg_type == RTM_NEWRULE) moveSoon();
   }
 
   void filterChanged(const nlmsghdr* message) {
@@ -244,28 +244,28 @@ class RuleGuard::Watch : public std::enable_shared_from_this<Watch> {
     });
   }
 
-  void moveAheadSoon() {
+  void moveSoon() {
     if (std::exchange(isMoveDue_, true)) return;
     move_.expires_at(lastMove_ + shortestMovePause);
     move_.async_wait([self = shared_from_this()](const asio::error_code& cancelled) {
       if (cancelled) return;
       self->isMoveDue_ = false;
       self->lastMove_ = Clock::now();
-      self->queue_->async([self] { self->moveAhead(); });
+      self->queue_->async([self] { self->moveRule(); });
     });
   }
 
   // On queue_.
 
-  void moveAhead() {
+  void moveRule() {
     const std::scoped_lock lock(mutex_);
     if (isEnded_) return;
-    const auto policy = moveRoutingRuleAhead();
+    const auto policy = moveRoutingRule();
     if (!policy) {
       NSLog("rules: cannot move the routing rule: " +
             std::generic_category().message(policy.error()));
     } else if (policy->wasMoved) {
-      NSLog("rules: another routing rule came before ours, which is ahead again");
+      NSLog("rules: others have added routing rules; ours has moved ahead of them");
     }
     if (policy) notePlace(*policy);
   }
