@@ -58,9 +58,11 @@ Finding checkDefaultRoute(const Machine& machine) {
 Finding checkDirectInterface(const Machine& machine) {
   if (const auto name = directInterface(machine))
     return {"direct connections", Result::good, fmt::format("would go over {}", *name), ""};
-  return {"direct connections", Result::warning,
-          "no wired, wireless or cellular interface has a default route, so they are refused",
-          "webProxy mode does not need one; for the other modes, connect such an interface"};
+  return {
+      "direct connections", Result::warning,
+      "no wired, wireless or cellular interface has a default route, so they are bound to none: "
+      "they go by the machine's routes, through a VPN where these say so",
+      "webProxy mode does not need one; for the other modes, connect such an interface"};
 }
 
 Finding checkReversePathFilter(const Machine& machine) {

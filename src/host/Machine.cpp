@@ -8,6 +8,7 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <sstream>
+#include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <system_error>
@@ -34,16 +35,49 @@ std::string driverName(const std::string& interface) {
 /// Wired, wireless and cellular in the order of preference.
 enum class Kind : std::uint8_t { wired, wireless, cellular, other };
 
-Kind kindOf(const Machine& machine, const std::string& interface) {
+/// Whether it is only a view of other interfaces, by its driver's name.
+bool isLaidOver(const std::string& driver) {
+  constexpr std::array<std::string_view, 6> drivers = {
+      "802.1Q VLAN Support", "macvlan", "ipvlan", "bonding", "team", "bridge"};
+  return std::ranges::find(drivers, driver) != drivers.end();
+}
+
+/// What lies below an interface.
+std::vector<std::string> lowersOf(const Machine& machine, const std::string& interface) {
+  constexpr std::string_view prefix = "lower_";
+  std::vector<std::string> names;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(machine.root / "sys/class/net" / interface, error);
+       !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    const std::string name = entry->path().filename();
+    if (name.starts_with(prefix)) names.push_back(name.substr(prefix.size()));
+  }
+  return names;
+}
+
+Kind kindOf(const Machine& machine, const std::string& interface, int depth = 0) {
+  constexpr int mostLayers = 8;
+  const std::string driver = machine.driverOf(interface);
+  if (isLaidOver(driver) && depth < mostLayers) {
+    Kind best = Kind::other;
+    for (const std::string& lower : lowersOf(machine, interface)) {
+      // On a bridge, cables lead to containers.
+      if (driver == "bridge" && machine.driverOf(lower) == "veth") continue;
+      best = std::min(best, kindOf(machine, lower, depth + 1));
+    }
+    return best;
+  }
   const std::string folder = "/sys/class/net/" + interface;
   const std::string properties = machine.read(folder + "/uevent").value_or("");
   if (properties.contains("DEVTYPE=wlan\n")) return Kind::wireless;
-  if (properties.contains("DEVTYPE=wwan\n")) return Kind::cellular;
+  for (const std::string_view type : {"DEVTYPE=wwan\n", "DEVTYPE=ppp\n", "DEVTYPE=bluetooth\n"})
+    if (properties.contains(type)) return Kind::cellular;
   constexpr std::string_view ethernet = "1\n";
   if (properties.contains("DEVTYPE=") || machine.read(folder + "/type") != ethernet)
     return Kind::other;
   // A veth pair is the cable of a container.
-  const bool isCable = machine.exists(folder + "/device") || machine.driverOf(interface) == "veth";
+  if (driver == "rndis_host" || driver == "ipheth") return Kind::cellular;
+  const bool isCable = machine.exists(folder + "/device") || driver == "veth";
   return isCable ? Kind::wired : Kind::other;
 }
 

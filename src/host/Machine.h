@@ -33,7 +33,8 @@ struct Uplink {
 [[nodiscard]] std::vector<Uplink> uplinks(const Machine& machine);
 
 /// The interface that direct connections are bound to: of those above the best wired one, else
-/// wireless, else cellular; virtual ones never. Absent when there is none.
+/// wireless, else cellular; bridges, bonds, VLANs and the like as what lies below them, other
+/// virtual ones never. Absent when there is none.
 [[nodiscard]] std::optional<std::string> directInterface(const Machine& machine);
 
 }  // namespace tandor::host

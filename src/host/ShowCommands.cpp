@@ -64,7 +64,9 @@ void printStatus(const Provider& provider, const std::optional<ProviderValues>& 
   row("provider", printable(fmt::format("version {}, process {}", provider.status.version,
                                         provider.status.pid)));
   row("control", printable(provider.controlPath));
-  row("direct over", printable(textMember(whole, "directInterface").value_or("-")));
+  row("direct over",
+      printable(textMember(whole, "directInterface")
+                    .value_or(isRunning ? "no physical interface: by the machine's routes" : "-")));
   const json flows = whole.value("flows", json::object());
   row("flows", fmt::format("{} open, {} taken, {} left, {} refused", count(flows, "open"),
                            count(flows, "taken"), count(flows, "left"), count(flows, "refused")));

@@ -75,9 +75,10 @@ class Lab:
             address add 192.0.2.65/26 dev eth1
             address add 10.8.0.1/24 dev vpn0
             address add fd00::1/64 dev eth0 nodad""")
-        # Only a veth of the application's side counts as a physical interface.
+        # A veth of the application's side counts as a physical interface, but not as a bridge's port.
         self.app.ip(f"""
-            link add link vpn1 name vpn0 type macvlan mode private
+            link add vpn0 type bridge
+            link set vpn1 master vpn0
             address add {ETH0}/26 dev eth0
             address add {ETH1}/26 dev eth1
             address add {VPN}/24 dev vpn0

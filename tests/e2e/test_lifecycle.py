@@ -255,6 +255,45 @@ class Surroundings(EndToEnd):
         self.assertEqual(self.echo.heard(b"before"), self.echo.heard(b"after"))
         flow.close()
 
+    def test_interfaces_over_others(self):
+        """Count as what lies below them; a bridge as its ports but those of containers."""
+        via = "route add default via 192.0.2.65 dev eth2 metric 20"
+        address = "address add 192.0.2.66/26 dev eth2\nlink set eth2 up\n"
+        over = "link add link eth1 name {} type macvlan mode private\n".format
+        bare = "address flush dev eth1\n"
+        bridge = bare + "link add eth2 type bridge\n"
+        kinds = (
+            ("macvlan", bare + over("eth2") + address + via, "eth2"),
+            ("two layers", bare + over("eth3") + "link set eth3 up\n" + over("eth2").replace(
+                "link eth1", "link eth3") + address + via, "eth2"),
+            ("a bridge over an interface",
+             bridge + over("eth3") + "link set eth3 up master eth2\n" + address + via, "eth2"),
+            ("a bridge of containers", bridge + "link set eth1 master eth2\n" + address + via % "add",
+             "eth0"),
+            ("the object of a next hop", bare + over("eth2") + address +
+             "nexthop add id 5 via 192.0.2.65 dev eth2\nroute add default nhid 5 metric 20", "eth2"),
+            ("a group of them", bare + over("eth2") + address +
+             "nexthop add id 5 via 192.0.2.65 dev eth2\nnexthop add id 6 group 5\n"
+             "route add default nhid 6 metric 20", "eth2"))
+        compatible = "/proc/sys/net/ipv4/nexthop_compat_mode"
+        self.lab.app.write(compatible, "0")  # otherwise routes name the interface, too
+        self.addCleanup(self.lab.app.write, compatible, "1")
+        self.start("directlyWhiteList")
+        for name, change, interface in kinds:
+            with self.subTest(name):
+                try:
+                    self.lab.app.ip(change)
+                    if interface == "eth0":
+                        time.sleep(0.5)  # nothing is to happen
+                    eventually(lambda: self.daemon.status()["directInterface"] == interface, name, 5)
+                    for kind in ("tcp", "udp"):
+                        self.assertWay("eth1" if interface == "eth2" else "eth0", self.listed, WEB, kind)
+                finally:
+                    self.lab.app.run("sh", "-c", "ip link del eth2; ip link del eth3; ip nexthop flush;"
+                                     "ip address add 192.0.2.66/26 dev eth1;"
+                                     "ip route add default via 192.0.2.65 dev eth1 metric 200")
+                eventually(lambda: self.daemon.status()["directInterface"] == "eth0", name, 5)
+
     def test_no_room_for_more(self):
         self.daemon.end()
         type(self).daemon = self.lab.daemon(wrapper=with_descriptors(400))

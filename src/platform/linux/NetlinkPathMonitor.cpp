@@ -37,8 +37,9 @@ class NetlinkPathMonitor::Watch : public std::enable_shared_from_this<Watch> {
         handler_(std::move(handler)) {}
 
   void start() {
+    constexpr unsigned nextHops = 1U << (RTNLGRP_NEXTHOP - 1U);
     FileDescriptor socket =
-        subscribeToNetlink(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE);
+        subscribeToNetlink(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | nextHops);
     if (socket.isOpen()) {
       descriptor_.assign(socket.release());
       awaitChange();
