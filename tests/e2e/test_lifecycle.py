@@ -268,7 +268,7 @@ class Surroundings(EndToEnd):
                 "link eth1", "link eth3") + address + via, "eth2"),
             ("a bridge over an interface",
              bridge + over("eth3") + "link set eth3 up master eth2\n" + address + via, "eth2"),
-            ("a bridge of containers", bridge + "link set eth1 master eth2\n" + address + via % "add",
+            ("a bridge of containers", bridge + "link set eth1 master eth2\n" + address + via,
              "eth0"),
             ("the object of a next hop", bare + over("eth2") + address +
              "nexthop add id 5 via 192.0.2.65 dev eth2\nroute add default nhid 5 metric 20", "eth2"),
