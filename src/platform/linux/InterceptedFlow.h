@@ -82,7 +82,7 @@ class InterceptedFlow : public EpollLoop::Resident {
   /// Tells where the flow's bytes go, and the interface that they are bound to. Any thread.
   void setOutbound(const SocketAddress& address, const std::string& interface);
   /// Tells what carries the flow's bytes from now on. On the loop.
-  virtual void setCarrier(std::weak_ptr<Carrier> /*carrier*/) {}
+  virtual void setCarrier(const std::weak_ptr<Carrier>& /*carrier*/) {}
   /// Any thread.
   [[nodiscard]] FlowInfo info() const;
   /// The way to the application is about to go: a closed flow that has delivered everything ends

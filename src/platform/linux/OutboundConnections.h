@@ -12,6 +12,7 @@ class OutboundConnections {
   OutboundConnections() = default;
   OutboundConnections(const OutboundConnections&) = delete;
   OutboundConnections& operator=(const OutboundConnections&) = delete;
+  ~OutboundConnections() = default;
 
   /// A connection is added once, and removed before it is destroyed.
   void add(SocketConnection& connection);

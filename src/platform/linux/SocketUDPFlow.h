@@ -50,7 +50,7 @@ class SocketUDPFlow final : public NEAppProxyUDPFlow,
     closeHandler_ = std::move(handler);
   }
 
-  void setCarrier(std::weak_ptr<Carrier> carrier) override { carrier_ = std::move(carrier); }
+  void setCarrier(const std::weak_ptr<Carrier>& carrier) override { carrier_ = carrier; }
   [[nodiscard]] const NEFlowMetaData& metaData() const override { return originMetaData(); }
   [[nodiscard]] std::shared_ptr<LoopAffinity> affinity() override { return makeAffinity(); }
   void open(const std::optional<NWHostEndpoint>& localEndpoint, Completion completion) override;
