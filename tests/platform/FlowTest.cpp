@@ -117,5 +117,20 @@ TEST_F(TCPFlowTest, ShowsTheApplicationHowItWasClosed) {
   EXPECT_EQ(pair.app.receiveAll().error, 0);
 }
 
+TEST_F(TCPFlowTest, WaitsNoLongerForAnApplicationThatHasReset) {
+  for (const bool hasFinished : {false, true}) {
+    auto [flow, app] = makeTCPFlow(loop(), 8192);
+    EXPECT_EQ(codeOf(open(*flow).get()), 0);
+    const auto held = write(*flow, pattern(mebibyte));  // far more than it takes
+    if (hasFinished) app.finishSending();
+    passThrough();
+    flow->closeReadWithError(failure);
+    flow->closeWriteWithError(failure);
+    flow = nullptr;
+    passThrough();
+    app.close();  // with bytes that it has not read; then no descriptor is left
+  }
+}
+
 }  // namespace
 }  // namespace tandor::test

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
-#include <netinet/tcp.h>
 #include <utility>
 #include <vector>
 
@@ -37,13 +36,6 @@ constexpr auto firstFlightPatience = std::chrono::milliseconds(300);
 /// A reset gives up what the application has sent: only what is being read just now goes on.
 constexpr auto resetPatience = std::chrono::milliseconds(100);
 constexpr auto departureCheck = std::chrono::seconds(1);
-
-bool isReset(int socket) {
-  tcp_info info{};
-  socklen_t length = sizeof info;
-  return ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
-         info.tcpi_state == TCP_CLOSE;
-}
 
 /// Whether no process holds the application's socket any more. One that has only ended its sending
 /// side waits for an answer.
@@ -286,7 +278,7 @@ void SocketTCPFlow::streamDidHangUp() {
 
 void SocketTCPFlow::checkDeparture() {
   const auto now = EpollLoop::Clock::now();
-  const bool hasReset = isReset(stream_->descriptor());
+  const bool hasReset = stream_->wasReset();
   const bool hasLeft = hasReset || isAbandoned(key());
   const std::uint64_t bytesRead = stream_->bytesRead();
   if (hasLeft != std::exchange(departure_->hasLeft, hasLeft) ||

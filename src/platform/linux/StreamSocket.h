@@ -93,6 +93,8 @@ class StreamSocket final : private EpollLoop::Source {
   void abort();
 
   [[nodiscard]] bool isOpen() const noexcept { return socket_.isOpen(); }
+  /// Whether the connection is no more, by the peer's reset or the kernel's giving up.
+  [[nodiscard]] bool wasReset() const noexcept;
   [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
   /// Bytes read from and sent to the peer. Any thread.
   [[nodiscard]] std::uint64_t bytesRead() const noexcept {

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <chrono>
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <utility>
 
@@ -150,8 +152,16 @@ void StreamSocket::linger() {
   if (hasEnded_) close();
 }
 
+bool StreamSocket::wasReset() const noexcept {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  return ::getsockopt(socket_.get(), IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+         info.tcpi_state == TCP_CLOSE;
+}
+
 void StreamSocket::awaitReset() {
-  if (undelivered() == 0) {
+  // What the peer has not acknowledged before its own reset, it never will.
+  if (undelivered() == 0 || wasReset()) {
     reset();
     return;
   }
